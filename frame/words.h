@@ -1,0 +1,19 @@
+// Exported words that any thread may read while another sets them: relaxed atomic access, which is
+// an ordinary load or store on every machine, keeps that within the language's rules.
+#pragma once
+
+namespace vs_kvs {
+
+template <class Word>
+Word load(const Word &word)
+{
+    return __atomic_load_n(&word, __ATOMIC_RELAXED);
+}
+
+template <class Word>
+void store(Word &word, Word value)
+{
+    __atomic_store_n(&word, value, __ATOMIC_RELAXED);
+}
+
+} // namespace vs_kvs

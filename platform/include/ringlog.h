@@ -1,0 +1,114 @@
+/*
+ * ringlog.h - trace buffers: the last records that every process wrote, kept through its death.
+ *
+ * A trace buffer is a file of fixed-size slots below the state directory, mapped by each process
+ * that opens it. Any number of threads and processes write to it at once, without a lock, an
+ * allocation or a system call; when the slots are used up the oldest record is overwritten. A record
+ * carries a 64-bit identifier,
+ *
+ *     bits 63..40   string mask: bit 40 + i is set when argument i is a string
+ *     bits 39..32   number of arguments
+ *     bits 31..0    message id
+ *
+ * and its arguments: numbers as they are, strings copied (cut where the slot ends).
+ */
+#ifndef PLATFORM_RINGLOG_H
+#define PLATFORM_RINGLOG_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define RINGLOG_RC_NULL_ARG UINT32_C(0xA6970200)       /* a required pointer is null */
+#define RINGLOG_RC_BAD_NAME UINT32_C(0xA6970400)       /* empty, absolute, too long, or leaves its folder */
+#define RINGLOG_RC_BAD_SIZE UINT32_C(0xA6970600)       /* a sizing number is 0 or beyond reason */
+#define RINGLOG_RC_STATE_DIR UINT32_C(0xC6970800)      /* no usable state directory */
+#define RINGLOG_RC_IO UINT32_C(0xC6970A00)             /* the file cannot be made, opened or mapped */
+#define RINGLOG_RC_NO_SPACE UINT32_C(0xC6970C00)       /* the disk has no room for the buffer */
+#define RINGLOG_RC_TOO_MANY UINT32_C(0xC6970E00)       /* the process has 256 buffers open */
+#define RINGLOG_RC_DAMAGED UINT32_C(0xC6971000)        /* the file is no trace buffer, or a damaged one */
+#define RINGLOG_RC_NO_SUCH_BUFFER UINT32_C(0xC6971200) /* no buffer has this name */
+#define RINGLOG_RC_NO_MEMORY UINT32_C(0xC6971400)      /* a memory allocation failed */
+#define RINGLOG_RC_NO_RECORD UINT32_C(0x46971600)      /* no record is left to read for now */
+
+enum {
+    RINGLOG_MAX_ARGS = 24,  /* arguments of a record, as many as the string mask has bits */
+    RINGLOG_SLOT_SIZE = 256 /* bytes of a slot, a record's strings included */
+};
+
+/* ---- writing ---- */
+
+/*
+ * Opens the named buffer, makes it when there is none, and writes its handle (never 0) to
+ * *handle_p, in one atomic store. Opening a buffer that the process has open gives the same handle
+ * again; in a forked child the handles of the parent go on working.
+ *
+ * `name` is a path below the folder of the buffers: components separated by single '/', none of
+ * them empty, "." or "..". The smaller of the two sizing numbers is the number of records kept, the
+ * larger the least number of bytes for their contents. An existing buffer keeps its own sizes; one
+ * whose file is damaged is set aside under the name with ".damaged" appended, and made anew. The
+ * three reserved numbers are not interpreted.
+ */
+uint32_t ringlog_init2(const char *name, uint32_t reserved_1, uint32_t reserved_2, uint32_t size_1,
+                       uint32_t size_2, uint32_t reserved_3, uint64_t *handle_p);
+
+/*
+ * Writes one record. As many 64-bit arguments follow as `id` says; a string argument is the address
+ * of NUL-terminated text, or 0. With handle 0, or one that was never given out, the record is
+ * dropped. Safe in any thread and in a signal handler; errno is left alone.
+ */
+void _ringlog_emit(uint64_t handle, uint64_t id, ...);
+
+/* ---- reading ---- */
+
+typedef struct ringlog_argument {
+    uint64_t number;  /* the value of a number; 0 for a string */
+    const char *text; /* the text of a string, inside the record; null for a number */
+} ringlog_argument;
+
+typedef struct ringlog_record {
+    uint64_t sequence; /* position in its buffer, counting from 0 at the buffer's making */
+    uint64_t time_ns;  /* CLOCK_REALTIME when the record was written */
+    uint64_t id;       /* the trace identifier */
+    int32_t pid;
+    int32_t tid;
+    char process[16]; /* short name of the process, NUL-terminated */
+    uint32_t argument_count;
+    ringlog_argument arguments[RINGLOG_MAX_ARGS];
+    char strings[RINGLOG_SLOT_SIZE + RINGLOG_MAX_ARGS];
+} ringlog_record;
+
+typedef struct ringlog_reader ringlog_reader;
+
+/*
+ * Opens a buffer for reading; on success the caller releases *reader_pp with ringlog_close. A reader
+ * never changes the buffer. It is used by one thread at a time.
+ */
+uint32_t ringlog_open(const char *name, ringlog_reader **reader_pp);
+
+/*
+ * Reads the next record, oldest first, and steps past it. Records that were overwritten before or
+ * while they were read are skipped, never shown torn. Gives RINGLOG_RC_NO_RECORD when the reader
+ * has caught up (more may come later), RINGLOG_RC_DAMAGED when the buffer's file has been damaged
+ * or cut short since it was opened. `record_p` is untouched unless the status is 0.
+ */
+uint32_t ringlog_read(ringlog_reader *reader, ringlog_record *record_p);
+
+/* How many records the reader has skipped so far because they were overwritten or torn. */
+uint64_t ringlog_skipped(const ringlog_reader *reader);
+
+void ringlog_close(ringlog_reader *reader);
+
+/*
+ * Calls `each` with the name of every file below the folder of the buffers, in the order of the
+ * names, until it returns non-zero. A state directory without buffers is no failure.
+ */
+uint32_t ringlog_list(int (*each)(const char *name, void *context), void *context);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,502 @@
+#include "tests/scripted_platform.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <regex>
+#include <set>
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include "fault.h"
+#include "frame/state.h"
+#include "jobctl.h"
+#include "loader.h"
+#include "lockwatch.h"
+#include "pinfo.h"
+#include "ringlog.h"
+#include "verbose.h"
+#include "vs_kvs.h"
+
+using namespace scripted;
+
+extern "C" {
+void *__real_malloc(std::size_t size);
+void *__real_calloc(std::size_t count, std::size_t size);
+void *__real_realloc(void *block, std::size_t size);
+void __real_free(void *block);
+}
+
+namespace
+{
+
+constexpr std::uint64_t common_buffer = 0xC0, api_buffer = 0xA1, errors_buffer = 0xE1;
+
+bool is_armed = false;
+
+// The load hook calls the platform before any constructor of this file has run.
+bool is_up = false;
+struct up {
+    up() { is_up = true; }
+};
+
+std::set<void *> &blocks()
+{
+    static std::set<void *> set;
+    return set;
+}
+
+std::string format(const char *text, std::va_list arguments)
+{
+    char line[2048];
+    std::vsnprintf(line, sizeof line, text, arguments);
+    static const std::regex address("0x[0-9a-f]{7,}");
+    std::string result = std::regex_replace(line, address, "ADDRESS");
+    std::replace(result.begin(), result.end(), '\n', '$');
+    return result;
+}
+
+void note(const std::string &line)
+{
+    if (is_up)
+        now.log.push_back(line);
+}
+
+// The status that the script gives a call: 0, or a failure.
+std::uint32_t enter(const char *call)
+{
+    if (!is_up)
+        return 0;
+    const int number = ++now.calls;
+    if (now.before)
+        now.before(call, number);
+    note(std::string("call ") + call);
+    if (now.fail_call != 0 && number >= now.fail_call && now.calls_to_fail > 0) {
+        --now.calls_to_fail;
+        now.failed = call;
+        now.failed_at = now.log.size();
+        return now.fail_status;
+    }
+    return 0;
+}
+
+database *find_database(kvs_hdl hdl)
+{
+    if (hdl == VS_KVS_HDL_UNSET)
+        return nullptr;
+    std::uint64_t number = 0x100;
+    for (auto &[name, records] : now.store)
+        if (hdl == ++number)
+            return &records;
+    now.problems.push_back("unknown database handle");
+    return nullptr;
+}
+
+std::uint32_t bind(const char *name, kvs_hdl *hdl_p)
+{
+    if (now.handle_unset)
+        return 0;
+    std::uint64_t number = 0x100;
+    for (const auto &[stored, records] : now.store) {
+        ++number;
+        if (stored == name)
+            *hdl_p = number;
+    }
+    return 0;
+}
+
+stored_record *find_record(kvs_hdl hdl, const kvs_rec_hdl *rec_p)
+{
+    database *const records = find_database(hdl);
+    if (records)
+        for (auto &record : *records)
+            if (record.handle == *rec_p)
+                return &record;
+    return nullptr;
+}
+
+bool allocation_fails(const char *what)
+{
+    if (!is_armed || ++now.allocations != now.fail_allocation)
+        return false;
+    now.failed = what;
+    now.failed_at = now.log.size();
+    errno = ENOMEM;
+    return true;
+}
+
+void *track(void *block)
+{
+    if (block)
+        blocks().insert(block);
+    return block;
+}
+
+// Memory that goes over to the library counts as its own from then on.
+kvs_rec_hdl *hand_out(const std::vector<kvs_rec_hdl> &handles)
+{
+    if (handles.empty() || now.arrays_missing)
+        return nullptr;
+    auto *const array =
+        static_cast<kvs_rec_hdl *>(track(__real_malloc(handles.size() * sizeof(kvs_rec_hdl))));
+    std::copy(handles.begin(), handles.end(), array);
+    return array;
+}
+
+} // namespace
+
+namespace scripted
+{
+
+script now;
+static up after_the_script;
+
+armed::armed() { is_armed = true; }
+armed::~armed() { is_armed = false; }
+
+void reset()
+{
+    for (void *const block : std::set<void *>(blocks()))
+        std::free(block);
+    g_vs_kvs_proc_name = nullptr;
+    now = script{};
+    now.store = {{"vs_objects", {}}, {"vs_clients_info", {}}, {"vs_clientobjectsreg", {}}};
+    now.fail_status = 0xC6960999;
+    g_kvs_hdl_vs_objects_db = g_kvs_hdl_vs_clients_info_db = g_kvs_hdl_vs_client_objects_reg_db =
+        VS_KVS_HDL_UNSET;
+    g_vs_kvs_debug_initialized = g_vs_kvs_dbs_initialized = g_vs_objects_db_populated = 0;
+    vs_ringlog = common_buffer;
+    vs_kvs_api_trace = api_buffer;
+    vs_kvs_errors_trace = errors_buffer;
+}
+
+void put(const char *name, std::initializer_list<std::uint32_t> words, std::size_t length)
+{
+    database &records = now.store[name];
+    bytes data(std::min(length, words.size() * 4));
+    std::memcpy(data.data(), std::data(words), data.size());
+    records.push_back({0x9000 + records.size(), data});
+}
+
+std::size_t live_blocks() { return blocks().size(); }
+
+} // namespace scripted
+
+extern "C" {
+
+// ---- the C library, as far as a test wants a say in it ----
+
+int __real_pthread_mutex_trylock(pthread_mutex_t *mutex);
+int __real_pthread_mutex_lock(pthread_mutex_t *mutex);
+void *__wrap_malloc(std::size_t size);
+void *__wrap_calloc(std::size_t count, std::size_t size);
+void *__wrap_realloc(void *block, std::size_t size);
+void __wrap_free(void *block);
+int __wrap_pthread_mutex_trylock(pthread_mutex_t *mutex);
+int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex);
+int __wrap_fprintf(std::FILE *stream, const char *text, ...);
+unsigned __wrap_sleep(unsigned seconds);
+
+void *__wrap_malloc(std::size_t size)
+{
+    return allocation_fails("malloc") ? nullptr : track(__real_malloc(size));
+}
+
+void *__wrap_calloc(std::size_t count, std::size_t size)
+{
+    return allocation_fails("calloc") ? nullptr : track(__real_calloc(count, size));
+}
+
+void *__wrap_realloc(void *block, std::size_t size)
+{
+    if (allocation_fails("realloc"))
+        return nullptr;
+    blocks().erase(block);
+    return track(__real_realloc(block, size));
+}
+
+void __wrap_free(void *block)
+{
+    if (block && blocks().erase(block) == 0 && is_armed)
+        now.problems.push_back("freed a block that was not live");
+    __real_free(block);
+}
+
+int __wrap_pthread_mutex_trylock(pthread_mutex_t *mutex)
+{
+    return now.trylock_error ? now.trylock_error : __real_pthread_mutex_trylock(mutex);
+}
+
+int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex)
+{
+    return now.lock_error ? now.lock_error : __real_pthread_mutex_lock(mutex);
+}
+
+int __wrap_fprintf(std::FILE *, const char *text, ...)
+{
+    std::va_list arguments;
+    va_start(arguments, text);
+    const std::string line = format(text, arguments);
+    va_end(arguments);
+    note("stderr " + line.substr(line.find(": ") + 2));
+    return 0;
+}
+
+unsigned __wrap_sleep(unsigned seconds)
+{
+    note("sleep " + std::to_string(seconds));
+    return 0;
+}
+
+// ---- reports ----
+
+void _ringlog_emit(std::uint64_t handle, std::uint64_t id, ...)
+{
+    std::va_list arguments;
+    va_start(arguments, id);
+    const bool is_common = handle == common_buffer;
+    const char *const buffer = is_common                 ? "common"
+                               : handle == api_buffer    ? "api"
+                               : handle == errors_buffer ? "errors"
+                                                         : "dropped";
+    char line[1024];
+    int at = std::snprintf(line, sizeof line, "trace %s 0x%llx", buffer,
+                           static_cast<unsigned long long>(id));
+    const unsigned count = id >> 32 & 0xFF;
+    for (unsigned i = 0; i < count; ++i) {
+        const std::uint64_t value = va_arg(arguments, std::uint64_t);
+        const bool is_text = id >> (40 + i) & 1;
+        const auto room = sizeof line - static_cast<std::size_t>(at);
+        if (is_common && i == 0) {
+            if (value != static_cast<std::uint64_t>(getpid()) || is_text)
+                now.problems.push_back("common record without the pid");
+            at += std::snprintf(line + at, room, " PID");
+        } else if (is_text)
+            at += std::snprintf(line + at, room, " \"%s\"", reinterpret_cast<const char *>(value));
+        else
+            at += std::snprintf(line + at, room, " %llu", static_cast<unsigned long long>(value));
+    }
+    va_end(arguments);
+    if (id >> 40 >> count != 0 || !(id >> (40 + is_common) & 1))
+        now.problems.push_back("malformed trace identifier");
+    if (std::strcmp(buffer, "dropped") == 0 && handle != 0)
+        now.problems.push_back("trace record for a buffer that was never opened");
+    note(line);
+    errno = 77; // a debug print that reads errno again shows this one
+}
+
+void verbose_printf_local(std::uint32_t category, const char *text, ...)
+{
+    std::va_list arguments;
+    va_start(arguments, text);
+    const std::string line = format(text, arguments);
+    va_end(arguments);
+    if (category != DBG_VS_KVS && category != DBG_VS_COMMON)
+        now.problems.push_back("unknown debug category");
+    note((category == DBG_VS_COMMON ? "print common " : "print ") + line);
+}
+
+// Each call gives another text, so that the log shows whether a text was fetched afresh.
+const char *fault_strerror(std::uint32_t status)
+{
+    static char texts[16][32];
+    char *const text = texts[now.texts % 16];
+    std::snprintf(text, sizeof texts[0], "<0x%X #%d>", status, ++now.texts);
+    return text;
+}
+
+std::uint32_t ringlog_init2(const char *name, std::uint32_t, std::uint32_t, std::uint32_t size_1,
+                            std::uint32_t size_2, std::uint32_t, std::uint64_t *handle_p)
+{
+    if (!is_up)
+        return 0;
+    const std::uint32_t rc = enter("ringlog_init2");
+    note(std::string("buffer ") + name + " " + std::to_string(size_1) + " " +
+         std::to_string(size_2));
+    if (rc == 0)
+        *handle_p = std::strcmp(name, "install/vs/vs") == 0 ? common_buffer
+                    : std::strstr(name, "/api")             ? api_buffer
+                                                            : errors_buffer;
+    return rc;
+}
+
+std::uint32_t verbose_init(std::uint64_t) { return enter("verbose_init"); }
+
+// ---- identity, waiting, unloading ----
+
+std::uint32_t jobctl_get_job_id(std::uint32_t *job_id_p)
+{
+    const std::uint32_t rc = enter("jobctl_get_job_id");
+    if (rc == 0 && now.job_id == 0)
+        return JOBCTL_RC_NOT_A_JOB;
+    if (rc == 0)
+        *job_id_p = now.job_id;
+    return rc;
+}
+
+std::uint32_t jobctl_get_jobctl_name(char *name, std::uint32_t size)
+{
+    const std::uint32_t rc = enter("jobctl_get_jobctl_name");
+    if (rc == 0)
+        std::snprintf(name, size, "%s", now.job_name.c_str());
+    return rc;
+}
+
+std::uint32_t pinfo_get_name(std::uint32_t pid, char *name, std::uint32_t size)
+{
+    const std::uint32_t rc = enter("pinfo_get_name");
+    if (pid != static_cast<std::uint32_t>(getpid()))
+        now.problems.push_back("the name of another process");
+    if (rc == 0)
+        std::snprintf(name, size, "%s", now.process_name.c_str());
+    return rc;
+}
+
+void lockwatch_set_mutex_block(const void *, const char *place, std::uint32_t code)
+{
+    note(std::string("waits ") + place + " " + std::to_string(code));
+}
+
+void lockwatch_unset_mutex_block(void) { note("waits no more"); }
+
+int __in_unload(void) { return 0; }
+
+// ---- the record store ----
+
+std::uint32_t kvs_appdesc_init(kvs_appdesc *appdesc_p)
+{
+    std::memset(static_cast<void *>(appdesc_p), 0xEE, sizeof *appdesc_p);
+    return 0;
+}
+
+std::uint32_t kvs_init(const char *db_name, const kvs_appdesc *appdesc_p, std::uint64_t,
+                       kvs_hdl *hdl_p)
+{
+    const kvs_appdesc &a = *appdesc_p;
+    if (a.key_count != 1 || a.key_policy || a.share_policy || a.flags || a.notify ||
+        a.notify_flags || a.context || a.mark != 0xEEEEEEEEEEEEEEEE)
+        now.problems.push_back("application descriptor not prepared");
+    const std::uint32_t rc = enter("kvs_init");
+    return rc == 0 ? bind(db_name, hdl_p) : rc;
+}
+
+std::uint32_t kvs_lookup_db_handle(const char *db_name, kvs_hdl *hdl_p)
+{
+    const std::uint32_t rc = enter("kvs_lookup_db_handle");
+    errno = 76; // what the trace record of a failed lookup may carry
+    return rc == 0 ? bind(db_name, hdl_p) : rc;
+}
+
+std::uint32_t kvs_find_objects(kvs_hdl hdl, const kvs_key_attr *keys_p, std::uint32_t key_count,
+                               std::uint32_t flags, kvs_rec_hdl **handles_pp,
+                               std::uint32_t *count_p)
+{
+    std::uint32_t rc = enter("kvs_find_objects");
+    if (rc == 0 && hdl == VS_KVS_HDL_UNSET)
+        rc = KVS_RC_BAD_HDL;
+    if (*handles_pp || *count_p || flags)
+        now.problems.push_back("find with dirty out-parameters");
+    std::vector<kvs_rec_hdl> found;
+    if (const database *const records = find_database(hdl))
+        for (const auto &record : *records)
+            if (key_count == 0 ||
+                (record.data.size() >= 4 && std::memcmp(keys_p->key_p, record.data.data(), 4) == 0))
+                found.push_back(record.handle);
+    if (key_count != 0 && (keys_p->key_len != 4 || keys_p->key_flags[0] || keys_p->key_flags[1]))
+        now.problems.push_back("malformed lookup descriptor");
+    if (rc == 0 || now.array_on_failure) {
+        *handles_pp = hand_out(found);
+        *count_p = static_cast<std::uint32_t>(found.size());
+    }
+    return rc;
+}
+
+std::uint32_t kvs_get_object_size(kvs_hdl hdl, const kvs_rec_hdl *rec_p, std::uint32_t *size_p)
+{
+    std::uint32_t rc = enter("kvs_get_object_size");
+    const stored_record *const record = find_record(hdl, rec_p);
+    if (rc == 0 && !record)
+        rc = KVS_RC_NO_SUCH_RECORD;
+    if (rc == 0)
+        *size_p =
+            now.size != UINT32_MAX ? now.size : static_cast<std::uint32_t>(record->data.size());
+    return rc;
+}
+
+std::uint32_t kvs_read_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p, std::uint32_t offset,
+                              void *buffer_p, std::uint32_t *length_p)
+{
+    std::uint32_t rc = enter("kvs_read_object");
+    const stored_record *const record = find_record(hdl, rec_p);
+    if (rc == 0 && !record)
+        rc = KVS_RC_NO_SUCH_RECORD;
+    if (offset != 0)
+        now.problems.push_back("read from an offset");
+    if (rc == 0) {
+        const auto stored = static_cast<std::uint32_t>(record->data.size());
+        *length_p = std::min({*length_p, stored, now.read_length});
+        if (*length_p != 0)
+            std::memcpy(buffer_p, record->data.data(), *length_p);
+    }
+    return rc;
+}
+
+std::uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p, std::uint32_t offset,
+                               const kvs_data_desc *data_p, std::uint32_t data_count,
+                               std::uint32_t *value_p, kvs_write_result *result_p)
+{
+    std::uint32_t rc = enter("kvs_write_object");
+    note("length " + std::to_string(data_p->data_len));
+    if (offset != 0 || data_count != 1 || *value_p != 0)
+        now.problems.push_back("malformed write");
+    stored_record *const record = find_record(hdl, rec_p);
+    if (rc == 0 && !record)
+        rc = KVS_RC_NO_SUCH_RECORD;
+    if (rc == 0) {
+        record->data.resize(std::max<std::size_t>(record->data.size(), data_p->data_len));
+        if (data_p->data_len != 0)
+            std::memcpy(record->data.data(), data_p->data_p, data_p->data_len);
+        std::memset(result_p, 0xEE, sizeof *result_p);
+        ++now.changes;
+    }
+    return rc;
+}
+
+std::uint32_t kvs_insert_object(kvs_hdl hdl, const kvs_data_desc *data_p, std::uint32_t data_count,
+                                const kvs_key_attr *keys_p, std::uint32_t key_count,
+                                std::uint32_t reserved_1, std::uint32_t reserved_2,
+                                kvs_rec_hdl *rec_p)
+{
+    const std::uint32_t rc = enter("kvs_insert_object");
+    if (data_count != 1 || key_count != 1 || reserved_1 || reserved_2 || *rec_p != UINT64_MAX ||
+        keys_p->key_len != 4 || keys_p->key_offset != 0 || keys_p->key_flags[0])
+        now.problems.push_back("malformed insert");
+    database *const records = find_database(hdl);
+    if (rc != 0 || !records)
+        return rc;
+    const kvs_rec_hdl handle = 0x5000 + records->size();
+    const auto *const from = static_cast<const std::uint8_t *>(data_p->data_p);
+    records->push_back({handle, bytes(from, from + data_p->data_len)});
+    if (!now.insert_without_handle)
+        *rec_p = handle;
+    ++now.changes;
+    return now.insert_tolerated ? KVS_RC_TOLERATED_ON_INSERT : 0;
+}
+
+std::uint32_t kvs_delete_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p)
+{
+    std::uint32_t rc = enter("kvs_delete_object");
+    database *const records = find_database(hdl);
+    if (rc == 0 && records) {
+        const auto gone =
+            std::erase_if(*records, [&](const auto &r) { return r.handle == *rec_p; });
+        rc = gone == 1 ? 0 : KVS_RC_NO_SUCH_RECORD;
+        now.changes += rc == 0;
+    }
+    return rc;
+}
+}

@@ -1,0 +1,82 @@
+// A platform that does what a test tells it to.
+//
+// It is linked with the library's own objects in place of the real platform. It keeps the three
+// databases in memory, writes every platform call, trace record, debug print and line on standard
+// error into one log, in order, and can make any call or any allocation of the library fail.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "kvs.h"
+
+namespace scripted
+{
+
+using bytes = std::vector<std::uint8_t>;
+
+struct stored_record {
+    kvs_rec_hdl handle;
+    bytes data;
+    bool operator==(const stored_record &) const = default;
+};
+
+using database = std::vector<stored_record>;
+using databases = std::map<std::string, database>;
+
+struct script {
+    databases store;
+    std::vector<std::string> log;      // "call ...", "trace ...", "print ...", "stderr ..."
+    std::vector<std::string> problems; // malformed reports, misuse of the store
+
+    int calls = 0;         // fallible platform calls so far
+    int fail_call = 0;     // the number of the call that fails; 0 for none
+    int calls_to_fail = 1; // how many in a row, from that one on
+    std::uint32_t fail_status = 0;
+    std::size_t failed_at = 0; // how long the log was when the failure came
+    std::string failed;        // name of the call or allocation that was made to fail
+
+    int allocations = 0; // allocations of the library so far
+    int fail_allocation = 0;
+
+    int texts = 0;   // status texts that were asked for
+    int changes = 0; // successful inserts, writes and deletions
+
+    // Called before each call, which it may make different by changing the script.
+    std::function<void(const char *call, int number)> before;
+
+    bool handle_unset = false;     // kvs_init and lookups succeed and give no handle
+    bool arrays_missing = false;   // finds give a count without an array
+    bool array_on_failure = false; // a failed find leaves an array all the same
+    bool insert_tolerated = false;
+    bool insert_without_handle = false;
+    std::uint32_t read_length = UINT32_MAX; // a read copies no more than this
+    std::uint32_t size = UINT32_MAX;        // what a size query says instead of the truth
+    int trylock_error = 0, lock_error = 0;
+    std::uint32_t job_id = 7; // 0: not a job
+    std::string job_name = "/usr/sbin/daemon";
+    std::string process_name = "/usr/bin/program";
+};
+
+extern script now;
+
+// A fresh script, and the library as it is when it has just been loaded.
+void reset();
+
+// Adds a record to a database, keyed or not.
+void put(const char *database, std::initializer_list<std::uint32_t> words,
+         std::size_t length = SIZE_MAX);
+
+// Blocks that the library allocated, or was handed by the store, and nobody has freed.
+std::size_t live_blocks();
+
+// Counts and fails allocations while it lives.
+struct armed {
+    armed();
+    ~armed();
+};
+
+} // namespace scripted

@@ -1,0 +1,26 @@
+// Sites that must not compile: one for each WRONG, and none for 0.
+#include "frame/sites.h"
+
+using namespace vs_kvs;
+
+#ifndef WRONG
+#define WRONG 0
+#endif
+
+#if WRONG == 0
+constexpr errors<object_id, status_text> right{0x50300010299, "%s: id 0x%X: %s"};
+#elif WRONG == 1 // an argument too many in the identifier
+constexpr errors<object_id, status_text> wrong{0x50400010299, "%s: id 0x%X: %s"};
+#elif WRONG == 2 // a string that the mask does not tell
+constexpr errors<object_id, status_text> wrong{0x10300010299, "%s: id 0x%X: %s"};
+#elif WRONG == 3 // a conversion of another kind
+constexpr errors<object_id, status_text> wrong{0x50300010299, "%s: id %s: %s"};
+#elif WRONG == 4 // a fact that the text leaves out
+constexpr errors<object_id, status_text> wrong{0x50300010299, "%s: id 0x%X"};
+#elif WRONG == 5 // no operation's name at the beginning
+constexpr errors<object_id> wrong{0x10200010299, "id 0x%X"};
+#elif WRONG == 6 // a debug text with an identifier
+constexpr debug<object_id> wrong{0x10200010299, "%s: id 0x%X"};
+#elif WRONG == 7 // an address in a trace record
+constexpr errors<address<"record">> wrong{0x10200010299, "%s: at %p"};
+#endif
