@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -23,8 +22,7 @@
 
 using namespace scripted;
 
-namespace
-{
+namespace {
 
 constexpr std::uint32_t A = 0x10, B = 0x20, unknown = 0x30;
 constexpr std::uint32_t J = 7, K = 8;
@@ -549,15 +547,14 @@ const scenario special[] = {
 
 // ---- the log, against the expected one ----
 
-class report_book
-{
+class report_book {
 public:
     void add(const std::string &name, const outcome &result, std::size_t from = 0)
     {
         text_ << "== " << name << ": " << std::hex << std::uppercase << "0x" << result.status << ' '
               << result.handed_out << '\n';
         for (std::size_t i = from; i < now.log.size(); ++i)
-            text_ << std::regex_replace(now.log[i], pid_, "PID") << '\n';
+            text_ << without_pid(now.log[i]) << '\n';
     }
 
     // Compares with the expected log, up to the given heading and from it on.
@@ -582,7 +579,12 @@ public:
 
 private:
     std::ostringstream text_;
-    const std::regex pid_{"\\b" + std::to_string(getpid()) + "\\b"};
+    static std::string without_pid(std::string line)
+    {
+        const std::string pid = "/" + std::to_string(getpid()) + "/";
+        const std::size_t at = line.find(pid);
+        return at == std::string::npos ? line : line.replace(at, pid.size(), "/PID/");
+    }
 };
 
 outcome run(const scenario &s)

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <regex>
 #include <set>
 
 #include <pthread.h>
@@ -31,8 +30,7 @@ void *__real_realloc(void *block, std::size_t size);
 void __real_free(void *block);
 }
 
-namespace
-{
+namespace {
 
 constexpr std::uint64_t common_buffer = 0xC0, api_buffer = 0xA1, errors_buffer = 0xE1;
 
@@ -54,8 +52,14 @@ std::string format(const char *text, std::va_list arguments)
 {
     char line[2048];
     std::vsnprintf(line, sizeof line, text, arguments);
-    static const std::regex address("0x[0-9a-f]{7,}");
-    std::string result = std::regex_replace(line, address, "ADDRESS");
+    std::string result = line;
+    // Addresses are printed in small letters, numbers of the library's in capitals.
+    for (std::size_t at = 0; (at = result.find("0x", at)) != std::string::npos; ++at) {
+        const std::size_t digits =
+            std::min(result.find_first_not_of("0123456789abcdef", at + 2), result.size()) - at - 2;
+        if (digits >= 7)
+            result.replace(at, digits + 2, "ADDRESS");
+    }
     std::replace(result.begin(), result.end(), '\n', '$');
     return result;
 }
@@ -149,8 +153,7 @@ kvs_rec_hdl *hand_out(const std::vector<kvs_rec_hdl> &handles)
 
 } // namespace
 
-namespace scripted
-{
+namespace scripted {
 
 script now;
 static up after_the_script;
