@@ -1,0 +1,256 @@
+// The commands on many records: each validates all of its input before the first change, and makes
+// its changes in one batch of the store, so that they come about together or not at all.
+#include <algorithm>
+#include <array>
+#include <unordered_map>
+
+#include "tools/commands.h"
+#include "vs_kvs.h"
+
+namespace vskvs {
+namespace {
+
+constexpr std::size_t chunk_size = 4096; // elements of one bulk call
+
+// What a bulk population stores, and the fields of a line that selects a version.
+constexpr fixed_value population[] = {
+    {"is_optional_compatible", 0}, {"scope", 0}, {"is_changed", 1}};
+constexpr const char *selection_fields[] = {"vs_object_id", "selected_version"};
+constexpr shape selection{selection_fields, nullptr, false};
+
+constexpr const char dump_header[] = "vskvs_dump";
+constexpr const char dump_end[] = "vskvs_dump_end";
+constexpr std::uint32_t dump_format = 1;
+
+// The keys that a file has given so far, each with its line.
+class key_set {
+public:
+    void add(const database &db, const json_line &line, std::uint32_t key)
+    {
+        const auto [at, is_new] = lines_.emplace(key, line.number());
+        if (!is_new)
+            line.refuse(std::string("/") + db.shape.fields[0], subject(db, key) + " is on line " +
+                                                                   std::to_string(at->second) +
+                                                                   " already");
+    }
+
+private:
+    std::unordered_map<std::uint32_t, std::size_t> lines_;
+};
+
+void refuse_invalid_object(const json_line &line, std::uint32_t id)
+{
+    if (id == 0)
+        line.refuse("/vs_object_id", "vs_object_id must not be 0");
+}
+
+std::vector<words> read_objects(const arguments &given)
+{
+    std::vector<words> records;
+    key_set keys;
+    read_json_lines(given.file, [&](const json_line &line) {
+        records.push_back(given.update ? from_json(selection, line)
+                                       : from_json(objects.shape, line, population));
+        refuse_invalid_object(line, records.back()[0]);
+        keys.add(objects, line, records.back()[0]);
+    });
+    return records;
+}
+
+// One call of the library's bulk operation.
+std::uint32_t apply(std::span<const words> chunk, bool update)
+{
+    std::vector<vs_object_sel_entry> entries;
+    std::vector<const std::uint32_t *> versions;
+    std::vector<std::uint32_t> counts;
+    for (const words &record : chunk)
+        entries.push_back({record[0], record[1], {}});
+    const auto count = static_cast<std::uint32_t>(chunk.size());
+    if (update)
+        return vs_kvs_update_vs_objects(entries.data(), count);
+    for (const words &record : chunk) {
+        versions.push_back(record.data() + objects.shape.fields.size());
+        counts.push_back(objects.shape.count(record));
+    }
+    return vs_kvs_insert_vs_objects(entries.data(), count, versions.data(), counts.data());
+}
+
+using record_map = std::unordered_map<std::uint32_t, words>;
+
+record_map stored_objects()
+{
+    record_map stored;
+    for (words &record : read_all(objects)) {
+        const std::uint32_t id = record[0];
+        stored.emplace(id, std::move(record));
+    }
+    return stored;
+}
+
+// A bulk operation does not say which element it failed at. When it was one that is stored already,
+// with other contents, its name is what the user needs.
+[[noreturn]] void explain_failure(std::uint32_t status, const arguments &given,
+                                  const std::vector<words> &records, const record_map &stored)
+{
+    if (status == KVS_RC_RECORD_EXISTS)
+        for (const words &record : records)
+            if (const auto at = stored.find(record[0]); at != stored.end() && at->second != record)
+                require(status, objects, record[0]);
+    require(status, given.file);
+    throw failure(given.file + ": failed");
+}
+
+void insert_all(const database &db, const std::vector<words> &records, const progress_bar &progress,
+                std::size_t &done)
+{
+    for (const words &record : records) {
+        require(db.insert(record), db, record[0]);
+        if (++done % chunk_size == 0)
+            progress.show(done);
+    }
+}
+
+struct dumped {
+    const database *db;
+    std::vector<words> records;
+    key_set keys;
+};
+
+using all_records = std::array<dumped, std::size(databases)>;
+
+all_records no_records()
+{
+    all_records all;
+    for (std::size_t i = 0; i < all.size(); ++i)
+        all[i].db = databases[i];
+    return all;
+}
+
+void read_dump_header(const json_line &line)
+{
+    if (!line.value().contains(dump_header))
+        line.refuse("", "not a dump: the first line must be its header");
+    if (line.number_at(std::string("/") + dump_header) != dump_format)
+        line.refuse(std::string("/") + dump_header, "a dump of an unknown format");
+}
+
+void read_dump_end(const json_line &line, const all_records &all)
+{
+    for (const dumped &of : all)
+        if (!line.value().contains(of.db->name) ||
+            line.number_at(std::string("/") + of.db->name) != of.records.size())
+            line.refuse("", "the dump is not whole: it has " +
+                                counted(of.records.size(), "record") + " of " + of.db->name);
+}
+
+void read_dumped_record(const json_line &line, all_records &all)
+{
+    const json &value = line.value();
+    const auto name = value.find("database");
+    const auto of = std::ranges::find_if(
+        all, [&](const dumped &one) { return name != value.end() && *name == one.db->name; });
+    if (of == all.end())
+        line.refuse(name == value.end() ? "" : "/database", "no record of a known database");
+    of->records.push_back(from_json(of->db->shape, line, {}, "database"));
+    if (of->db == &objects)
+        refuse_invalid_object(line, of->records.back()[0]);
+    of->keys.add(*of->db, line, of->records.back()[0]);
+}
+
+all_records read_dump(const std::string &file)
+{
+    all_records all = no_records();
+    enum { before, within, after } place = before;
+    read_json_lines(file, [&](const json_line &line) {
+        if (place == after)
+            line.refuse("", "nothing may follow the end of a dump");
+        if (place == before) {
+            read_dump_header(line);
+            place = within;
+        } else if (line.value().contains(dump_end)) {
+            read_dump_end(line, all);
+            place = after;
+        } else {
+            read_dumped_record(line, all);
+        }
+    });
+    if (place != after)
+        throw failure(file + ": the dump is cut short: its last line is missing");
+    return all;
+}
+
+} // namespace
+
+void import_objects(const arguments &given)
+{
+    const std::vector<words> records = read_objects(given);
+    initialize("object import");
+    const char *const verb = given.update ? "selecting" : "importing";
+    const progress_bar progress(verb, records.size());
+    std::size_t without_record = 0;
+    change_all([&] {
+        const record_map stored = stored_objects();
+        without_record = static_cast<std::size_t>(std::ranges::count_if(
+            records, [&](const words &record) { return !stored.contains(record[0]); }));
+        std::size_t done = 0;
+        do {
+            const std::size_t size = std::min(chunk_size, records.size() - done);
+            const auto chunk = std::span(records).subspan(done, size);
+            if (const std::uint32_t rc = apply(chunk, given.update); rc == KVS_RC_BATCH_FULL)
+                require(rc, given.file);
+            else if (rc != 0)
+                explain_failure(rc, given, records, stored);
+            done += size;
+            progress.show(done);
+        } while (done < records.size());
+    });
+    const std::size_t known = records.size() - without_record;
+    if (given.update)
+        print("selected the versions of " + counted(known, "object") + "; " +
+              counted(without_record, "object") + " skipped that no record has\n");
+    else
+        print("imported " + counted(without_record, "object") + "; " + std::to_string(known) +
+              " stored already\n");
+}
+
+void dump(const arguments &)
+{
+    all_records all = no_records();
+    look_at_all([&] {
+        for (dumped &of : all)
+            of.records = read_all(*of.db);
+    });
+    print_line({{dump_header, dump_format}});
+    json end{{dump_end, dump_format}};
+    for (const dumped &of : all) {
+        for (const words &record : of.records) {
+            json line{{"database", of.db->name}};
+            line.update(to_json(of.db->shape, record));
+            print_line(line);
+        }
+        end[of.db->name] = of.records.size();
+    }
+    print_line(end);
+}
+
+void restore(const arguments &given)
+{
+    const all_records all = read_dump(given.file);
+    initialize("restore");
+    std::size_t total = 0;
+    for (const dumped &of : all)
+        total += of.records.size();
+    const progress_bar progress("restoring", total);
+    change_all([&] {
+        for (const database *const db : databases)
+            if (!read_all(*db).empty())
+                throw failure(std::string("restore: the store is not empty: ") + db->name +
+                              " has records");
+        std::size_t done = 0;
+        for (const dumped &of : all)
+            insert_all(*of.db, of.records, progress, done);
+    });
+    print("restored " + counted(total, "record") + "\n");
+}
+
+} // namespace vskvs

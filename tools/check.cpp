@@ -1,0 +1,191 @@
+// What the three databases say that does not fit together.
+//
+// The library reads a whole database or nothing of it, and refuses records that are too short. To
+// say which record is at fault, the check goes to the store itself.
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <map>
+#include <set>
+
+#include "tools/commands.h"
+#include "vs_kvs.h"
+
+namespace vskvs {
+namespace {
+
+using record_map = std::map<std::uint32_t, words>;
+
+class findings {
+public:
+    // A finding about the record of `key`. The facts are its fields in the JSON document.
+    void add(const char *kind, const database &db, std::uint32_t key, const std::string &message,
+             json facts)
+    {
+        lines_.push_back(red(kind) + "  " + subject(db, key) + ": " + message);
+        json finding{{"finding", kind}, {"database", db.name}, {db.shape.fields[0], key}};
+        finding.update(facts);
+        finding["message"] = message;
+        document_.push_back(std::move(finding));
+    }
+
+    void print_all(bool as_json) const
+    {
+        if (as_json)
+            return print_pretty(document_);
+        for (const std::string &line : lines_)
+            print(line + "\n");
+        if (lines_.empty())
+            print("everything fits together\n");
+    }
+
+    std::size_t count() const { return lines_.size(); }
+
+private:
+    std::vector<std::string> lines_;
+    json document_ = json::array();
+};
+
+// The stored bytes of one record, as words; `length` is what the store says.
+words stored_words(const database &db, kvs_hdl hdl, kvs_rec_hdl handle, std::uint32_t &length)
+{
+    require(kvs_get_object_size(hdl, &handle, &length), db.name);
+    words record((length + 3) / 4);
+    std::uint32_t got = length;
+    require(kvs_read_object(hdl, &handle, 0, record.data(), &got), db.name);
+    return record;
+}
+
+// The records of a database that are as long as their counts say; the others are findings.
+record_map sound_records(const database &db, findings &found)
+{
+    const kvs_hdl hdl = bind(db, "check");
+    kvs_rec_hdl *array = nullptr;
+    std::uint32_t count = 0;
+    require(kvs_find_objects(hdl, nullptr, 0, 0, &array, &count), db.name);
+    const std::unique_ptr<kvs_rec_hdl, decltype(&std::free)> owner(array, &std::free);
+    record_map sound;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        std::uint32_t length = 0;
+        words record = stored_words(db, hdl, array[i], length);
+        const std::uint32_t key = record[0];
+        const bool has_count = length >= 4 * db.shape.fields.size();
+        const std::size_t wanted =
+            has_count ? 4 * db.shape.length(db.shape.count(record)) : 4 * db.shape.fields.size();
+        if (length == wanted) {
+            sound.emplace(key, std::move(record));
+            continue;
+        }
+        const std::string claim = has_count
+                                      ? "its " + std::string(db.shape.fields.back()) + " of " +
+                                            std::to_string(db.shape.count(record)) + " asks for "
+                                      : "its fixed part alone has ";
+        found.add("record-length", db, key,
+                  "the record has " + counted(length, "byte") + ", " + claim +
+                      std::to_string(wanted),
+                  {{"length", length}, {"expected_length", wanted}});
+    }
+    return sound;
+}
+
+void check_selections(const record_map &all, findings &found)
+{
+    const std::size_t fixed = objects.shape.fields.size();
+    for (const auto &[id, record] : all) {
+        const std::uint32_t selected = record[1];
+        const bool selects_nothing = selected == 0 && record.size() == fixed;
+        if (!selects_nothing && std::find(record.begin() + static_cast<std::ptrdiff_t>(fixed),
+                                          record.end(), selected) == record.end())
+            found.add("unsupported-selection", objects, id,
+                      "version " + std::to_string(selected) +
+                          " is selected, which is not among the supported ones",
+                      {{"selected_version", selected}});
+    }
+}
+
+// The elements of a record, without those that stand in it twice, which are findings.
+std::vector<std::span<const std::uint32_t>> distinct_elements(const database &db,
+                                                              const words &record, const char *kind,
+                                                              const char *name, findings &found)
+{
+    std::vector<std::span<const std::uint32_t>> elements;
+    std::set<std::uint32_t> seen;
+    for (std::size_t i = 0; i < db.shape.count(record); ++i) {
+        const auto element = db.shape.element(record, i);
+        if (seen.insert(element[0]).second)
+            elements.push_back(element);
+        else
+            found.add(kind, db, record[0],
+                      std::string(name) + " " + std::to_string(element[0]) + " is listed twice",
+                      {{name, element[0]}});
+    }
+    return elements;
+}
+
+void check_process(std::uint32_t id, std::span<const std::uint32_t> client, findings &found)
+{
+    const auto pid = static_cast<pid_t>(client[1]);
+    if (pid > 0 && (kill(pid, 0) == 0 || errno != ESRCH))
+        return;
+    found.add("dead-client", clients, id,
+              "process " + std::to_string(client[1]) + " of job " + std::to_string(client[0]) +
+                  " does not exist",
+              {{"jid", client[0]}, {"pid", client[1]}});
+}
+
+void check_known(const database &db, std::uint32_t key, std::uint32_t id, const record_map &all,
+                 findings &found)
+{
+    if (!all.contains(id))
+        found.add("unknown-object", db, key, "object " + hex(id) + " has no record",
+                  {{"vs_object_id", id}});
+}
+
+using pairs = std::set<std::pair<std::uint32_t, std::uint32_t>>; // job id, VS object id
+
+void check_all(findings &found)
+{
+    const record_map all = sound_records(objects, found);
+    const record_map lists = sound_records(clients, found);
+    const record_map jobs = sound_records(registrations, found);
+    check_selections(all, found);
+
+    pairs used, registered;
+    for (const auto &[id, record] : lists) {
+        check_known(clients, id, id, all, found);
+        for (const auto client : distinct_elements(clients, record, "repeated-jid", "jid", found)) {
+            used.emplace(client[0], id);
+            check_process(id, client, found);
+        }
+    }
+    for (const auto &[jid, record] : jobs)
+        for (const auto element :
+             distinct_elements(registrations, record, "repeated-object", "vs_object_id", found)) {
+            registered.emplace(jid, element[0]);
+            check_known(registrations, jid, element[0], all, found);
+        }
+    for (const auto &[jid, id] : registered)
+        if (!used.contains({jid, id}))
+            found.add("no-client", registrations, jid,
+                      "registered for object " + hex(id) + ", but no client of it",
+                      {{"vs_object_id", id}});
+    for (const auto &[jid, id] : used)
+        if (!registered.contains({jid, id}))
+            found.add("no-registration", clients, id,
+                      "job " + std::to_string(jid) + " is a client, but not registered for it",
+                      {{"jid", jid}});
+}
+
+} // namespace
+
+void check(const arguments &given)
+{
+    findings found;
+    look_at_all([&] { check_all(found); });
+    found.print_all(given.as_json);
+    if (found.count() != 0)
+        throw failure(counted(found.count(), "finding"));
+}
+
+} // namespace vskvs

@@ -1,0 +1,90 @@
+// What the tool writes: text and tables on standard output, failures on standard error.
+//
+// Standard output is written through here and nowhere else, so that a full disk or a reader that
+// went away is noticed: every function that writes throws a failure when the text does not get out.
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace vskvs {
+
+using json = nlohmann::ordered_json;
+
+// Why a command failed, as one line for the user. The tool prints it and exits with status 1.
+struct failure : std::runtime_error {
+    using runtime_error::runtime_error;
+};
+
+// A failure of an operation that gave a status.
+struct status_failure : failure {
+    status_failure(std::uint32_t failed_with, const std::string &message)
+        : failure(message), status(failed_with)
+    {
+    }
+    std::uint32_t status;
+};
+
+// A command line that cannot be carried out. The tool prints why and exits with status 2.
+struct wrong_usage : std::runtime_error {
+    using runtime_error::runtime_error;
+};
+
+void print(std::string_view text);
+void print_line(const json &document);   // on one line
+void print_pretty(const json &document); // for a command that gives one document
+void flush();                            // everything printed so far reaches its destination
+
+// One line on standard error, after "vskvs: ".
+void complain(const std::string &message);
+
+// A status as "no such object (VS_FAULT_NO_SUCH_OBJECT, 0xC5322600)".
+std::string describe(std::uint32_t status);
+std::string status_name(std::uint32_t status); // empty when it has none
+std::string status_code(std::uint32_t status); // as 0xC5322600
+
+// Throws a status_failure about `subject` unless the status is 0.
+void require(std::uint32_t status, const std::string &subject);
+
+std::string hex(std::uint64_t number); // as 0x2a
+
+// "1 object", "2 objects".
+std::string counted(std::size_t count, const std::string &noun);
+
+// Text as a terminal may be given it: control characters become '?'.
+std::string printable(std::string text);
+
+// Bold and red text where standard output is a terminal and NO_COLOR is not set.
+std::string bold(const std::string &text);
+std::string red(const std::string &text);
+
+struct column {
+    std::string header;
+    bool is_number; // aligned to the right
+};
+
+void print_table(const std::vector<column> &columns,
+                 const std::vector<std::vector<std::string>> &rows);
+
+// A bar on standard error, when that is a terminal, that is gone when the work is done.
+class progress_bar {
+public:
+    progress_bar(std::string label, std::size_t total);
+    progress_bar(const progress_bar &) = delete;
+    progress_bar &operator=(const progress_bar &) = delete;
+    ~progress_bar();
+
+    void show(std::size_t done) const;
+
+private:
+    std::string label_;
+    std::size_t total_;
+    bool is_visible_;
+};
+
+} // namespace vskvs
