@@ -1,7 +1,7 @@
 // What the tool writes: text and tables on standard output, failures on standard error.
 //
-// Standard output is written through here and nowhere else, so that a full disk or a reader that
-// went away is noticed: every function that writes throws a failure when the text does not get out.
+// Standard output is written through here and nowhere else, so that a full disk is noticed: every
+// function that writes throws a failure when the text does not get out.
 #pragma once
 
 #include <cstdint>

@@ -3,7 +3,6 @@
 // This file is the command line: what commands there are and what their words mean. Each command is
 // a function of commands.h.
 #include <climits>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -399,8 +398,4 @@ void status(const arguments &given)
 
 } // namespace vskvs
 
-int main(int argc, char **argv)
-{
-    std::signal(SIGPIPE, SIG_IGN); // a reader that went away is an error like any other
-    return vskvs::run(argc, argv);
-}
+int main(int argc, char **argv) { return vskvs::run(argc, argv); }
