@@ -79,6 +79,8 @@ REFUSED = [
     ("client add 1 --jid 1 --pid 1 --data " + "00" * 13, 2, "hex"), ("client add 1 --jid 1", 2, "--pid"),
     ("status 99999999999", 2, "number"), ("trace --since yesterday", 2, "not a moment"),
     ("object import /nonexistent", 1, "No such file"), ("restore /nonexistent", 1, "No such file"),
+    ("--state-dir= object list", 2, "subcommand"),
+    ("--state-dir /" + "x" * 3000 + " object list", 2, "--state-dir"),
     ("--state-dir /proc/nowhere object list", 1, "database not available"),
 ]
 
@@ -134,7 +136,7 @@ class Tool(unittest.TestCase):
 
     def start(self, arguments, state=None, **options):
         command = [TOOL, "--state-dir", state or self.state] + arguments
-        if "--state-dir" in arguments:
+        if any(word.startswith("--state-dir") for word in arguments):
             command = [TOOL] + arguments
         return subprocess.Popen(command, env=ENVIRONMENT, text=True, stdin=subprocess.PIPE,
                                 **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
@@ -290,6 +292,12 @@ class Tool(unittest.TestCase):
         whole = self.expect("trace")
         self.assertIn("all VS KVS DBs initialized successfully", whole)
         self.assertEqual(self.expect("trace", "--since", "2000000000"), "")
+        self.assertIn("all VS KVS DBs", self.expect("trace", "--job", "4294967295"))
+        rc, _, _ = self.run_tool(["object", "show", "9"], preexec_fn=lambda: os.close(2))
+        self.assertEqual(rc, 1)
+        for name in ("store.mdb", "store.mdb-lock"):
+            with open(self.state + "/" + name, "rb") as file:
+                self.assertNotIn(b"vskvs: ", file.read())
         follower = self.start(["trace", "--follow", "--operation", "vs_kvs_insert_vs_object_rec"])
         time.sleep(0.3)
         self.expect("object", "add", "5", "--select", "1")

@@ -15,6 +15,7 @@
 namespace vskvs {
 namespace {
 
+// Records by key; those that are too short to be read are there without words.
 using record_map = std::map<std::uint32_t, words>;
 
 class findings {
@@ -51,21 +52,22 @@ private:
 words stored_words(const database &db, kvs_hdl hdl, kvs_rec_hdl handle, std::uint32_t &length)
 {
     require(kvs_get_object_size(hdl, &handle, &length), db.name);
-    words record((length + 3) / 4);
+    words record(std::max((length + 3) / 4, 1u));
     std::uint32_t got = length;
     require(kvs_read_object(hdl, &handle, 0, record.data(), &got), db.name);
     return record;
 }
 
-// The records of a database that are as long as their counts say; the others are findings.
-record_map sound_records(const database &db, findings &found)
+// The records of a database. Those that are not as long as their counts say are findings, and of
+// those that are shorter nothing more is looked at.
+record_map all_records(const database &db, findings &found)
 {
     const kvs_hdl hdl = bind(db, "check");
     kvs_rec_hdl *array = nullptr;
     std::uint32_t count = 0;
     require(kvs_find_objects(hdl, nullptr, 0, 0, &array, &count), db.name);
     const std::unique_ptr<kvs_rec_hdl, decltype(&std::free)> owner(array, &std::free);
-    record_map sound;
+    record_map all;
     for (std::uint32_t i = 0; i < count; ++i) {
         std::uint32_t length = 0;
         words record = stored_words(db, hdl, array[i], length);
@@ -73,26 +75,28 @@ record_map sound_records(const database &db, findings &found)
         const bool has_count = length >= 4 * db.shape.fields.size();
         const std::size_t wanted =
             has_count ? 4 * db.shape.length(db.shape.count(record)) : 4 * db.shape.fields.size();
-        if (length == wanted) {
-            sound.emplace(key, std::move(record));
-            continue;
+        if (length != wanted) {
+            const std::string claim =
+                has_count ? "its " + std::string(db.shape.fields.back()) + " of " +
+                                std::to_string(db.shape.count(record)) + " asks for "
+                          : "its fixed part alone has ";
+            found.add("record-length", db, key,
+                      "the record has " + counted(length, "byte") + ", " + claim +
+                          std::to_string(wanted),
+                      {{"length", length}, {"expected_length", wanted}});
         }
-        const std::string claim = has_count
-                                      ? "its " + std::string(db.shape.fields.back()) + " of " +
-                                            std::to_string(db.shape.count(record)) + " asks for "
-                                      : "its fixed part alone has ";
-        found.add("record-length", db, key,
-                  "the record has " + counted(length, "byte") + ", " + claim +
-                      std::to_string(wanted),
-                  {{"length", length}, {"expected_length", wanted}});
+        record.resize(length < wanted ? 0 : wanted / 4);
+        all.emplace(key, std::move(record));
     }
-    return sound;
+    return all;
 }
 
 void check_selections(const record_map &all, findings &found)
 {
     const std::size_t fixed = objects.shape.fields.size();
     for (const auto &[id, record] : all) {
+        if (record.empty())
+            continue;
         const std::uint32_t selected = record[1];
         const bool selects_nothing = selected == 0 && record.size() == fixed;
         if (!selects_nothing && std::find(record.begin() + static_cast<std::ptrdiff_t>(fixed),
@@ -111,7 +115,8 @@ std::vector<std::span<const std::uint32_t>> distinct_elements(const database &db
 {
     std::vector<std::span<const std::uint32_t>> elements;
     std::set<std::uint32_t> seen;
-    for (std::size_t i = 0; i < db.shape.count(record); ++i) {
+    const std::size_t count = record.empty() ? 0 : db.shape.count(record);
+    for (std::size_t i = 0; i < count; ++i) {
         const auto element = db.shape.element(record, i);
         if (seen.insert(element[0]).second)
             elements.push_back(element);
@@ -142,13 +147,20 @@ void check_known(const database &db, std::uint32_t key, std::uint32_t id, const 
                   {{"vs_object_id", id}});
 }
 
+// Whether there is a record of `key`, but not one that says what it lists.
+bool is_unreadable(const record_map &all, std::uint32_t key)
+{
+    const auto at = all.find(key);
+    return at != all.end() && at->second.empty();
+}
+
 using pairs = std::set<std::pair<std::uint32_t, std::uint32_t>>; // job id, VS object id
 
 void check_all(findings &found)
 {
-    const record_map all = sound_records(objects, found);
-    const record_map lists = sound_records(clients, found);
-    const record_map jobs = sound_records(registrations, found);
+    const record_map all = all_records(objects, found);
+    const record_map lists = all_records(clients, found);
+    const record_map jobs = all_records(registrations, found);
     check_selections(all, found);
 
     pairs used, registered;
@@ -166,12 +178,12 @@ void check_all(findings &found)
             check_known(registrations, jid, element[0], all, found);
         }
     for (const auto &[jid, id] : registered)
-        if (!used.contains({jid, id}))
+        if (!used.contains({jid, id}) && !is_unreadable(lists, id))
             found.add("no-client", registrations, jid,
                       "registered for object " + hex(id) + ", but no client of it",
                       {{"vs_object_id", id}});
     for (const auto &[jid, id] : used)
-        if (!registered.contains({jid, id}))
+        if (!registered.contains({jid, id}) && !is_unreadable(jobs, jid))
             found.add("no-registration", clients, id,
                       "job " + std::to_string(jid) + " is a client, but not registered for it",
                       {{"jid", jid}});

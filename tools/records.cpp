@@ -197,7 +197,6 @@ private:
 
 const database objects{
     .name = "vs_objects",
-    .noun = "object",
     .subject = "object",
     .key_is_object = true,
     .shape = {object_fields, "supp_versions", false},
@@ -216,7 +215,6 @@ const database objects{
 
 const database clients{
     .name = "vs_clients_info",
-    .noun = "client",
     .subject = "clients of object",
     .key_is_object = true,
     .shape = {client_list_fields, "clients", true},
@@ -230,7 +228,6 @@ const database clients{
 
 const database registrations{
     .name = "vs_clientobjectsreg",
-    .noun = "registration",
     .subject = "registration of job",
     .key_is_object = false,
     .shape = {registration_fields, "vs_array", false},
@@ -299,7 +296,7 @@ bool parse_client_data(const std::string &text, std::span<std::uint32_t> client)
         if (!digit || letter == '\0')
             return false;
         const auto value = static_cast<unsigned>(digit - hex_digits);
-        bytes[i / 2] = static_cast<unsigned char>(bytes[i / 2] << 4 | value);
+        bytes[i / 2] = static_cast<unsigned char>(bytes[i / 2] * 16u + value);
     }
     std::memcpy(&client[2], bytes, sizeof bytes);
     return true;

@@ -42,7 +42,6 @@ struct shape {
 
 struct database {
     const char *name;    // in the store and in dumps
-    const char *noun;    // on the command line
     const char *subject; // in messages, before the key
     bool key_is_object;  // the key is a VS object id, shown as 0x2a; otherwise a jid
     vskvs::shape shape;

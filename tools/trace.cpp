@@ -9,6 +9,10 @@
 #include <map>
 #include <memory>
 
+#include <poll.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include "ringlog.h"
 #include "tools/catalogue.h"
 #include "tools/commands.h"
@@ -17,7 +21,7 @@ namespace vskvs {
 namespace {
 
 constexpr std::int64_t second = 1'000'000'000;
-constexpr timespec poll_interval{0, second / 10};
+constexpr int poll_interval_ms = 100;
 
 volatile std::sig_atomic_t is_interrupted = 0;
 
@@ -106,7 +110,9 @@ private:
             &names);
         require(rc, "trace buffers");
         const std::string job =
-            given_.job ? "install/vs/kvs/" + std::to_string(*given_.job) + "/" : "";
+            given_.job
+                ? "install/vs/kvs/" + std::to_string(static_cast<std::int32_t>(*given_.job)) + "/"
+                : "";
         for (const std::string &name : names)
             if (name.starts_with(job) && !name.ends_with(".damaged"))
                 open(name, false);
@@ -172,10 +178,29 @@ private:
     std::size_t damaged_ = 0;
 };
 
+// Nobody writes to standard output while it waits, so it asks whether there is still a reader.
+void wait_a_moment()
+{
+    pollfd output{STDOUT_FILENO, 0, 0};
+    if (poll(&output, 1, poll_interval_ms) > 0 && (output.revents & POLLERR) != 0)
+        throw failure("standard output: nobody reads it any more");
+}
+
+// Each buffer is a descriptor, and there is one pair of buffers for each job that ever was.
+void allow_many_descriptors()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 } // namespace
 
 void trace(const arguments &given)
 {
+    allow_many_descriptors();
     viewer view(given);
     view.tell_waiting();
     if (given.follow) {
@@ -184,7 +209,7 @@ void trace(const arguments &given)
         sigaction(SIGINT, &action, nullptr);
         sigaction(SIGTERM, &action, nullptr);
         while (!is_interrupted) {
-            nanosleep(&poll_interval, nullptr);
+            wait_a_moment();
             view.tell_waiting();
         }
     }

@@ -93,6 +93,13 @@ public:
 
     void run() const { action_(given_); }
 
+    // Throws unless the directory that the process runs with is the one that was asked for.
+    void check_state_dir(const char *chosen) const
+    {
+        if (app_.count("--state-dir") != 0 && (!chosen || state_dir_ != chosen))
+            throw wrong_usage("--state-dir: not a usable path: " + state_dir_);
+    }
+
     // Whether the command calls the library, and so reports what it does.
     bool uses_library() const { return uses_library_; }
 
@@ -277,6 +284,55 @@ private:
 
 // ---- the process ----
 
+// The library opens a trace buffer in the state directory when it is loaded, before main. So the
+// option that names the directory is looked for before anything is loaded, and the program starts
+// itself again with the directory in its environment.
+const char *chosen_state_dir = nullptr; // as the command line gives it
+
+void choose_state_dir(int argc, char **argv, char **environment)
+{
+    // A descriptor that is closed would become one of the store's files, and what is written to
+    // standard error would go there.
+    int spare = open("/dev/null", O_RDWR);
+    while (spare >= 0 && spare <= STDERR_FILENO)
+        spare = open("/dev/null", O_RDWR);
+    close(spare);
+
+    static char setting[PATH_MAX + 16] = "VS_STATE_DIR=";
+    constexpr std::size_t name_length = sizeof "VS_STATE_DIR=" - 1;
+    constexpr char option[] = "--state-dir";
+    constexpr std::size_t option_length = sizeof option - 1;
+    static char *changed[4096];
+    const char *dir = nullptr;
+    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i)
+        if (std::strncmp(argv[i], option, option_length) == 0) {
+            if (argv[i][option_length] == '=')
+                dir = argv[i] + option_length + 1;
+            else if (argv[i][option_length] == '\0' && i + 1 < argc)
+                dir = argv[i + 1];
+        }
+    if (!dir || *dir == '\0' || std::strlen(dir) >= PATH_MAX / 2)
+        return;
+    char *to = setting + name_length;
+    if (*dir != '/' && getcwd(to, PATH_MAX / 2)) {
+        to += std::strlen(to);
+        *to++ = '/';
+    }
+    std::strcpy(to, dir);
+    std::size_t count = 0;
+    changed[count++] = setting;
+    for (char **at = environment; *at && count < std::size(changed) - 1; ++at) {
+        if (std::strcmp(*at, setting) == 0) {
+            chosen_state_dir = dir;
+            return;
+        }
+        if (std::strncmp(*at, setting, name_length) != 0)
+            changed[count++] = *at;
+    }
+    execve("/proc/self/exe", argv, changed);
+}
+__attribute__((section(".preinit_array"), used)) auto *const before_all = &choose_state_dir;
+
 // Gives the tool's own operations trace buffers: one pair for all runs, under a job id that no job
 // has, since a pair for each process id would fill the disk. The tool works without them too, and
 // complaints of the set-up would only hide what the command has to say.
@@ -300,6 +356,7 @@ void carry_out(command_line &line, int argc, char **argv)
 {
     try {
         line.app().parse(argc, argv);
+        line.check_state_dir(chosen_state_dir);
         if (line.uses_library())
             set_up_reports();
         line.run();
@@ -331,44 +388,6 @@ int run(int argc, char **argv)
     }
     return 1;
 }
-
-// The library opens a trace buffer in the state directory when it is loaded, before main. So the
-// option that names the directory is looked for before anything is loaded, and the program starts
-// itself again with the directory in its environment.
-void choose_state_dir(int argc, char **argv, char **environment)
-{
-    static char setting[PATH_MAX + 16] = "VS_STATE_DIR=";
-    constexpr std::size_t name_length = sizeof "VS_STATE_DIR=" - 1;
-    constexpr char option[] = "--state-dir";
-    constexpr std::size_t option_length = sizeof option - 1;
-    static char *changed[4096];
-    const char *dir = nullptr;
-    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i)
-        if (std::strncmp(argv[i], option, option_length) == 0) {
-            if (argv[i][option_length] == '=')
-                dir = argv[i] + option_length + 1;
-            else if (argv[i][option_length] == '\0' && i + 1 < argc)
-                dir = argv[i + 1];
-        }
-    if (!dir || *dir == '\0' || std::strlen(dir) >= PATH_MAX / 2)
-        return;
-    char *to = setting + name_length;
-    if (*dir != '/' && getcwd(to, PATH_MAX / 2)) {
-        to += std::strlen(to);
-        *to++ = '/';
-    }
-    std::strcpy(to, dir);
-    std::size_t count = 0;
-    changed[count++] = setting;
-    for (char **at = environment; *at && count < std::size(changed) - 1; ++at) {
-        if (std::strcmp(*at, setting) == 0)
-            return;
-        if (std::strncmp(*at, setting, name_length) != 0)
-            changed[count++] = *at;
-    }
-    execve("/proc/self/exe", argv, changed);
-}
-__attribute__((section(".preinit_array"), used)) auto *const before_all = &choose_state_dir;
 
 } // namespace
 
