@@ -6,6 +6,7 @@
 #include "data_file.h"
 
 #include "free_block.h"
+#include "store_file.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -191,7 +192,7 @@ int check_extent(MDB_env *engine)
     // The header is read again when another process has written the next but one in the meantime.
     for (;;) {
         MDB_txn *pinned = nullptr;
-        error = mdb_txn_begin(engine, nullptr, MDB_RDONLY, &pinned);
+        error = begin_reading(engine, &pinned);
         if (error == MDB_MAP_RESIZED && (error = mdb_env_set_mapsize(engine, 0)) == 0)
             continue;
         if (error != 0)

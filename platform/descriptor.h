@@ -6,11 +6,9 @@
 #include <unistd.h>
 #include <utility>
 
-namespace platform
-{
+namespace platform {
 
-class descriptor
-{
+class descriptor {
 public:
     descriptor() = default;
     explicit descriptor(int fd) noexcept : fd_(fd) {}

@@ -15,8 +15,7 @@
 #include <cstring>
 #include <iterator>
 
-namespace
-{
+namespace {
 
 #define PLATFORM_STATUS(name, text)                                                                \
     {                                                                                              \

@@ -6,8 +6,7 @@
 
 #include <pthread.h>
 
-namespace platform
-{
+namespace platform {
 
 // Returns 0, or an error number when there is no memory for the handlers.
 template <pthread_mutex_t &Mutex>
@@ -17,8 +16,7 @@ int keep_across_fork() noexcept
                           [] { pthread_mutex_unlock(&Mutex); });
 }
 
-class scoped_lock
-{
+class scoped_lock {
 public:
     explicit scoped_lock(pthread_mutex_t &mutex) noexcept : mutex_(mutex)
     {

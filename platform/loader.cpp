@@ -19,8 +19,7 @@
 #include <dlfcn.h>
 #include <link.h>
 
-namespace
-{
+namespace {
 
 std::atomic<bool> process_ends{false};
 std::atomic<bool> handler_set{false};
@@ -92,8 +91,7 @@ __attribute__((constructor)) void watch_end()
 
 } // namespace
 
-namespace platform
-{
+namespace platform {
 
 void watch_process_end() noexcept
 {

@@ -6,15 +6,14 @@
 // that a child inherited are of threads it does not have, and their slots are free.
 #include "lockwatch.h"
 
+#include "clock.h"
 #include "export.h"
 #include "thread_identity.h"
 
 #include <atomic>
 #include <cstddef>
-#include <ctime>
 
-namespace
-{
+namespace {
 
 using platform::thread_identity;
 
@@ -58,13 +57,6 @@ note *take_note(const thread_identity &thread)
     return nullptr;
 }
 
-uint64_t monotonic_ns()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
-}
-
 bool copy_note(const note &from, const thread_identity &thread, lockwatch_wait &to)
 {
     const uint64_t version = from.version.load(std::memory_order_acquire);
@@ -95,7 +87,7 @@ PLATFORM_EXPORT void lockwatch_set_mutex_block(const void *mutex, const char *pl
     mine->mutex.store(mutex, std::memory_order_release);
     mine->place.store(place, std::memory_order_release);
     mine->code.store(code, std::memory_order_release);
-    mine->since_ns.store(monotonic_ns(), std::memory_order_release);
+    mine->since_ns.store(platform::clock_ns(CLOCK_MONOTONIC), std::memory_order_release);
     mine->version.store(writing + 1, std::memory_order_release);
 }
 

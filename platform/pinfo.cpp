@@ -10,8 +10,7 @@
 #include <fcntl.h>
 #include <string_view>
 
-namespace
-{
+namespace {
 
 using platform::descriptor;
 

@@ -123,7 +123,7 @@ template <class Work>
 outcome change_once(const place &at, const Work &work)
 {
     MDB_txn *txn = nullptr;
-    if (const int code = mdb_txn_begin(at.home->engine, nullptr, 0, &txn); code != 0)
+    if (const int code = begin_changing(at.home->engine, &txn); code != 0)
         return failure(code);
     const outcome result = work(changer{txn, *at.records});
     const int code = end_change(*at.home, txn, result.is_good());

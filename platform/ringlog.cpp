@@ -7,6 +7,7 @@
 // the claim of one that was killed is simply replaced in the next round.
 #include "ringlog.h"
 
+#include "clock.h"
 #include "export.h"
 #include "fork_lock.h"
 #include "loader_watch.h"
@@ -20,11 +21,9 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
-#include <ctime>
 #include <sys/mman.h>
 
-namespace
-{
+namespace {
 
 using namespace platform;
 
@@ -144,10 +143,7 @@ __attribute__((noinline)) void cut_texts(text_run *texts, uint32_t count, uint64
 void put_process(uint64_t *words)
 {
     const thread_identity thread = this_thread();
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    words[word_time] =
-        static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
+    words[word_time] = clock_ns(CLOCK_REALTIME);
     words[word_thread] =
         uint64_t{static_cast<uint32_t>(thread.pid)} << 32 | static_cast<uint32_t>(thread.tid);
     words[word_process] = process_name[0];

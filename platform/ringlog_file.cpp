@@ -7,6 +7,7 @@
 // another has just made.
 #include "ringlog_file.h"
 
+#include "clock.h"
 #include "state_dir.h"
 #include "verbose.h"
 
@@ -15,17 +16,14 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <string_view>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
-namespace platform
-{
-namespace
-{
+namespace platform {
+namespace {
 
 constexpr char magic[] = {'V', 'S', 'R', 'I', 'N', 'G', '\r', '\n'};
 constexpr uint32_t format_version = 1;
@@ -114,15 +112,12 @@ int reserve(int fd, uint64_t size)
 
 int write_header(int fd, uint32_t slot_count)
 {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
     ring_header header{};
     memcpy(header.magic, magic, sizeof magic);
     header.version = format_version;
     header.slot_size = RINGLOG_SLOT_SIZE;
     header.slot_count = slot_count;
-    header.created_ns =
-        static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
+    header.created_ns = clock_ns(CLOCK_REALTIME);
     header.checksum = header_checksum(header);
     const ssize_t written = pwrite(fd, &header, sizeof header, 0);
     if (written < 0)
@@ -167,11 +162,6 @@ int lock_folder(int folder)
         result = flock(folder, LOCK_EX);
     while (result != 0 && errno == EINTR);
     return result;
-}
-
-bool is_to_be_made(uint32_t status)
-{
-    return status == RINGLOG_RC_NO_SUCH_BUFFER || status == RINGLOG_RC_DAMAGED;
 }
 
 } // namespace
@@ -232,10 +222,10 @@ uint32_t open_or_make_ring(const char *name, uint32_t slot_count, ring_file &fil
 {
     descriptor folder;
     const char *leaf = nullptr;
-    uint32_t status = open_folder(name, true, folder, leaf);
-    if (status == 0)
-        status = open_in(folder.get(), leaf, O_RDWR, file);
-    if (!is_to_be_made(status))
+    if (const uint32_t status = open_folder(name, true, folder, leaf); status != 0)
+        return status;
+    uint32_t status = open_in(folder.get(), leaf, O_RDWR, file);
+    if (status != RINGLOG_RC_NO_SUCH_BUFFER && status != RINGLOG_RC_DAMAGED)
         return status;
     // Whoever had the lock before us may have made it meanwhile.
     if (lock_folder(folder.get()) != 0)

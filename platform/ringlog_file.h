@@ -7,8 +7,7 @@
 #include <cstdint>
 #include <sys/stat.h>
 
-namespace platform
-{
+namespace platform {
 
 // Longest name of a buffer, in bytes.
 constexpr size_t max_buffer_name = 1023;

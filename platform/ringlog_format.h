@@ -23,8 +23,7 @@
 #include <cstdint>
 #include <type_traits>
 
-namespace platform
-{
+namespace platform {
 
 enum slot_word : uint32_t {
     word_claim,

@@ -5,6 +5,7 @@
 // gets shorter) and shows a record only if the checksum vouches for every word of it.
 #include "ringlog.h"
 
+#include "clock.h"
 #include "export.h"
 #include "ringlog_file.h"
 #include "ringlog_format.h"
@@ -29,8 +30,7 @@ struct ringlog_reader {
     uint64_t skipped;
 };
 
-namespace
-{
+namespace {
 
 using namespace platform;
 
@@ -123,13 +123,6 @@ uint32_t refresh(ringlog_reader &reader)
     return 0;
 }
 
-uint64_t now_ns()
-{
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
-}
-
 // The record to be read next is not complete. If one after it is, waits a little, or gives it up
 // with all others before that one; if none is, there is no record to read for now.
 uint32_t pass_gap(ringlog_reader &reader, int &naps)
@@ -143,7 +136,8 @@ uint32_t pass_gap(ringlog_reader &reader, int &naps)
         const slot_state state = state_of(words, n);
         if (state == slot_state::pending)
             continue;
-        const bool old = state == slot_state::complete && words[word_time] + patience_ns < now_ns();
+        const bool old = state == slot_state::complete &&
+                         words[word_time] + patience_ns < clock_ns(CLOCK_REALTIME);
         if (old || naps == max_naps) {
             skip_to(reader, n);
         } else if (n != reader.position) {
@@ -157,8 +151,7 @@ uint32_t pass_gap(ringlog_reader &reader, int &naps)
 }
 
 // The names of all buffers, collected so that they can be put in order.
-class name_list
-{
+class name_list {
 public:
     name_list() = default;
     name_list(const name_list &) = delete;
@@ -180,8 +173,10 @@ public:
             names_ = static_cast<char **>(grown);
             room_ = room;
         }
-        names_[count_] = strdup(name);
-        return names_[count_] != nullptr && ++count_ != 0;
+        char *const copy = strdup(name);
+        if (copy != nullptr)
+            names_[count_++] = copy;
+        return copy != nullptr;
     }
 
     char **begin() const { return names_; }

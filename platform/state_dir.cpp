@@ -17,10 +17,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace platform
-{
-namespace
-{
+namespace platform {
+namespace {
 
 constexpr int folder_flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
@@ -38,8 +36,10 @@ int find_path(char (&path)[PATH_MAX])
     const char *below = "";
     if (base == nullptr && geteuid() == 0)
         base = "/var/lib/vs";
-    if (base == nullptr) {
-        base = secure_getenv("XDG_STATE_HOME");
+    // By convention an empty one counts as unset.
+    const char *const user_base = secure_getenv("XDG_STATE_HOME");
+    if (base == nullptr && user_base != nullptr && user_base[0] != '\0') {
+        base = user_base;
         below = "/vs";
     }
     if (base == nullptr) {
@@ -122,17 +122,15 @@ int open_folder_below(int dir, const char *path, bool create)
     descriptor folder(openat(dir, ".", folder_flags));
     while (folder.valid() && path[0] != '\0') {
         const size_t length = strcspn(path, "/");
-        const bool is_last = path[length] == '\0';
-        const bool dots = strncmp(path, "..", length) == 0 && length <= 2;
-        if (length == 0 || dots || (!is_last && path[length + 1] == '\0') || length > NAME_MAX) {
-            errno = length > NAME_MAX ? ENAMETOOLONG : EINVAL;
+        if (length > NAME_MAX) {
+            errno = ENAMETOOLONG;
             return -1;
         }
         char name[NAME_MAX + 1];
         memcpy(name, path, length);
         name[length] = '\0';
         folder = descriptor(open_component(folder.get(), name, create));
-        path += is_last ? length : length + 1;
+        path += length + (path[length] == '/');
     }
     return folder.release();
 }

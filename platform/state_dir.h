@@ -1,7 +1,7 @@
 // The state directory: where the store and the trace buffers of one installation live.
 //
-// Everything in it is reached from a descriptor of the directory, component by component and without
-// following links, so that a link planted in it leads nowhere.
+// Everything in it is reached from a descriptor of the directory, component by component and
+// without following links, so that a link planted in it leads nowhere.
 #pragma once
 
 namespace platform {
@@ -12,9 +12,10 @@ namespace platform {
 // with errno set (ENOENT when it is missing and `create` is false) after one line of explanation.
 int open_state_dir(bool create);
 
-// Opens the folder `path` (components separated by '/') below `dir`, made with mode 0700 where it is
-// missing and `create` is true. A component that is empty, ".", "..", or a link is refused with
-// EINVAL or ELOOP. An empty `path` opens `dir` itself again. Returns a descriptor or -1 with errno.
+// Opens the folder `path` (components separated by '/') below `dir`, made with mode 0700 where it
+// is missing and `create` is true. No component may be empty, "." or ".."; one that is a link is
+// refused with ELOOP. An empty `path` opens `dir` itself again. Returns a descriptor or -1 with
+// errno.
 int open_folder_below(int dir, const char *path, bool create);
 
-}  // namespace platform
+} // namespace platform

@@ -73,17 +73,20 @@ uint32_t status_of(int code)
     return KVS_RC_IO;
 }
 
-// When a write comes out short the engine says EIO, whatever stopped it. Asking for room at the end
-// of the file tells whether that was the want of it.
+// When a write comes out short the engine says EIO, whatever stopped it. Asking for room where the
+// file ends now, behind what was written, tells whether that was the want of it.
 int cause_of_failed_change(MDB_env *engine, int code)
 {
     MDB_envinfo about;
     MDB_stat sizes;
+    struct stat file;
     int fd = -1;
     if (code != EIO || engine == nullptr || mdb_env_get_fd(engine, &fd) != 0 ||
-        mdb_env_info(engine, &about) != 0 || mdb_env_stat(engine, &sizes) != 0)
+        mdb_env_info(engine, &about) != 0 || mdb_env_stat(engine, &sizes) != 0 ||
+        fstat(fd, &file) != 0)
         return code;
-    const auto end = static_cast<off_t>((about.me_last_pgno + 1) * sizes.ms_psize);
+    const auto known_end = static_cast<off_t>((about.me_last_pgno + 1) * sizes.ms_psize);
+    const off_t end = std::max(known_end, file.st_size);
     const bool has_room = fallocate(fd, 0, end, 64 * 1024) == 0;
     return !has_room && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG) ? errno : code;
 }
@@ -103,7 +106,7 @@ int enlarge_map(store &home, uint64_t bytes)
     bytes = std::max<uint64_t>(bytes, (about.me_last_pgno + 1) * sizes.ms_psize);
     if (bytes <= about.me_mapsize)
         return 0;
-    mdb_reader_check(home.engine, nullptr);
+    clear_slots(home.engine, nullptr);
     // The engine gives up the old map before it asks for the new one, and is lost when it gets
     // none.
     void *const trial = mmap(nullptr, bytes, PROT_READ, MAP_SHARED, fd, 0);
@@ -118,19 +121,25 @@ int enlarge_map(store &home, uint64_t bytes)
     return error;
 }
 
+// Keeps what was opened in a transaction that only read, or does not.
+int end_reading(MDB_txn *txn, bool keep)
+{
+    if (keep)
+        return mdb_txn_commit(txn);
+    mdb_txn_abort(txn);
+    return 0;
+}
+
 int open_databases(store &home)
 {
     MDB_txn *txn = nullptr;
-    int error = mdb_txn_begin(home.engine, nullptr, MDB_RDONLY, &txn);
+    int error = begin_reading(home.engine, &txn);
     if (error != 0)
         return error;
     for (unsigned i = 0; i < home.database_count && error == 0; ++i)
         error = mdb_dbi_open(txn, home.databases[i].name, MDB_INTEGERKEY, &home.databases[i].dbi);
-    if (error != 0)
-        mdb_txn_abort(txn);
-    else
-        error = mdb_txn_commit(txn);
-    return error;
+    const int failed = end_reading(txn, error == 0);
+    return error != 0 ? error : failed;
 }
 
 int open_commit_numbers(store &home)
@@ -180,7 +189,7 @@ uint32_t clear_dead_readers(store &home, thread_context &me)
     if (home.engine == nullptr)
         return 0;
     int dead = 0;
-    int error = mdb_reader_check(home.engine, &dead);
+    int error = clear_slots(home.engine, &dead);
     if (error == 0 && dead == 0)
         error = MDB_READERS_FULL;
     return error != 0 ? explain("clearing the readers' table", error) : 0;
@@ -252,19 +261,17 @@ int open_one_more(store &home, const char *name, unsigned create)
         return MDB_DBS_FULL;
     database &next = home.databases[count];
     MDB_txn *txn = nullptr;
-    int error = mdb_txn_begin(home.engine, nullptr, create != 0 ? 0 : MDB_RDONLY, &txn);
+    int error = create != 0 ? begin_changing(home.engine, &txn) : begin_reading(home.engine, &txn);
     if (error != 0)
         return error;
     unsigned flags = 0;
     if ((error = mdb_dbi_open(txn, name, MDB_INTEGERKEY | create, &next.dbi)) == 0 &&
         (error = mdb_dbi_flags(txn, next.dbi, &flags)) == 0 && flags != MDB_INTEGERKEY)
         error = MDB_INCOMPATIBLE;
-    if (error != 0) {
-        mdb_txn_abort(txn);
-        return error;
-    }
-    if ((error = mdb_txn_commit(txn)) != 0)
-        return cause_of_failed_change(home.engine, error);
+    const bool keep = error == 0;
+    const int failed = create != 0 ? end_change(home, txn, keep) : end_reading(txn, keep);
+    if (error != 0 || failed != 0)
+        return error != 0 ? error : failed;
     strcpy(next.name, name);
     home.database_count.store(count + 1, std::memory_order_release);
     return 0;
@@ -382,16 +389,18 @@ uint32_t locate(kvs_hdl hdl, place *at)
 int begin_read(store &home, thread_context &me)
 {
     MDB_txn *&txn = me.readers[home.index];
-    return txn != nullptr ? mdb_txn_renew(txn)
-                          : mdb_txn_begin(home.engine, nullptr, MDB_RDONLY, &txn);
+    return txn != nullptr ? mdb_txn_renew(txn) : begin_reading(home.engine, &txn);
 }
 
 int end_change(store &home, MDB_txn *txn, bool keep)
 {
+    int code = 0;
     if (keep)
-        return cause_of_failed_change(home.engine, mdb_txn_commit(txn));
-    mdb_txn_abort(txn);
-    return 0;
+        code = cause_of_failed_change(home.engine, mdb_txn_commit(txn));
+    else
+        mdb_txn_abort(txn);
+    end_changing(home.engine);
+    return code;
 }
 
 uint32_t mend_as_writer(store &home, thread_context &me, int code, uint64_t mends)
@@ -444,7 +453,7 @@ uint32_t begin_batch(kvs_hdl hdl)
             MDB_txn *txn = nullptr;
             const unsigned count = home.database_count.load(std::memory_order_acquire);
             if (home.engine != nullptr)
-                error = mdb_txn_begin(home.engine, nullptr, 0, &txn);
+                error = begin_changing(home.engine, &txn);
             if (error == 0) {
                 me.open_batch = {&home, txn, count, false};
                 me.held = 1u << home.index;
@@ -473,7 +482,7 @@ uint32_t commit_batch()
         abort_batch(*me);
         return KVS_RC_BATCH_BROKEN;
     }
-    const int code = mdb_txn_commit(me->open_batch.txn);
+    const int code = end_change(*me->open_batch.in, me->open_batch.txn, true);
     const uint32_t status = code != 0 ? explain_in_batch(*me->open_batch.in, code) : 0;
     end_batch(*me);
     return status;
@@ -483,7 +492,7 @@ uint32_t abort_batch(thread_context &me)
 {
     if (me.open_batch.in == nullptr)
         return KVS_RC_NO_BATCH;
-    mdb_txn_abort(me.open_batch.txn);
+    end_change(*me.open_batch.in, me.open_batch.txn, false);
     end_batch(me);
     return 0;
 }

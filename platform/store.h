@@ -9,8 +9,7 @@
 //  - `writer` is held by a thread that changes the store, for the whole of a batch, and by whoever
 //    changes the environment. It is taken from outside only.
 //  - A thread is inside for the length of one attempt, or of one batch. The thread with a batch
-//  passes
-//    a shut store, but as it is the writer too, the store is never shut meanwhile.
+//    passes a shut store, but as it is the writer too, the store is never shut meanwhile.
 //
 // An attempt that fails for want of room, or with a useless environment, is undone; the store is
 // mended, and the attempt made again.

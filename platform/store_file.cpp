@@ -9,6 +9,7 @@
 
 #include "data_file.h"
 #include "descriptor.h"
+#include "fork_lock.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -18,6 +19,9 @@
 #include <unistd.h>
 
 namespace platform {
+
+constinit pthread_mutex_t slots_mutex = PTHREAD_MUTEX_INITIALIZER;
+
 namespace {
 
 constexpr char data_name[] = "store.mdb";
@@ -124,6 +128,44 @@ int prepare_lock_file(int dir)
     return file.valid() ? posix_fallocate(file.get(), 0, lock_file_size) : errno;
 }
 
+// The engine's locks lie in memory that its processes share. A process that is killed when it has
+// just been woken there takes the wake-up with it, and others may wait for ever. So nobody waits
+// there: to get at the engine's locks one holds a lock of the data file, a byte for each, which the
+// system passes on whoever dies.
+enum class file_byte : off_t { writer, slots };
+
+int lock_byte(MDB_env *engine, file_byte which, short type)
+{
+    int fd = -1;
+    if (const int error = mdb_env_get_fd(engine, &fd); error != 0)
+        return error;
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = static_cast<off_t>(which);
+    lock.l_len = 1;
+    while (fcntl(fd, F_SETLKW, &lock) != 0) {
+        if (errno != EINTR && errno != EDEADLK)
+            return errno;
+        // To the system a process waits for another even when its threads do for different ones.
+        if (errno == EDEADLK)
+            usleep(1000);
+    }
+    return 0;
+}
+
+template <class Work>
+int with_slots(MDB_env *engine, const Work &work)
+{
+    const scoped_lock lock(slots_mutex);
+    int error = lock_byte(engine, file_byte::slots, F_WRLCK);
+    if (error == 0) {
+        error = work();
+        lock_byte(engine, file_byte::slots, F_UNLCK);
+    }
+    return error;
+}
+
 int check_engine(MDB_env *engine)
 {
     int fd = -1;
@@ -131,11 +173,31 @@ int check_engine(MDB_env *engine)
     if (error == 0 && fcntl(fd, F_SETFD, FD_CLOEXEC) != 0)
         error = errno;
     if (error == 0)
-        error = mdb_reader_check(engine, nullptr);
+        error = clear_slots(engine, nullptr);
     return error != 0 ? error : check_extent(engine);
 }
 
 } // namespace
+
+int begin_changing(MDB_env *engine, MDB_txn **txn)
+{
+    int error = lock_byte(engine, file_byte::writer, F_WRLCK);
+    if (error == 0 && (error = mdb_txn_begin(engine, nullptr, 0, txn)) != 0)
+        end_changing(engine);
+    return error;
+}
+
+void end_changing(MDB_env *engine) { lock_byte(engine, file_byte::writer, F_UNLCK); }
+
+int begin_reading(MDB_env *engine, MDB_txn **txn)
+{
+    return with_slots(engine, [&] { return mdb_txn_begin(engine, nullptr, MDB_RDONLY, txn); });
+}
+
+int clear_slots(MDB_env *engine, int *dead)
+{
+    return with_slots(engine, [&] { return mdb_reader_check(engine, dead); });
+}
 
 int open_engine(int dir, bool create, MDB_env **engine_p)
 {

@@ -66,6 +66,7 @@ void go_on_in_child()
         pthread_mutex_init(&stores[i].writer, nullptr);
         pthread_mutex_init(&stores[i].binder, nullptr);
     }
+    pthread_mutex_init(&slots_mutex, nullptr);
     threads = cached_context;
     if (thread_context *const me = cached_context; me != nullptr) {
         me->inside.store(0, std::memory_order_relaxed);

@@ -5,15 +5,13 @@
 #include <pthread.h>
 #include <unistd.h>
 
-namespace platform
-{
+namespace platform {
 
 std::atomic<uint32_t> fork_generation{0};
 
 constinit thread_local thread_identity cached_identity __attribute__((tls_model("initial-exec"))){};
 
-namespace
-{
+namespace {
 
 void note_fork() { fork_generation.fetch_add(1, std::memory_order_relaxed); }
 

@@ -4,8 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
-namespace platform
-{
+namespace platform {
 
 struct thread_identity {
     uint32_t generation;

@@ -3,8 +3,7 @@
 
 #include <cstddef>
 
-namespace platform
-{
+namespace platform {
 
 // The longest beginning of the `length` bytes at `text` that does not end within a UTF-8 sequence.
 inline size_t whole_characters(const char *text, size_t length) noexcept

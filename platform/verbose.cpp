@@ -6,6 +6,7 @@
 // find held for ever.
 #include "verbose.h"
 
+#include "clock.h"
 #include "descriptor.h"
 #include "export.h"
 #include "fork_lock.h"
@@ -19,14 +20,12 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <fcntl.h>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 using platform::descriptor;
 
@@ -52,6 +51,9 @@ std::atomic<uint32_t> mask{0};
 std::atomic<int> output{STDERR_FILENO};
 std::atomic<dev_t> output_device{0};
 std::atomic<ino_t> output_inode{0};
+
+// The number of the log, kept while the lines go to standard error; init_mutex guards it.
+int log_number = STDERR_FILENO;
 
 pthread_mutex_t init_mutex = PTHREAD_MUTEX_INITIALIZER;
 
@@ -96,14 +98,14 @@ bool send_lines_to(const char *path)
         return false;
     // The old file is replaced under its number, so that a print in another thread is never left
     // with a number that is closed, or somebody else's.
-    const int current = output.load(std::memory_order_relaxed);
-    const bool replace = is_our_file(current);
-    if (replace && dup3(file.get(), current, O_CLOEXEC) < 0)
+    const bool replace = is_our_file(log_number);
+    if (replace && dup3(file.get(), log_number, O_CLOEXEC) < 0)
         return false;
     output_device.store(about.st_dev, std::memory_order_relaxed);
     output_inode.store(about.st_ino, std::memory_order_relaxed);
     if (!replace)
-        output.store(file.release(), std::memory_order_relaxed);
+        log_number = file.release();
+    output.store(log_number, std::memory_order_relaxed);
     return true;
 }
 
@@ -142,19 +144,17 @@ const char *name_of(uint32_t category)
 size_t put_prefix(char *line, uint32_t category)
 {
     using namespace std::chrono;
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    const sys_seconds second{seconds{now.tv_sec}};
-    const auto day = floor<days>(second);
+    const sys_time<nanoseconds> now{nanoseconds{platform::clock_ns(CLOCK_REALTIME)}};
+    const auto day = floor<days>(now);
     const year_month_day date{day};
-    const hh_mm_ss time{second - day};
+    const hh_mm_ss time{floor<microseconds>(now - day)};
     const int length =
         snprintf(line, max_prefix,
                  "%04d-%02u-%02u %02d:%02d:%02d.%06d [%d] %s: ", static_cast<int>(date.year()),
                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
                  static_cast<int>(time.hours().count()), static_cast<int>(time.minutes().count()),
-                 static_cast<int>(time.seconds().count()), static_cast<int>(now.tv_nsec / 1000),
-                 getpid(), name_of(category));
+                 static_cast<int>(time.seconds().count()),
+                 static_cast<int>(time.subseconds().count()), getpid(), name_of(category));
     return length > 0 ? static_cast<size_t>(length) : 0;
 }
 
