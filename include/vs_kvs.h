@@ -1,3 +1,4 @@
+/* clang-format off */
 /*
  * vs_kvs.h - the persistent state of the version-selection service.
  *
@@ -12,21 +13,25 @@
  *
  * What holds for every operation
  *
- *   Status     Each operation returns 0 or a status. Beside the statuses listed with an operation
- * it may return one of the record store (KVS_RC_*, texts from fault_strerror), unchanged. Results
- * Out-parameters are written when the status is 0 and left alone otherwise. Their names carry the
- * level of indirection: _p receives a value, _pp a pointer, _ppp an array of pointers. Memory What
- * an operation hands out is a block from malloc, exactly as long as stored, that the caller
- * releases with free. Nothing the caller passes in is kept. A failed operation has released
- * everything it allocated. Checks     Pointers first, then ids, then the database handle, then the
- * store; the first that fails decides the status. An operation looks its database up by name on
- * first use, so it works in a process that never called vs_kvs_initialize, only without trace
- * buffers of its own. Changes    A change of a stored record reads it, changes the copy, writes it
- * back and reads it again to verify the changed field. A failed verification does not undo the
- * write. Threads    Any thread may call any operation at any time, except where said. No lock is
- * held between the steps: of two changes of one record at once one may be lost, which the
- *              verification notices only where it touches the verified field.
- *   Reports    Every step leaves a trace record and a debug print; neither changes its outcome.
+ *   Status   Each operation returns 0 or a status. Beside the statuses listed with an operation it
+ *            may return one of the record store (KVS_RC_*, texts from fault_strerror), unchanged.
+ *   Results  Out-parameters are written when the status is 0 and left alone otherwise. Their names
+ *            carry the level of indirection: _p receives a value, _pp a pointer, _ppp an array of
+ *            pointers.
+ *   Memory   What an operation hands out is a block from malloc, exactly as long as stored, that
+ *            the caller releases with free. Nothing the caller passes in is kept. A failed
+ *            operation has released everything it allocated.
+ *   Checks   Pointers first, then ids, then the database handle, then the store; the first that
+ *            fails decides the status. An operation looks its database up by name on first use, so
+ *            it works in a process that never called vs_kvs_initialize, only without trace buffers
+ *            of its own.
+ *   Changes  A change of a stored record reads it, changes the copy, writes it back and reads it
+ *            again to verify the changed field. A failed verification does not undo the write.
+ *   Threads  Any thread may call any operation at any time, except where said. No lock is held
+ *            between the steps: of two changes of one record at once one may be lost, which the
+ *            verification notices only where it touches the verified field.
+ *   Reports  Failures leave trace records, and so do most completions; every step makes a debug
+ *            print. Neither changes an outcome.
  *
  * All numbers are in the host's byte order.
  */
@@ -53,30 +58,26 @@ struct kvs_key_attr; /* the store's key descriptor, kvs.h */
 
 /* ---- statuses ---- */
 
-#define VS_FAULT_NULL_ARG UINT32_C(0xA5320200)          /* a required pointer is null */
-#define VS_FAULT_NAME_TOO_LONG UINT32_C(0xA5320400)     /* process name longer than 64 characters */
-#define VS_FAULT_KVS_DB_LOOKUP UINT32_C(0xA5322800)     /* a database is not available */
-#define VS_FAULT_NO_MEMORY UINT32_C(0xC5321000)         /* a memory allocation failed */
-#define VS_FAULT_NO_SUCH_OBJECT UINT32_C(0xC5322600)    /* no record for this VS object id */
+#define VS_FAULT_NULL_ARG UINT32_C(0xA5320200) /* a required pointer is null */
+#define VS_FAULT_NAME_TOO_LONG UINT32_C(0xA5320400) /* process name longer than 64 characters */
+#define VS_FAULT_KVS_DB_LOOKUP UINT32_C(0xA5322800) /* a database is not available */
+#define VS_FAULT_NO_MEMORY UINT32_C(0xC5321000) /* a memory allocation failed */
+#define VS_FAULT_NO_SUCH_OBJECT UINT32_C(0xC5322600) /* no record for this VS object id */
 #define VS_FAULT_INVALID_OBJECT_ID UINT32_C(0xC5322C00) /* VS object id 0 */
-#define VS_FAULT_KVS_READ_NULL_REC UINT32_C(0xC5322E00) /* a stored record is empty or too short   \
-                                                         */
+#define VS_FAULT_KVS_READ_NULL_REC UINT32_C(0xC5322E00) /* a stored record is empty or too short */
 #define VS_FAULT_KVS_MULTI_REC_HDL UINT32_C(0xC5323200) /* more than one record with this key */
-#define VS_FAULT_INVALID_CLIENT_JID                                                                \
-    UINT32_C(0xC5323400) /* job id 0, or no client with this job id */
+#define VS_FAULT_INVALID_CLIENT_JID UINT32_C(0xC5323400) /* job id 0, or no client with it */
 #define VS_FAULT_KVS_REG_NOT_EXIST UINT32_C(0xC5323600) /* the registration does not exist */
-#define VS_FAULT_KVS_REG_ALREADY_EXIST                                                             \
-    UINT32_C(0xC5323800)                                /* the VS object is registered already */
+#define VS_FAULT_KVS_REG_ALREADY_EXIST UINT32_C(0xC5323800) /* the VS object is registered already */
 #define VS_FAULT_KVS_UPDATE_SANITY UINT32_C(0xC5323A00) /* read back, an update does not show */
 #define VS_FAULT_KVS_ADD_SANITY UINT32_C(0xC5323C00) /* read back, an added entry does not show */
-#define VS_FAULT_KVS_INVALID_HDL                                                                   \
-    UINT32_C(0xC5323E00) /* the store opened a database without a handle */
-#define VS_FAULT_KVS_CLIENT_ALREADY_EXIST                                                          \
-    UINT32_C(0xC5324000)                             /* the client's job id is listed already */
+#define VS_FAULT_KVS_INVALID_HDL UINT32_C(0xC5323E00) /* a database was opened without a handle */
+#define VS_FAULT_KVS_CLIENT_ALREADY_EXIST UINT32_C(0xC5324000) /* the client's job id is listed already */
 #define VS_FAULT_KVS_UNKNOWN_DB UINT32_C(0x45321600) /* no such database selector */
-#define VS_FAULT_KVS_DB_EMPTY UINT32_C(0x45323000)   /* a listing found no record: a warning */
+#define VS_FAULT_KVS_DB_EMPTY UINT32_C(0x45323000) /* a listing found no record: a warning */
 
 #define VS_KVS_DB_ALREADY_OPEN UINT32_C(21) /* the selected database is open */
+/* clang-format on */
 
 /* The value of a database handle that is not held yet. */
 #define VS_KVS_HDL_UNSET UINT64_MAX

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <span>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -264,6 +265,11 @@ const scenario special[] = {
     {"get object: id 0", [] { return get_object(0); }},
     {"get object: unknown", [] { return get_object(unknown); }},
     {"get object: two", [] { return get_object(A); }, twice("vs_objects")},
+    {"get object: two, and the find fails", [] { return get_object(A); },
+     [] {
+         twice("vs_objects")();
+         now.fail_call = 2, now.array_on_failure = true;
+     }},
     {"get object: empty record", [] { return get_object(A); }, [] { now.size = 0; }},
     {"get object: nothing read", [] { return get_object(A); }, [] { now.read_length = 0; }},
     {"get object: short fixed part", [] { return get_object(A); },
@@ -300,6 +306,8 @@ const scenario special[] = {
      }},
     {"list objects: empty", list_objects, emptied("vs_objects")},
     {"list objects: empty record", list_objects, [] { now.size = 0; }},
+    {"list objects: empty record that cannot be read", list_objects,
+     [] { now.size = 0, now.fail_call = 4; }},
     {"list objects: short record", list_objects, replaced("vs_objects", {A, 1, 0, 0, 0, 3, 1, 2})},
     {"list objects: count without an array", list_objects, [] { now.arrays_missing = true; }},
     {"list objects: second record gone", list_objects,
@@ -400,8 +408,9 @@ const scenario special[] = {
     {"add client: another jid read back",
      [] { return plain(vs_kvs_add_new_client_info(A, &new_client)); },
      [] {
-         now.before = before_nth("kvs_get_object_size", 2,
-                                 replaced("vs_clients_info", {A, 1, 3, 300, 0, 0, 0}));
+         now.before = before_nth(
+             "kvs_get_object_size", 2,
+             replaced("vs_clients_info", {A, 3, 4, 4, 0, 0, 0, 5, 5, 0, 0, 0, 3, 9, 0, 0, 0}));
      }},
     {"add client: jid 0, list shortened",
      [] {
@@ -514,6 +523,8 @@ const scenario special[] = {
     {"db_init: unknown, set up", [] { return plain(vs_kvs_db_init(5, 3)); },
      [] { g_vs_kvs_debug_initialized = 1; }},
     {"db_init: unknown, not set up", [] { return plain(vs_kvs_db_init(5, 3)); }},
+    {"db_init: unknown, set-up refused", [] { return plain(vs_kvs_db_init(5, 3)); },
+     [] { now.fail_call = 5; }},
     {"db_init: open, set up", [] { return plain(vs_kvs_db_init(5, 0)); },
      [] { g_vs_kvs_debug_initialized = 1, g_kvs_hdl_vs_objects_db = 1; }},
     {"db_init: open, not set up", [] { return plain(vs_kvs_db_init(5, 0)); },
@@ -535,6 +546,10 @@ const scenario special[] = {
                  now.log.push_back(std::string("name ") + g_vs_kvs_proc_name);
          };
      }},
+    {"debug_init: not a job, nameless", [] { return plain(vs_kvs_debug_init(5)); },
+     [] { now.job_id = 0, now.fail_call = 3; }},
+    {"debug_init: name of 64", [] { return plain(vs_kvs_debug_init(5)); },
+     [] { now.job_name = std::string(64, 'n'); }},
     {"debug_init: name of 65", [] { return plain(vs_kvs_debug_init(5)); },
      [] { now.job_name = "a/" + std::string(65, 'n'); }},
     {"debug_init: mutex refused", [] { return plain(vs_kvs_debug_init(5)); },
@@ -587,10 +602,21 @@ private:
     }
 };
 
+// What the process knows of its own set-up; the log tells when that changes.
+std::string state()
+{
+    return "state " + std::to_string(g_vs_kvs_debug_initialized) + ' ' +
+           std::to_string(g_vs_kvs_dbs_initialized) + ' ' + std::to_string(vs_kvs_is_populated());
+}
+
 outcome run(const scenario &s)
 {
     armed while_it_runs;
-    return s.run();
+    const std::string before = state();
+    const outcome result = s.run();
+    if (state() != before)
+        now.log.push_back(state());
+    return result;
 }
 
 void expect_clean(const char *name)
@@ -604,18 +630,13 @@ void expect_clean(const char *name)
 TEST(library, reports_what_it_does)
 {
     report_book book;
-    for (const scenario &s : regular) {
-        usual_store();
-        s.prepare();
-        book.add(s.name, run(s));
-        expect_clean(s.name);
-    }
-    for (const scenario &s : special) {
-        usual_store();
-        s.prepare();
-        book.add(s.name, run(s));
-        expect_clean(s.name);
-    }
+    for (const auto &table : {std::span<const scenario>(regular), {special}})
+        for (const scenario &s : table) {
+            usual_store();
+            s.prepare();
+            book.add(s.name, run(s));
+            expect_clean(s.name);
+        }
     book.check("reports");
 }
 

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <set>
+#include <map>
 
 #include <pthread.h>
 #include <unistd.h>
@@ -36,17 +36,22 @@ constexpr std::uint64_t common_buffer = 0xC0, api_buffer = 0xA1, errors_buffer =
 
 bool is_armed = false;
 
-// The load hook calls the platform before any constructor of this file has run.
-bool is_up = false;
+// The load hook calls the platform before any constructor of this file has run. The unload hook
+// runs after the destructors, and has nothing to ask of it.
+bool is_up = false, is_over = false;
 struct up {
     up() { is_up = true; }
+    ~up() { is_up = false, is_over = true; }
 };
 
-std::set<void *> &blocks()
+// The live blocks and their lengths. Each is followed by a mark that nobody may overwrite.
+std::map<void *, std::size_t> &blocks()
 {
-    static std::set<void *> set;
-    return set;
+    static std::map<void *, std::size_t> map;
+    return map;
 }
+
+constexpr char mark[] = "the end";
 
 std::string format(const char *text, std::va_list arguments)
 {
@@ -133,11 +138,19 @@ bool allocation_fails(const char *what)
     return true;
 }
 
-void *track(void *block)
+void *track(void *block, std::size_t size)
 {
-    if (block)
-        blocks().insert(block);
+    blocks()[block] = size;
+    std::memcpy(static_cast<char *>(block) + size, mark, sizeof mark);
     return block;
+}
+
+void *allocate(std::size_t size) { return track(__real_malloc(size + sizeof mark), size); }
+
+void check_end(const void *block, std::size_t size)
+{
+    if (std::memcmp(static_cast<const char *>(block) + size, mark, sizeof mark) != 0)
+        now.problems.push_back("wrote beyond the end of a block");
 }
 
 // Memory that goes over to the library counts as its own from then on.
@@ -146,7 +159,7 @@ kvs_rec_hdl *hand_out(const std::vector<kvs_rec_hdl> &handles)
     if (handles.empty() || now.arrays_missing)
         return nullptr;
     auto *const array =
-        static_cast<kvs_rec_hdl *>(track(__real_malloc(handles.size() * sizeof(kvs_rec_hdl))));
+        static_cast<kvs_rec_hdl *>(allocate(handles.size() * sizeof(kvs_rec_hdl)));
     std::copy(handles.begin(), handles.end(), array);
     return array;
 }
@@ -163,7 +176,7 @@ armed::~armed() { is_armed = false; }
 
 void reset()
 {
-    for (void *const block : std::set<void *>(blocks()))
+    for (const auto &[block, size] : std::map(blocks()))
         std::free(block);
     g_vs_kvs_proc_name = nullptr;
     now = script{};
@@ -185,7 +198,12 @@ void put(const char *name, std::initializer_list<std::uint32_t> words, std::size
     records.push_back({0x9000 + records.size(), data});
 }
 
-std::size_t live_blocks() { return blocks().size(); }
+std::size_t live_blocks()
+{
+    for (const auto &[block, size] : blocks())
+        check_end(block, size);
+    return blocks().size();
+}
 
 } // namespace scripted
 
@@ -206,12 +224,14 @@ unsigned __wrap_sleep(unsigned seconds);
 
 void *__wrap_malloc(std::size_t size)
 {
-    return allocation_fails("malloc") ? nullptr : track(__real_malloc(size));
+    return allocation_fails("malloc") ? nullptr : allocate(size);
 }
 
 void *__wrap_calloc(std::size_t count, std::size_t size)
 {
-    return allocation_fails("calloc") ? nullptr : track(__real_calloc(count, size));
+    size *= count;
+    return allocation_fails("calloc") ? nullptr
+                                      : track(__real_calloc(1, size + sizeof mark), size);
 }
 
 void *__wrap_realloc(void *block, std::size_t size)
@@ -219,13 +239,18 @@ void *__wrap_realloc(void *block, std::size_t size)
     if (allocation_fails("realloc"))
         return nullptr;
     blocks().erase(block);
-    return track(__real_realloc(block, size));
+    return track(__real_realloc(block, size + sizeof mark), size);
 }
 
 void __wrap_free(void *block)
 {
-    if (block && blocks().erase(block) == 0 && is_armed)
+    const auto live = blocks().find(block);
+    if (live != blocks().end()) {
+        check_end(block, live->second);
+        blocks().erase(live);
+    } else if (block && is_armed) {
         now.problems.push_back("freed a block that was not live");
+    }
     __real_free(block);
 }
 
@@ -315,6 +340,8 @@ const char *fault_strerror(std::uint32_t status)
 std::uint32_t ringlog_init2(const char *name, std::uint32_t, std::uint32_t, std::uint32_t size_1,
                             std::uint32_t size_2, std::uint32_t, std::uint64_t *handle_p)
 {
+    if (is_over)
+        std::abort();
     if (!is_up)
         return 0;
     const std::uint32_t rc = enter("ringlog_init2");
@@ -366,7 +393,7 @@ void lockwatch_set_mutex_block(const void *, const char *place, std::uint32_t co
 
 void lockwatch_unset_mutex_block(void) { note("waits no more"); }
 
-int __in_unload(void) { return 0; }
+int __in_unload(void) { return 1; }
 
 // ---- the record store ----
 

@@ -70,7 +70,8 @@ void reset();
 void put(const char *database, std::initializer_list<std::uint32_t> words,
          std::size_t length = SIZE_MAX);
 
-// Blocks that the library allocated, or was handed by the store, and nobody has freed.
+// Blocks that the library allocated, or was handed by the store, and nobody has freed. A write
+// beyond the end of one of them is a problem.
 std::size_t live_blocks();
 
 // Counts and fails allocations while it lives.

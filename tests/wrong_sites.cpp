@@ -18,7 +18,7 @@ constexpr errors<object_id, status_text> wrong{0x50300010299, "%s: id %s: %s"};
 #elif WRONG == 4 // a fact that the text leaves out
 constexpr errors<object_id, status_text> wrong{0x50300010299, "%s: id 0x%X"};
 #elif WRONG == 5 // no operation's name at the beginning
-constexpr errors<object_id> wrong{0x10200010299, "id 0x%X"};
+constexpr errors<object_id> wrong{0x10200010299, "is: 0x%X"};
 #elif WRONG == 6 // a debug text with an identifier
 constexpr debug<object_id> wrong{0x10200010299, "%s: id 0x%X"};
 #elif WRONG == 7 // an address in a trace record

@@ -100,8 +100,8 @@ public:
             throw wrong_usage("--state-dir: not a usable path: " + state_dir_);
     }
 
-    // Whether the command calls the library, and so reports what it does.
-    bool uses_library() const { return uses_library_; }
+    // Whether the command's reports have to be set up before it runs.
+    bool needs_reports() const { return needs_reports_; }
 
 private:
     using action = void (*)(const arguments &);
@@ -122,7 +122,9 @@ private:
         verb->footer(std::string("Example:\n  ") + example);
         verb->final_callback([this, what, uses_library] {
             action_ = what;
-            uses_library_ = uses_library;
+            // Whoever opens the databases sets its reports up on the way.
+            const bool opens = what == init || what == import_objects || what == restore;
+            needs_reports_ = uses_library && !opens;
         });
         return verb;
     }
@@ -279,7 +281,7 @@ private:
     arguments given_;
     std::string state_dir_;
     action action_ = nullptr;
-    bool uses_library_ = true;
+    bool needs_reports_ = false;
 };
 
 // ---- the process ----
@@ -333,13 +335,18 @@ void choose_state_dir(int argc, char **argv, char **environment)
 }
 __attribute__((section(".preinit_array"), used)) auto *const before_all = &choose_state_dir;
 
-// Gives the tool's own operations trace buffers: one pair for all runs, under a job id that no job
-// has, since a pair for each process id would fill the disk. The tool works without them too, and
-// complaints of the set-up would only hide what the command has to say.
-void set_up_reports()
+// The tool's own operations go to one pair of trace buffers, for all runs, under a job id that no
+// job has: a pair for each process id would fill the disk.
+void name_the_job()
 {
     setenv("VS_JOB_ID", "4294967295", 0); // -1 in the buffers' names
     setenv("VS_JOB_NAME", "vskvs", 0);
+}
+
+// The tool works without trace buffers too, and complaints of the set-up would only hide what the
+// command has to say.
+void set_up_reports()
+{
     std::fflush(stderr);
     const int stderr_copy = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -357,7 +364,8 @@ void carry_out(command_line &line, int argc, char **argv)
     try {
         line.app().parse(argc, argv);
         line.check_state_dir(chosen_state_dir);
-        if (line.uses_library())
+        name_the_job();
+        if (line.needs_reports())
             set_up_reports();
         line.run();
     } catch (const CLI::CallForHelp &) {

@@ -1,0 +1,3 @@
+#include "empty_call.h"
+
+void empty_call() {}

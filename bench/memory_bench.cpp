@@ -1,0 +1,57 @@
+// How much memory a listing takes at its peak, beside what it hands out.
+//
+// The program's own malloc, calloc, realloc and free stand before those of the C library and count
+// the bytes in use, as malloc_usable_size tells them, of this library, the platform and the engine.
+//
+// Usage: memory_bench     with $VS_STATE_DIR; prints the peak and what was handed out, in bytes.
+#include <algorithm>
+
+#include "service.h"
+
+namespace {
+
+std::size_t live = 0, peak = 0;
+
+void *count_in(void *block)
+{
+    live += malloc_usable_size(block);
+    peak = std::max(peak, live);
+    return block;
+}
+
+void count_out(void *block) { live -= malloc_usable_size(block); }
+
+} // namespace
+
+extern "C" {
+
+void *__libc_malloc(std::size_t size);
+void *__libc_calloc(std::size_t count, std::size_t size);
+void *__libc_realloc(void *block, std::size_t size);
+void __libc_free(void *block);
+
+void *malloc(std::size_t size) { return count_in(__libc_malloc(size)); }
+
+void *calloc(std::size_t count, std::size_t size) { return count_in(__libc_calloc(count, size)); }
+
+void *realloc(void *block, std::size_t size)
+{
+    count_out(block);
+    return count_in(__libc_realloc(block, size));
+}
+
+void free(void *block)
+{
+    count_out(block);
+    __libc_free(block);
+}
+}
+
+int main()
+{
+    bench::service service;
+    const std::size_t before = live;
+    peak = live;
+    const bench::listing all = service.list();
+    std::printf("%zu %zu\n", peak - before, all.bytes());
+}

@@ -1,0 +1,17 @@
+# Gives each package tree, just before it is packed, what Debian asks for beside the files that are
+# installed: copyright, changelog and lintian's overrides, and compressed manual pages.
+string(TIMESTAMP today "%a, %d %b %Y %H:%M:%S +0000" UTC)
+foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+    string(TOUPPER ${component} upper)
+    set(package ${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
+    set(tree ${CPACK_TEMPORARY_DIRECTORY}/${component}/usr)
+    set(doc ${tree}/share/doc/${package})
+    configure_file(${CMAKE_CURRENT_LIST_DIR}/debian/copyright ${doc}/copyright @ONLY)
+    configure_file(${CMAKE_CURRENT_LIST_DIR}/debian/changelog ${doc}/changelog @ONLY)
+    set(overrides ${CMAKE_CURRENT_LIST_DIR}/debian/${package}.lintian-overrides)
+    if(EXISTS ${overrides})
+        configure_file(${overrides} ${tree}/share/lintian/overrides/${package} COPYONLY)
+    endif()
+    file(GLOB pages ${tree}/share/man/*/*)
+    execute_process(COMMAND gzip -9n ${pages} ${doc}/changelog COMMAND_ERROR_IS_FATAL ANY)
+endforeach()

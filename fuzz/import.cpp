@@ -1,0 +1,54 @@
+// Files of JSON lines, through the commands that read them. A line that is refused is refused by a
+// failure, and nothing else.
+#include "fuzz.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+
+#include "tools/commands.h"
+#include "vs_kvs.h"
+
+OWN_STATE_DIR(true);
+
+using namespace vskvs;
+
+// A process is meant to open the databases once; opening them again waits and fails.
+static void forget_databases()
+{
+    g_kvs_hdl_vs_objects_db = g_kvs_hdl_vs_clients_info_db = g_kvs_hdl_vs_client_objects_reg_db =
+        VS_KVS_HDL_UNSET;
+}
+
+int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    // A store that is not empty is restored to only after the whole dump was found good: by a
+    // refusal. What the commands tell goes to standard output.
+    static const bool is_ready = [] {
+        initialize("fuzz");
+        return clients.insert({1, 0}) == 0 && dup2(open("/dev/null", O_WRONLY), 1) == 1;
+    }();
+    need(is_ready, "a store");
+    static const int file = memfd_create("import", MFD_CLOEXEC);
+    need(ftruncate(file, 0) == 0 && pwrite(file, data, size, 0) == static_cast<ssize_t>(size),
+         "a file");
+    arguments given;
+    given.file = "/proc/self/fd/" + std::to_string(file);
+    for (const bool update : {false, true})
+        try {
+            forget_databases();
+            given.update = update;
+            import_objects(given);
+        } catch (const failure &) {
+        }
+    change_all([] {
+        for (const words &record : read_all(objects))
+            need(objects.erase(record[0]) == 0, "an imported object");
+    });
+    try {
+        forget_databases();
+        restore(given);
+        need(false, "restored to a store that is not empty");
+    } catch (const failure &) {
+    }
+    return 0;
+}

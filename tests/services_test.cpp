@@ -1,0 +1,137 @@
+// The small services of the platform, and the state directory that the others share.
+#include "fault.h"
+#include "jobctl.h"
+#include "loader.h"
+#include "lockwatch.h"
+#include "pinfo.h"
+#include "ringlog.h"
+#include "verbose.h"
+
+#include "scratch.h"
+
+#include <dlfcn.h>
+#include <regex>
+#include <set>
+
+namespace {
+
+struct services : scratch {
+    uint32_t open_buffer() { return ringlog_init2("probe", 0, 0, 1, 1, 0, &handle); }
+    uint32_t start(const char *names) { return setenv("VS_VERBOSE", names, 1), verbose_init(0); }
+    uint64_t handle = 0;
+    const fs::path log = root / "log";
+};
+
+TEST_F(services, state_dir_is_private_and_trusted)
+{
+    const fs::path state = root / "state", user = root / "u";
+    EXPECT_TRUE(open_buffer() == 0 && mode_of(state) == 0700 && mode_of(state / "ringlog") == 0700);
+    for (const unsigned mode : {0720u, 0702u, 0755u})
+        EXPECT_EQ((fs::permissions(state, fs::perms{mode}), open_buffer() == 0), mode == 0755);
+    fs::rename(state / "ringlog", root / "moved");
+    fs::create_directory_symlink(root / "moved", state / "ringlog");
+    EXPECT_EQ(open_buffer(), RINGLOG_RC_BAD_NAME);
+    fs::create_directory(user);
+    const bool root_acts = chown(user.c_str(), 12345, 0) == 0;
+    for (const char *bad : {"", "relative", "/proc/none", "/etc/passwd", user.c_str()})
+        EXPECT_TRUE((setenv("VS_STATE_DIR", bad, 1), open_buffer() == RINGLOG_RC_STATE_DIR) ||
+                    (user == bad && !root_acts));
+    unsetenv("VS_STATE_DIR");
+    fs::permissions(root, fs::perms{0755});
+    EXPECT_TRUE(passes_in_child([&] {
+        EXPECT_TRUE(!root_acts || seteuid(12345) == 0);
+        EXPECT_EQ((setenv("HOME", user.c_str(), 1), setenv("XDG_STATE_HOME", "", 1)), 0);
+        EXPECT_TRUE(open_buffer() == 0 && fs::exists(user / ".local/state/vs/ringlog"));
+        setenv("XDG_STATE_HOME", user.c_str(), 1);
+        EXPECT_TRUE(open_buffer() == 0 && fs::exists(user / "vs/ringlog"));
+    }));
+}
+
+TEST_F(services, prints_follow_the_environment_in_whole_lines)
+{
+    setenv("VS_VERBOSE_FILE", log.c_str(), 1);
+    const std::string head = R"([-\d]{10} [:\d]{8}\.\d{6} \[)" + std::to_string(getpid());
+    const std::regex lines(head + R"(\] (\w)(\w+): \1\2\n)"), prefix(head + R"(\] kvs: )");
+    for (const std::string row : {"=", "k=kvs", "c=common", "kp=kvs,platform", "kc=0x60000000",
+                                  "p=268435456", "=0", "kcp=all"}) {
+        EXPECT_EQ(start(row.c_str() + row.find('=') + 1), 0u) << row;
+        for (const char *bad : {"kvs,", "tuna", "0x", "0x100000000", "12abc", "`"})
+            EXPECT_EQ(start(bad), VERBOSE_RC_BAD_CATEGORY) << bad;
+        std::ofstream(log).flush();
+        verbose_printf_local(DBG_VS_KVS, "%s", "kvs");
+        verbose_printf_local(DBG_VS_COMMON, "%s", "common\n");
+        verbose_printf_local(DBG_VS_PLATFORM, "%s", "platform");
+        EXPECT_EQ(std::regex_replace(content_of(log), lines, "$1"), row.substr(0, row.find('=')));
+    }
+    fs::remove(log);
+    EXPECT_EQ(start("kvs"), 0u);
+    fs::create_symlink(log, root / "link");
+    for (const char *bad : {"link", "no/such"})
+        EXPECT_EQ((setenv("VS_VERBOSE_FILE", (root / bad).c_str(), 1), start("all")),
+                  VERBOSE_RC_FILE);
+    verbose_printf_local(DBG_VS_KVS, "a\tb\x01\x7f\x1b[%s\n\n", "c");
+    verbose_printf_local(DBG_VS_KVS, "%s\u00e9", std::string(3999, 'y').c_str());
+    EXPECT_EQ(std::regex_replace(content_of(log), prefix, ""),
+              "a\tb???[c?\n" + std::string(3999, 'y') + "\n");
+}
+
+TEST_F(services, every_status_has_words)
+{
+    std::set<std::pair<uint32_t, std::string>> defined{{0, "success"}}, told;
+    const std::regex define(R"(#define (\w+_RC_\w+|VS_FAULT_\w+|VS_\w+_OPEN)\W+UINT32_C.(\w+))");
+    for (const char *of :
+         {"kvs", "ringlog", "verbose", "jobctl", "pinfo", "../../include/vs_kvs"}) {
+        const std::string header = content_of(fs::path(PLATFORM_INCLUDE_DIR) / of += ".h");
+        for (std::sregex_iterator at(header.begin(), header.end(), define), end; at != end; ++at)
+            defined.emplace(std::stoul((*at)[2], nullptr, 0), (*at)[1]);
+    }
+    size_t count = 0;
+    std::set<std::string> texts{""};
+    for (const fault_entry *i = fault_catalogue(&count), *end = i + count; i != end; ++i) {
+        told.emplace(i->status, i->name);
+        EXPECT_TRUE(texts.insert(i->text).second) << i->text;
+        EXPECT_TRUE(fault_find(i->status) == i && fault_strerror(i->status) == i->text);
+    }
+    EXPECT_EQ(defined, told);
+    EXPECT_STREQ(fault_strerror(EBUSY), "Device or resource busy");
+    EXPECT_STREQ(fault_strerror(4095), "unknown status 0x00000FFF");
+}
+
+TEST_F(services, jobs_and_processes_have_ids_and_names)
+{
+    uint32_t id = 5;
+    char name[PATH_MAX] = "before";
+    const std::string program = fs::read_symlink("/proc/self/exe");
+    const auto size = static_cast<uint32_t>(program.size()), self = static_cast<uint32_t>(getpid());
+    EXPECT_EQ(jobctl_get_job_id(&id), JOBCTL_RC_NOT_A_JOB);
+    for (const char *bad : {"", "0", "-1", "+1", " 1", "1 ", "0x10", "1a", "1`", "4294967296"})
+        EXPECT_EQ((setenv("VS_JOB_ID", bad, 1), jobctl_get_job_id(&id)), JOBCTL_RC_BAD_JOB_ID);
+    EXPECT_EQ((setenv("VS_JOB_NAME", "seven_b", 1), setenv("VS_JOB_ID", "4294967295", 1)), 0);
+    EXPECT_EQ(jobctl_get_jobctl_name(name, 7), JOBCTL_RC_NAME_TOO_LONG);
+    EXPECT_EQ(pinfo_get_name(self, name, size), PINFO_RC_NAME_TOO_LONG);
+    EXPECT_EQ(pinfo_get_name(INT32_MAX, name, size), PINFO_RC_NO_SUCH_PROCESS);
+    EXPECT_TRUE(id == 5 && name == std::string("before"));
+    EXPECT_TRUE(jobctl_get_job_id(&id) == 0 && id == UINT32_MAX);
+    EXPECT_TRUE(jobctl_get_jobctl_name(name, 8) == 0 && name == std::string("seven_b"));
+    EXPECT_TRUE(pinfo_get_name(self, name, size + 1) == 0 && name == program);
+}
+
+TEST_F(services, waits_are_noted)
+{
+    lockwatch_wait waits[130];
+    lockwatch_set_mutex_block(&handle, "here", 7);
+    EXPECT_TRUE(lockwatch_list(waits, 130) == 1 && waits->mutex == &handle && waits->code == 7);
+    EXPECT_TRUE(passes_in_child([&] { EXPECT_EQ(lockwatch_list(waits, 130), 0u); }));
+    EXPECT_EQ((lockwatch_unset_mutex_block(), lockwatch_list(waits, 130)), 0u);
+}
+
+TEST_F(services, unload_is_told_from_the_end)
+{
+    setenv("UNLOAD_ANSWER_FILE", log.c_str(), 1); // There the hook of the library tells.
+    void *const library = dlopen(UNLOAD_ASKER, RTLD_NOW);
+    ASSERT_NE(library, nullptr) << dlerror();
+    EXPECT_TRUE(passes_in_child([] { exit(0); }) && content_of(log) == "0");
+    EXPECT_TRUE(dlclose(library) == 0 && content_of(log) == "1");
+}
+
+} // namespace

@@ -1,0 +1,78 @@
+// For programs that do harm to a whole state directory: one of their own, from before the libraries
+// are loaded, and children to do the harm in.
+#pragma once
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+// Ends the program with a line on standard error unless `fine`.
+inline void need(bool fine, const char *what, std::uint32_t status = 0)
+{
+    if (fine)
+        return;
+    std::fprintf(stderr, "failed: %s (0x%08X)\n", what, status);
+    std::abort();
+}
+
+// Made before the constructors of the libraries run, one of which opens a trace buffer. What is set
+// in the environment that early does not last, so one of its variables, whichever, makes room.
+struct state_dir {
+    static inline char in_memory[] = "VS_STATE_DIR=/dev/shm/vs_kvs_harm.XXXXXX";
+    static inline char on_disk[] = "VS_STATE_DIR=/tmp/vs_kvs_harm.XXXXXX";
+
+    template <bool IsInMemory>
+    static void choose(int, char **, char **environment)
+    {
+        char *setting = IsInMemory && mkdtemp(in_memory + 13) != nullptr ? in_memory : on_disk;
+        if (environment[0] == nullptr || (setting == on_disk && mkdtemp(on_disk + 13) == nullptr))
+            _exit(2);
+        while (environment[1] != nullptr && std::strncmp(environment[0], setting, 13) != 0)
+            ++environment;
+        environment[0] = setting;
+    }
+    ~state_dir() { fs::remove_all(path); }
+
+    const fs::path path = std::getenv("VS_STATE_DIR");
+};
+
+#define OWN_STATE_DIR(is_in_memory)                                                                \
+    __attribute__((section(".preinit_array"), used)) auto *const before_all =                      \
+        &state_dir::choose<is_in_memory>;                                                          \
+    const state_dir own
+
+// Does the work in a forked child, which then exits with status 0.
+template <class Work>
+pid_t start(const Work &work)
+{
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    need(child >= 0, "fork");
+    if (child == 0) {
+        work();
+        _exit(0);
+    }
+    return child;
+}
+
+// Waits for a child, and gives its exit status, or that of a shell for a signal.
+inline int finish(pid_t child)
+{
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR)
+        ;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+template <class Work>
+int in_child(const Work &work)
+{
+    return finish(start(work));
+}

@@ -1,0 +1,183 @@
+// Does the store harm in every way that comes to mind, and looks whether anything is lost.
+//
+//   torture kills [COUNT [SEED]]      writers killed at random instants, in batches too
+//   torture powercut [STATES [SEED]]  what a disk may hold after the power went, by what was synced
+//   torture exhaustion                no room, no memory, no descriptors, no permission
+//   torture privilege                 other users, planted links, a set-user-ID program
+//
+// The last line of the output sums up; the exit status is 1 when anything was lost or went wrong. A
+// seed repeats the random choices of a run, though not the instants.
+#include "torture.h"
+
+#include <random>
+
+#include "vs_kvs.h"
+
+OWN_STATE_DIR(false);
+
+namespace torture {
+
+const fs::path &root = own.path;
+
+namespace {
+
+std::uint32_t remove(unsigned db, std::uint32_t key)
+{
+    if (const auto erase = vskvs::databases[db]->erase; erase != nullptr)
+        return erase(key);
+    kvs_rec_hdl *handle = nullptr;
+    std::uint32_t status = vs_kvs_get_client_objects_reg_rec_hdl(key, &handle);
+    if (status == 0)
+        status = kvs_delete_object(g_kvs_hdl_vs_client_objects_reg_db, handle);
+    std::free(handle);
+    return status;
+}
+
+// Adds an element to a client list or a registration, or gives a client another process.
+std::uint32_t change_elements(dice &roll, unsigned db, words &record, bool is_new, bool for_real)
+{
+    const vskvs::shape &shape = vskvs::databases[db]->shape;
+    const std::size_t at = shape.length(is_new ? record[1] : roll.below(record[1]));
+    record.resize(std::max(record.size(), at + shape.element_words()));
+    for (std::size_t i = is_new ? 0 : 1; i < shape.element_words(); ++i)
+        record[at + i] = roll() | 1;
+    record[1] += is_new;
+    if (!for_real)
+        return 0;
+    if (db == 2)
+        return vs_kvs_add_new_client_objects_reg_object(record[0], record[at]);
+    const auto change = is_new ? vs_kvs_add_new_client_info : vs_kvs_update_client_info;
+    return change(record[0], reinterpret_cast<const vs_client_info_entry *>(&record[at]));
+}
+
+std::uint32_t change_one(dice &roll, std::uint32_t first_key, contents &all, bool for_real)
+{
+    const unsigned db = roll.below(3);
+    const std::uint32_t key = first_key + roll.below(10), action = roll.below(4);
+    const auto at = all.find({db, key});
+    if (at == all.end()) // and now and then with pages of its own
+        return insert(roll, db, key, roll.below(action == 0 ? 1000 : 12), all, for_real);
+    words &record = at->second;
+    if (action == 0) {
+        all.erase(at);
+        return for_real ? remove(db, key) : 0;
+    }
+    if (db != 0)
+        return change_elements(roll, db, record, db == 2 || action != 1 || record[1] == 0,
+                               for_real);
+    record[1] = roll();
+    return for_real ? vs_kvs_update_vs_object_selected_version(key, record[1]) : 0;
+}
+
+} // namespace
+
+std::uint32_t dice::operator()()
+{
+    std::uint64_t z = state += 0x9E3779B97F4A7C15;
+    z = (z ^ z >> 30) * 0xBF58476D1CE4E5B9;
+    z = (z ^ z >> 27) * 0x94D049BB133111EB;
+    return static_cast<std::uint32_t>(z >> 32);
+}
+
+std::uint32_t insert(dice &roll, unsigned db, std::uint32_t key, std::uint32_t count, contents &all,
+                     bool for_real)
+{
+    const vskvs::database &into = *vskvs::databases[db];
+    words record(into.shape.length(count));
+    for (std::uint32_t &word : record)
+        word = roll();
+    record[0] = key;
+    record[into.shape.fields.size() - 1] = count;
+    const std::uint32_t status = for_real ? into.insert(record) : 0;
+    if (status == 0)
+        all[{db, key}] = std::move(record);
+    return status;
+}
+
+std::uint32_t change(std::uint64_t seed, std::uint32_t first_key, contents &all, bool for_real)
+{
+    dice roll{seed};
+    if (roll.below(3) != 0)
+        return change_one(roll, first_key, all, for_real);
+    const bool keep = roll.below(4) != 0;
+    contents changed = all;
+    std::uint32_t status = for_real ? kvs_batch_begin(g_kvs_hdl_vs_objects_db) : 0;
+    for (std::uint32_t left = 2 + roll.below(12); status == 0 && left != 0; --left)
+        status = change_one(roll, first_key, changed, for_real);
+    if (for_real && status == 0)
+        status = keep ? kvs_batch_commit() : kvs_batch_abort();
+    if (keep)
+        all = std::move(changed);
+    return status;
+}
+
+void open_databases()
+{
+    const std::uint32_t status = vs_kvs_initialize(1);
+    need(status == 0, "opening the databases", status);
+}
+
+contents stored()
+{
+    contents all;
+    for (unsigned db = 0; db < 3; ++db)
+        for (words &record : vskvs::read_all(*vskvs::databases[db]))
+            all[{db, record[0]}] = std::move(record);
+    return all;
+}
+
+finding judge(const contents &found, const contents &before, const contents &after)
+{
+    if (found == before || found == after)
+        return found == before ? finding::before : finding::after;
+    contents keys = found;
+    keys.insert(before.begin(), before.end());
+    keys.insert(after.begin(), after.end());
+    const auto in = [](const contents &all, const auto &key) {
+        const auto at = all.find(key);
+        return at != all.end() ? at->second : words{};
+    };
+    for (const auto &[key, ignored] : keys)
+        if (in(before, key) == in(after, key) && in(before, key) != in(found, key))
+            return finding::lost;
+    return finding::torn; // nothing but what the change in flight touches is wrong
+}
+
+fs::path use_new_state(const char *name)
+{
+    const fs::path state = root / name;
+    fs::remove_all(state);
+    setenv("VS_STATE_DIR", state.c_str(), 1);
+    return state;
+}
+
+void show_progress(const char *what, unsigned done, unsigned total)
+{
+    static const bool on_terminal = isatty(STDERR_FILENO) == 1;
+    if (on_terminal && (done % 10 == 0 || done >= total))
+        std::fprintf(stderr, "\r%s: %u of %u%s", what, done, total, done >= total ? "\n" : "");
+}
+
+} // namespace torture
+
+int main(int count, char **arguments)
+{
+    using namespace torture;
+    const struct {
+        const char *name;
+        bool (*run)(unsigned, std::uint64_t);
+        int times;
+    } parts[] = {{"kills", kills, 100},
+                 {"powercut", powercut, 200},
+                 {"exhaustion", exhaustion, 0},
+                 {"privilege", privilege, 0}};
+    for (const auto &part : parts)
+        if (count > 1 && std::strcmp(arguments[1], part.name) == 0) {
+            const int times = count > 2 ? std::atoi(arguments[2]) : part.times;
+            const std::uint64_t seed =
+                count > 3 ? std::strtoull(arguments[3], nullptr, 10) : std::random_device{}();
+            return part.run(static_cast<unsigned>(times), seed) ? 0 : 1;
+        }
+    std::fprintf(stderr, "usage: torture kills|powercut|exhaustion|privilege [COUNT [SEED]]\n");
+    return 2;
+}

@@ -1,0 +1,68 @@
+// Prints docs/messages.md: the trace messages as the reporting sites have them. A test compares the
+// two; after a change of the sites, write the page anew with `trace_catalogue > docs/messages.md`.
+#include <cinttypes>
+#include <cstdio>
+#include <string>
+
+#include "clients/sites.h"
+#include "objects/sites.h"
+#include "registrations/sites.h"
+
+namespace {
+
+using namespace vs_kvs;
+
+constexpr const char *buffer_names[] = {"api", "errors", "common"};
+
+// The text with the names of the facts in the places of the conversions.
+template <channel To, class... Facts>
+std::string sentence(const site<To, Facts...> &of)
+{
+    const char *const names[] = {Facts::name..., ""};
+    std::string told;
+    unsigned fact = 0;
+    for (const char *at = of.text + (of.names_operation ? 4 : 0); *at != '\0'; ++at) {
+        if (*at != '%') {
+            told += *at;
+            continue;
+        }
+        told += '<' + std::string(names[fact++]) + '>';
+        ++at;
+    }
+    return told;
+}
+
+template <channel To, class... Facts>
+void print(const site<To, Facts...> &of)
+{
+    std::printf("| `%#" PRIx64 "` | %s | `%s` |\n", of.id, buffer_names[static_cast<int>(To)],
+                sentence(of).c_str());
+}
+
+template <class... Sites>
+void print_table(const char *title, const std::tuple<Sites...> &sites)
+{
+    std::printf("\n## %s\n\n| Identifier | Buffer | Message |\n|---|---|---|\n", title);
+    std::apply([](const auto &...each) { (print(each), ...); }, sites);
+}
+
+template <class... Operations>
+void print_operations(operation_list<Operations...>)
+{
+    (print_table(Operations::operation, Operations::traced), ...);
+}
+
+} // namespace
+
+int main()
+{
+    std::puts("# Trace messages\n\n"
+              "Every message that the library leaves in a trace buffer, under the operation that\n"
+              "leaves it, in the order in which the operation reaches them. How to read an\n"
+              "identifier and where the buffers are is told in [trace.md](trace.md).");
+    print_table("Any operation", common_messages);
+    print_operations(frame::operations{});
+    print_operations(objects::operations{});
+    print_operations(clients::operations{});
+    print_operations(registrations::operations{});
+}
