@@ -27,8 +27,10 @@ constexpr uint32_t file_magic = 0xBEEFC0DE;
 constexpr uint32_t file_version = 1;
 constexpr uint64_t no_page = ~uint64_t{0};
 constexpr unsigned deepest_tree = 32;
+constexpr uint64_t largest_file = uint64_t{1} << 47;
 
 enum page_flag : uint16_t { branch_page = 1, leaf_page = 2, overflow_page = 4, meta_page = 8 };
+enum tree_flag : uint16_t { reversed_keys = 2, several_data = 4 };
 enum node_flag : uint16_t { overflow_data = 1, tree_data = 2 };
 
 struct page_header {
@@ -151,6 +153,48 @@ private:
     uint64_t unseen_;
 };
 
+// Whether the engine, which believes it all, can live with what the header in use says.
+bool is_possible(const meta_data &meta)
+{
+    const auto is_tree = [&](const tree_root &tree) {
+        const bool is_empty = tree.root == no_page;
+        return (tree.flags & (reversed_keys | several_data)) == 0 && tree.depth <= deepest_tree &&
+               (is_empty ? tree.depth == 0 : tree.depth != 0 && tree.root <= meta.last_page);
+    };
+    return meta.map_size <= largest_file &&
+           meta.last_page < meta.map_size / meta.trees[0].page_size && is_tree(meta.trees[0]) &&
+           is_tree(meta.trees[1]);
+}
+
+// Reads one of the two headers, which transactions of its own parity wrote.
+int read_header(int fd, uint64_t number, uint32_t page_size, meta_data *meta)
+{
+    if (const int error = read_at(fd, meta, sizeof *meta, page_size * number); error != 0)
+        return error == MDB_CORRUPTED ? MDB_INVALID : error;
+    if ((meta->page.flags & meta_page) == 0 || meta->magic != file_magic)
+        return MDB_INVALID;
+    if (meta->version != file_version)
+        return MDB_VERSION_MISMATCH;
+    const bool is_its_own = meta->transaction == 0 || (meta->transaction & 1) == number;
+    return is_its_own ? 0 : MDB_INVALID;
+}
+
+// The older header is not looked at closely: the engine leaves a mixture of old and new there when
+// it could not write it.
+int check_headers(int fd)
+{
+    meta_data metas[2];
+    if (const int error = read_header(fd, 0, 0, &metas[0]); error != 0)
+        return error;
+    const uint32_t size = metas[0].trees[0].page_size;
+    if (size < 512 || size > 32768 || (size & (size - 1)) != 0)
+        return MDB_INVALID;
+    if (const int error = read_header(fd, 1, size, &metas[1]); error != 0)
+        return error;
+    const meta_data &in_use = metas[metas[1].transaction > metas[0].transaction ? 1 : 0];
+    return metas[1].trees[0].page_size == size && is_possible(in_use) ? 0 : MDB_INVALID;
+}
+
 int check_pages(int fd, const meta_data &meta)
 {
     struct stat about;
@@ -171,15 +215,11 @@ int check_pages(int fd, const meta_data &meta)
 
 int check_header(int fd)
 {
-    meta_data meta;
-    if (const int error = read_at(fd, &meta, sizeof meta, 0); error != 0)
-        return error == MDB_CORRUPTED ? MDB_INVALID : error;
-    if ((meta.page.flags & meta_page) == 0 || meta.magic != file_magic)
-        return MDB_INVALID;
-    if (meta.version != file_version)
-        return MDB_VERSION_MISMATCH;
-    const uint32_t size = meta.trees[0].page_size;
-    return size >= 512 && size <= 32768 && (size & (size - 1)) == 0 ? 0 : MDB_INVALID;
+    // Another process may be writing a header at this moment, but not all three times.
+    int error = check_headers(fd);
+    for (int left = 2; left != 0 && error == MDB_INVALID; --left)
+        error = check_headers(fd);
+    return error;
 }
 
 int check_extent(MDB_env *engine)

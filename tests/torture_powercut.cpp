@@ -45,7 +45,7 @@ struct event {
 struct recording {
     std::size_t used;
     unsigned count;
-    unsigned char bytes[256 << 20];
+    alignas(event) unsigned char bytes[256 << 20];
 
     const event *begin() const { return reinterpret_cast<const event *>(bytes); }
 };
