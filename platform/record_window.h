@@ -11,6 +11,8 @@
 
 #include <cstdint>
 #include <cstring>
+#include <sys/mman.h>
+#include <utility>
 
 namespace platform {
 
@@ -50,79 +52,179 @@ public:
 
     void clear() { turn_to(nullptr, 0); }
 
-    [[nodiscard]] bool find(const void *database, uint32_t key, stored_record *record) const
+    // Databases are told apart by their numbers in the store.
+    [[nodiscard]] bool find(uint32_t database, uint32_t key, stored_record *record)
     {
         if (!memory_)
             return false;
-        const entry &it = memory_->entries[place_of(database, key)];
-        if (it.turn != turn_ || it.database != database || key_of(it.handle) != key)
-            return false;
-        *record = {it.handle, memory_->bytes + it.offset, it.length};
-        return true;
+        const size_t first = place_of(database, key);
+        for (const size_t place : {first, first ^ 1}) {
+            const uint64_t entry = places()[place];
+            if (entry >> offset_bits != turn_)
+                continue;
+            const copy &it = *copy_at(offset_in(entry));
+            if (it.database == database && key_of(it.handle) == key) {
+                take(it, record);
+                return true;
+            }
+        }
+        return false;
     }
 
-    // Makes room for one record of any length up to the longest, dropping all others when it must.
-    // Returns where the room starts, or all ones when there is no memory for a window.
-    uint32_t start_run()
+    // As find, where the record is likely the one that was taken last, or the next one of its run.
+    [[nodiscard]] bool find_near(uint32_t database, kvs_rec_hdl handle, stored_record *record)
     {
-        if (!memory_) {
-            memory_.reset(static_cast<contents *>(calloc(1, sizeof(contents))));
-            if (!memory_)
-                return UINT32_MAX;
+        const auto take_at = [&](uint32_t offset) {
+            if (offset >= used_ || copy_at(offset)->handle != handle ||
+                copy_at(offset)->database != database)
+                return false;
+            take(*copy_at(offset), record);
+            return true;
+        };
+        if (take_at(last_) || (last_ < used_ && take_at(last_ + size_of(copy_at(last_)->length))))
+            return true;
+        return find(database, key_of(handle), record);
+    }
+
+    // Makes room for one record of any length up to the longest. When it must, it drops all others,
+    // or, when most of those would still be found and the window `may_grow`, takes more memory.
+    // Returns where the room starts, or all ones when there is no memory for a window.
+    uint32_t start_run(bool may_grow)
+    {
+        if (!memory_ && !allocate(0))
+            return UINT32_MAX;
+        if (arena_size() - used_ < sizeof(copy) + longest_record) {
+            const bool is_too_small = 2 * found_ > added_ && level_ != highest_level;
+            if (!may_grow || !is_too_small || !allocate(level_ + 1))
+                forget();
         }
-        if (sizeof memory_->bytes - used_ < longest_record)
-            forget();
+        last_ = used_;
         return used_;
     }
 
     // Keeps a copy of one more record of the run. False when there is no room for it, or when it
     // would push out another record of the same run.
-    bool add(const void *database, stored_record *record, uint32_t run_start)
+    bool add(uint32_t database, stored_record *record, uint32_t run_start)
     {
-        entry &it = memory_->entries[place_of(database, key_of(record->handle))];
-        if ((it.turn == turn_ && it.offset >= run_start) ||
-            record->length > sizeof memory_->bytes - used_)
+        const uint32_t size = size_of(record->length);
+        size_t place = place_of(database, key_of(record->handle));
+        if (is_live(place))
+            place ^= 1;
+        const bool replaces = is_live(place);
+        if (size > arena_size() - used_ ||
+            (replaces && offset_in(places()[place]) >= run_start))
             return false;
-        memcpy(memory_->bytes + used_, record->bytes, record->length);
-        record->bytes = memory_->bytes + used_;
-        it = {record->handle, turn_, database, used_, record->length};
-        used_ += record->length;
+        copy &it = *copy_at(used_);
+        it = {record->handle, database, record->length};
+        auto *const bytes = reinterpret_cast<unsigned char *>(&it + 1);
+        memcpy(bytes, record->bytes, record->length);
+        record->bytes = bytes;
+        places()[place] = turn_ << offset_bits | used_ / granule;
+        used_ += size;
+        ++added_;
+        found_ += replaces ? 0 : 1;
         return true;
     }
 
 private:
-    static constexpr unsigned place_bits = 12;
+    // A window has 4096 places and an arena of 256 KB at first, and four times as much at each
+    // higher level.
+    static constexpr unsigned first_place_bits = 12, highest_level = 3;
+    static constexpr uint32_t first_arena_size = 4 * longest_record;
 
-    struct entry {
+    static constexpr uint32_t granule = 16;
+    static constexpr unsigned offset_bits = 24; // of an offset in the arena, in granules
+
+    // What lies in the arena, with the record's bytes behind it.
+    struct copy {
         kvs_rec_hdl handle;
-        uint64_t turn; // 0 in an entry that was never used
-        const void *database;
-        uint32_t offset;
+        uint32_t database;
         uint32_t length;
     };
+    static_assert(sizeof(copy) == granule);
+    static_assert((uint64_t{first_arena_size} << 2 * highest_level) / granule < 1u << offset_bits);
 
-    struct contents {
-        entry entries[1u << place_bits];
-        unsigned char bytes[4 * longest_record];
-    };
-
-    static uint32_t place_of(const void *database, uint32_t key)
+    static constexpr uint32_t size_of(uint32_t length)
     {
-        const auto seed = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(database));
-        return (key + seed) * 2654435769u >> (32 - place_bits);
+        return (sizeof(copy) + length + granule - 1) / granule * granule;
+    }
+
+    void take(const copy &it, stored_record *record)
+    {
+        last_ = static_cast<uint32_t>(reinterpret_cast<const unsigned char *>(&it) -
+                                      reinterpret_cast<const unsigned char *>(copy_at(0)));
+        *record = {it.handle, reinterpret_cast<const unsigned char *>(&it + 1), it.length};
+    }
+
+    [[nodiscard]] unsigned place_bits() const { return first_place_bits + 2 * level_; }
+    [[nodiscard]] uint32_t arena_size() const { return first_arena_size << 2 * level_; }
+
+    // A place holds the turn in which it was filled and the offset of its record. The turn of a
+    // place that was never used is 0.
+    [[nodiscard]] uint64_t *places() const { return reinterpret_cast<uint64_t *>(memory_.get()); }
+    [[nodiscard]] bool is_live(size_t place) const
+    {
+        return places()[place] >> offset_bits == turn_;
+    }
+    static uint32_t offset_in(uint64_t entry)
+    {
+        return static_cast<uint32_t>(entry & ((1u << offset_bits) - 1)) * granule;
+    }
+    [[nodiscard]] copy *copy_at(uint32_t offset) const
+    {
+        return reinterpret_cast<copy *>(memory_.get() + (sizeof(uint64_t) << place_bits()) +
+                                        offset);
+    }
+
+    // A record has two places, this one and its neighbour. Keys may be any sequence, multiples of a
+    // large number too, so all their bits are mixed.
+    [[nodiscard]] size_t place_of(uint32_t database, uint32_t key) const
+    {
+        uint32_t mixed = key + database;
+        mixed = (mixed ^ mixed >> 16) * 0x7FEB352Du;
+        mixed = (mixed ^ mixed >> 15) * 0x846CA68Bu;
+        return (mixed ^ mixed >> 16) & ((1u << place_bits()) - 1);
+    }
+
+    // With small pages half of what a find in a large window takes is the way to the page.
+    static void ask_for_huge_pages(void *memory, size_t size)
+    {
+        constexpr uintptr_t page = 4096;
+        const uintptr_t start = (reinterpret_cast<uintptr_t>(memory) + page - 1) / page * page;
+        const uintptr_t end = reinterpret_cast<uintptr_t>(memory) + size;
+        if (start < end)
+            madvise(reinterpret_cast<void *>(start), end - start, MADV_HUGEPAGE);
+    }
+
+    bool allocate(unsigned level)
+    {
+        const size_t table = sizeof(uint64_t) << (first_place_bits + 2 * level);
+        const size_t arena = size_t{first_arena_size} << 2 * level;
+        block<unsigned char> memory(static_cast<unsigned char *>(calloc(1, table + arena)));
+        if (!memory)
+            return false;
+        ask_for_huge_pages(memory.get(), table + arena);
+        memory_ = std::move(memory);
+        level_ = level;
+        forget();
+        return true;
     }
 
     void forget()
     {
-        used_ = 0;
+        used_ = added_ = found_ = last_ = 0;
         ++turn_;
     }
 
-    block<contents> memory_;
+    block<unsigned char> memory_;
     const void *store_ = nullptr;
     uint64_t moment_ = 0;
     uint64_t turn_ = 1;
-    uint32_t used_ = 0;
+    unsigned level_ = 0;
+    uint32_t used_ = 0;  // of the arena
+    uint32_t last_ = 0;  // offset of the record that was taken last
+    uint32_t added_ = 0; // records since the window was last empty, and those of them in places
+    uint32_t found_ = 0;
 };
 
 } // namespace platform

@@ -74,6 +74,26 @@ int open_cursor(MDB_txn *txn, MDB_dbi dbi, cursor *at)
     return code;
 }
 
+// Asks for a whole page when a cursor comes to it. Its records lie in the order in which they were
+// stored, so in the order of their keys each one would be waited for.
+class page_fetcher {
+public:
+    void come_to(const void *record)
+    {
+        const uintptr_t page = reinterpret_cast<uintptr_t>(record) / page_size * page_size;
+        if (page == page_)
+            return;
+        page_ = page;
+        for (uintptr_t line = 0; line < page_size; line += line_size)
+            __builtin_prefetch(reinterpret_cast<const void *>(page + line));
+    }
+
+private:
+    static constexpr uintptr_t page_size = 4096, line_size = 64;
+
+    uintptr_t page_ = 0;
+};
+
 // ---- the counter of a database ----
 
 // It lies beside the databases in the main one, under the database's name and a NUL, which no
@@ -113,14 +133,16 @@ int count_up(MDB_txn *txn, const database &records)
     return mdb_put(txn, main, &name, &value, 0);
 }
 
-int put(MDB_txn *txn, MDB_dbi dbi, unsigned char *value, uint32_t length, kvs_rec_hdl handle)
+// With MDB_NOOVERWRITE, and a record there already, `*there` becomes the value of that one.
+int put(MDB_txn *txn, MDB_dbi dbi, unsigned char *value, uint32_t length, kvs_rec_hdl handle,
+        unsigned flags, MDB_val *there)
 {
     const uint32_t key = key_of(handle);
     const uint32_t generation = generation_of(handle);
     memcpy(value + length, &generation, generation_length);
     MDB_val name = as_value(&key, key_length);
-    MDB_val data = as_value(value, size_t{length} + generation_length);
-    return mdb_put(txn, dbi, &name, &data, 0);
+    *there = as_value(value, size_t{length} + generation_length);
+    return mdb_put(txn, dbi, &name, there, flags);
 }
 
 } // namespace
@@ -148,13 +170,14 @@ int reader::begin()
     return code;
 }
 
-// Prepares the window for a record just read; all ones when it is not to go there.
-uint32_t reader::start_run(const stored_record &record)
+// Prepares the window for a record just read; all ones when it is not to go there. A listing asks for
+// each record once, and needs no more of the window than a run.
+uint32_t reader::start_run(const stored_record &record, bool may_grow)
 {
     if (in_batch_ || record.length > record_window::longest_record)
         return UINT32_MAX;
     at_.me->window.turn_to(at_.home->numbers().first, mdb_txn_id(txn_));
-    return at_.me->window.start_run();
+    return at_.me->window.start_run(may_grow);
 }
 
 int reader::look_up(uint32_t key, stored_record *record)
@@ -162,8 +185,8 @@ int reader::look_up(uint32_t key, stored_record *record)
     const int code = look_up_in(txn_, at_.records->dbi, key, record);
     if (code != 0)
         return code;
-    if (const uint32_t run = start_run(*record); run != UINT32_MAX)
-        at_.me->window.add(at_.records, record, run);
+    if (const uint32_t run = start_run(*record, true); run != UINT32_MAX)
+        at_.me->window.add(at_.number(), record, run);
     return 0;
 }
 
@@ -180,15 +203,18 @@ int reader::look_up_run(uint32_t key, stored_record *record)
         code = parse(key, value, record);
     if (code != 0)
         return code;
-    const uint32_t run = start_run(*record);
-    if (run == UINT32_MAX || !at_.me->window.add(at_.records, record, run))
+    const uint32_t run = start_run(*record, false);
+    if (run == UINT32_MAX || !at_.me->window.add(at_.number(), record, run))
         return 0;
     stored_record next;
-    for (unsigned i = 1; i < longest_run; ++i)
+    page_fetcher pages;
+    for (unsigned i = 1; i < longest_run; ++i) {
+        pages.come_to(value.mv_data);
         if (mdb_cursor_get(at.get(), &name, &value, MDB_NEXT) != 0 ||
             parse_at_cursor(name, value, &next) != 0 ||
-            !at_.me->window.add(at_.records, &next, run))
+            !at_.me->window.add(at_.number(), &next, run))
             break;
+    }
     return 0;
 }
 
@@ -226,10 +252,12 @@ outcome reader::list(kvs_rec_hdl **handles, uint32_t *count)
     cursor at;
     code = open_cursor(txn_, at_.records->dbi, &at);
     size_t seen = 0;
+    page_fetcher pages;
     MDB_val name;
     MDB_val value;
     for (; code == 0 && (code = mdb_cursor_get(at.get(), &name, &value, MDB_NEXT)) == 0; ++seen) {
         stored_record record;
+        pages.come_to(value.mv_data);
         code = seen < about.ms_entries ? parse_at_cursor(name, value, &record) : MDB_CORRUPTED;
         if (code == 0)
             array.get()[seen] = record.handle;
@@ -253,27 +281,37 @@ outcome changer::insert(unsigned char *value, uint32_t length, kvs_rec_hdl *hand
 {
     uint32_t key = 0;
     memcpy(&key, value, key_length);
-    stored_record old;
-    int code = look_up_in(txn, records.dbi, key, &old);
-    if (code == 0) {
-        if (old.length != length || memcmp(old.bytes, value, length) != 0)
-            return answer(KVS_RC_RECORD_EXISTS);
-        *handle = old.handle;
-        return answer(KVS_RC_TOLERATED_ON_INSERT);
-    }
     MDB_dbi main = 0;
     uint32_t generation = 0;
-    if (code != MDB_NOTFOUND || (code = get_counter(txn, records, &main, &generation)) != 0)
+    int code = get_counter(txn, records, &main, &generation);
+    if (code != 0)
         return failure(code);
-    if (generation == no_generation_left)
-        return answer(KVS_RC_EXHAUSTED);
     *handle = handle_of(key, generation);
-    return failure(put(txn, records.dbi, value, length, *handle));
+    stored_record old;
+    if (generation == no_generation_left) {
+        code = look_up_in(txn, records.dbi, key, &old);
+        if (code == MDB_NOTFOUND)
+            return answer(KVS_RC_EXHAUSTED);
+    } else {
+        // One way through the tree both looks for a record with this key and makes room for a new.
+        MDB_val there;
+        code = put(txn, records.dbi, value, length, *handle, MDB_NOOVERWRITE, &there);
+        if (code != MDB_KEYEXIST)
+            return failure(code);
+        code = parse(key, there, &old);
+    }
+    if (code != 0)
+        return failure(code);
+    if (old.length != length || memcmp(old.bytes, value, length) != 0)
+        return answer(KVS_RC_RECORD_EXISTS);
+    *handle = old.handle;
+    return answer(KVS_RC_TOLERATED_ON_INSERT);
 }
 
 outcome changer::replace(kvs_rec_hdl handle, unsigned char *value, uint32_t length) const
 {
-    return failure(put(txn, records.dbi, value, length, handle));
+    MDB_val there;
+    return failure(put(txn, records.dbi, value, length, handle, 0, &there));
 }
 
 outcome changer::remove(kvs_rec_hdl handle) const

@@ -37,7 +37,7 @@ private:
     int begin();
     int look_up(uint32_t key, stored_record *record);
     int look_up_run(uint32_t key, stored_record *record);
-    uint32_t start_run(const stored_record &record);
+    uint32_t start_run(const stored_record &record, bool may_grow);
 
     const place &at_;
     const bool in_batch_;
@@ -57,11 +57,16 @@ struct changer {
     outcome remove(kvs_rec_hdl handle) const;
 };
 
-inline bool find_in_window(const place &at, uint32_t key, stored_record *record)
+enum class by { key, handle };
+
+inline bool find_in_window(const place &at, by what, kvs_rec_hdl wanted, stored_record *record)
 {
     const commit_numbers numbers = at.home->numbers();
-    return at.me->window.is_of(numbers.first, last_commit(numbers)) &&
-           at.me->window.find(at.records, key, record);
+    record_window &window = at.me->window;
+    if (!window.is_of(numbers.first, last_commit(numbers)))
+        return false;
+    return what == by::key ? window.find(at.number(), key_of(wanted), record)
+                           : window.find_near(at.number(), wanted, record);
 }
 
 // Runs `work` with a reader until an attempt comes to a status.
@@ -91,8 +96,6 @@ uint32_t read_store(const place &at, const Work &work)
     }
 }
 
-enum class by { key, handle };
-
 // Hands one record to `use`, which returns a status: the one with the key, or with the whole
 // handle.
 //
@@ -108,7 +111,7 @@ uint32_t use_record(kvs_hdl hdl, by what, kvs_rec_hdl wanted, const Use &use)
     stored_record record;
     if (what == by::key)
         at.me->listed = nullptr;
-    if (!at.in_batch() && find_in_window(at, key_of(wanted), &record)) {
+    if (!at.in_batch() && find_in_window(at, what, wanted, &record)) {
         const bool is_wanted = what == by::key || record.handle == wanted;
         return is_wanted ? use(record) : KVS_RC_NO_SUCH_RECORD;
     }

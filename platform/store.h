@@ -89,6 +89,10 @@ struct place {
     thread_context *me;
 
     [[nodiscard]] bool in_batch() const { return me->open_batch.in == home; }
+    [[nodiscard]] uint32_t number() const // of the database in the store
+    {
+        return static_cast<uint32_t>(records - home->databases);
+    }
 };
 
 // What an attempt came to: a status, or the engine's code for why there is none.
