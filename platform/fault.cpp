@@ -117,8 +117,7 @@ constexpr uint32_t max_error_number = 4095;
 
 const char *name_unknown(uint32_t status)
 {
-    static thread_local char text[] __attribute__((tls_model("initial-exec"))) =
-        "unknown status 0x00000000";
+    static thread_local char text[] = "unknown status 0x00000000";
     char *digit = text + sizeof text - 1;
     for (int i = 0; i < 8; ++i, status >>= 4)
         *--digit = "0123456789ABCDEF"[status & 0xFu];

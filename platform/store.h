@@ -108,8 +108,7 @@ constexpr outcome failure(int code) { return {0, code}; }
 
 // ---- threads (store_threads.cpp) ----
 
-extern constinit thread_local thread_context *cached_context
-    __attribute__((tls_model("initial-exec")));
+extern constinit thread_local thread_context *cached_context;
 
 thread_context *make_context();
 

@@ -9,7 +9,7 @@ namespace platform {
 
 std::atomic<uint32_t> fork_generation{0};
 
-constinit thread_local thread_identity cached_identity __attribute__((tls_model("initial-exec"))){};
+constinit thread_local thread_identity cached_identity{};
 
 namespace {
 

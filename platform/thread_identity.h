@@ -17,8 +17,7 @@ struct thread_identity {
 extern std::atomic<uint32_t> fork_generation;
 
 // In the static block of thread-local storage, where no access allocates.
-extern constinit thread_local thread_identity cached_identity
-    __attribute__((tls_model("initial-exec")));
+extern constinit thread_local thread_identity cached_identity;
 
 thread_identity look_up_identity() noexcept;
 

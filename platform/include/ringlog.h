@@ -45,8 +45,8 @@ enum {
  * *handle_p, in one atomic store. Opening a buffer that the process has open gives the same handle
  * again; in a forked child the handles of the parent go on working.
  *
- * `name` is a path below the folder of the buffers: components separated by single '/', none of
- * them empty, "." or "..". The smaller of the two sizing numbers is the number of records kept, the
+ * `name` is a path below the folder of the buffers: components separated by single '/', each of 1
+ * to 240 bytes and not beginning with '.'. The smaller of the two sizing numbers is the number of records kept, the
  * larger the least number of bytes for their contents. An existing buffer keeps its own sizes; one
  * whose file is damaged is set aside under the name with ".damaged" appended, and made anew. The
  * three reserved numbers are not interpreted.

@@ -6,7 +6,7 @@
  *
  *     2026-11-22 22:07:31.123456 [1234] kvs: the text
  *
- * to standard error, or to the end of the file that VS_VERBOSE_FILE names (created with mode 0600).
+ * (date and time in UTC, then the process) to standard error, or to the end of the file that VS_VERBOSE_FILE names (created with mode 0600).
  * A line goes out in one write, so lines of several threads and processes do not mix; text beyond
  * 4000 bytes is cut. Control characters other than tabs are shown as '?', and a newline at the end
  * of the text is not doubled.
