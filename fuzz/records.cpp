@@ -105,14 +105,11 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
         keys.push_back(fuzz::reader{bytes.data(), bytes.size()}.next<std::uint32_t>());
         records.push_back({0x9000 + records.size(), std::move(bytes)});
     }
-    {
-        const scripted::armed armed;
-        fuzz::reader step = steps;
-        for (unsigned i = 0; i < count; ++i) {
-            const operation &operate = operations[step.next() % std::size(operations)];
-            const std::uint32_t key = keys[step.next() % keys.size()];
-            operate(key, step.next());
-        }
+    fuzz::reader step = steps;
+    for (unsigned i = 0; i < count; ++i) {
+        const operation &operate = operations[step.next() % std::size(operations)];
+        const std::uint32_t key = keys[step.next() % keys.size()];
+        operate(key, step.next());
     }
     for (const std::string &problem : scripted::now.problems)
         need(false, problem.c_str());

@@ -146,7 +146,7 @@ private:
 
     static constexpr uint32_t size_of(uint32_t length)
     {
-        return (sizeof(copy) + length + granule - 1) / granule * granule;
+        return (length + 2 * granule - 1) / granule * granule; // one for what precedes the bytes
     }
 
     void take(const copy &it, stored_record *record)

@@ -1,14 +1,16 @@
 // The library against the scripted platform.
 //
 // Every scenario prepares a store, runs one operation and leaves a log of all that the platform
-// saw. The logs of the regular runs and of the special cases, and what each possible failure of a
-// regular run adds, are compared as a whole with expected_reports.txt; run with ACCEPT=1 to write
-// it anew, and read the difference before believing it.
+// saw. The logs of the regular runs and of the special cases, and what each trouble at each point
+// of a regular run changes in its log, are compared as a whole with expected_reports.txt and
+// expected_failures.txt; run with ACCEPT=1 to write them anew, and read the difference before
+// believing it.
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <set>
 #include <span>
 #include <sstream>
 
@@ -27,91 +29,105 @@ namespace {
 
 constexpr std::uint32_t A = 0x10, B = 0x20, unknown = 0x30;
 constexpr std::uint32_t J = 7, K = 8;
-constexpr vs_client_info_entry new_client{9, 900, {1, 2, 3}}, same_jid{5, 501, {9}};
 
-// ---- what an operation hands out, in words, and released ----
-
-template <class Db>
-std::string words(const typename Db::record *record)
-{
-    if (!record)
-        return "null";
-    std::ostringstream text;
-    const auto count = vs_kvs::flat_length<Db>(record->*Db::count) / 4;
-    for (std::size_t i = 0; i < count; ++i)
-        text << (i ? " " : "") << reinterpret_cast<const std::uint32_t *>(record)[i];
-    return text.str();
-}
+// ---- operations with their arguments, to be called later ----
 
 struct outcome {
     std::uint32_t status;
-    std::string handed_out; // "untouched" when an out-parameter kept its value
+    std::string handed_out; // in words, and released; "untouched" when nothing was
 };
+using call = std::function<outcome()>;
+using change = std::function<void()>;
 
-template <class Record>
-Record *const untouched = reinterpret_cast<Record *>(std::uintptr_t{0x11});
-
-template <class Db>
-outcome read(std::uint32_t (*operation)(std::uint32_t, typename Db::record **), std::uint32_t key)
+template <class... Parameters>
+call plain(std::uint32_t (*operation)(Parameters...), std::type_identity_t<Parameters>... arguments)
 {
-    auto *record = untouched<typename Db::record>;
-    const std::uint32_t status = operation(key, &record);
-    if (record == untouched<typename Db::record>)
-        return {status, "untouched"};
-    const std::string text = words<Db>(record);
-    std::free(record);
-    return {status, text};
+    return [=] { return outcome{operation(arguments...), ""}; };
 }
 
-template <class Db>
-outcome list(std::uint32_t (*operation)(std::uint32_t *, typename Db::record ***))
+// The content of a block that was handed out, which is then freed.
+std::string words(void *block)
 {
-    std::uint32_t count = 77;
-    auto **records = untouched<typename Db::record *>;
-    const std::uint32_t status = operation(&count, &records);
-    if (count == 77 && records == untouched<typename Db::record *>)
-        return {status, "untouched"};
-    std::string text;
-    for (std::uint32_t i = 0; i < count; ++i) {
-        text += words<Db>(records[i]) + "; ";
-        std::free(records[i]);
-    }
-    std::free(records);
-    return {status, text};
+    if (!block)
+        return "null";
+    std::ostringstream text;
+    for (const char *gap = ""; const std::uint32_t word : content(block))
+        text << std::exchange(gap, " ") << word;
+    std::free(block);
+    return text.str();
 }
 
-outcome handle(std::uint32_t (*operation)(std::uint32_t, kvs_rec_hdl **), std::uint32_t key)
+template <class Block>
+Block *const untouched = reinterpret_cast<Block *>(std::uintptr_t{0x11});
+
+template <class Block>
+call get(std::uint32_t (*operation)(std::uint32_t, Block **), std::uint32_t key)
 {
-    auto *found = untouched<kvs_rec_hdl>;
-    const std::uint32_t status = operation(key, &found);
-    if (found == untouched<kvs_rec_hdl>)
-        return {status, "untouched"};
-    const std::string text = std::to_string(found[0] >> 12);
-    std::free(found);
-    return {status, text};
+    return [=] {
+        auto *block = untouched<Block>;
+        const std::uint32_t status = operation(key, &block);
+        return outcome{status, block == untouched<Block> ? "untouched" : words(block)};
+    };
 }
 
 template <class Record>
-outcome insert(std::uint32_t (*operation)(const Record *, kvs_rec_hdl *),
-               std::initializer_list<std::uint32_t> words)
+call list(std::uint32_t (*operation)(std::uint32_t *, Record ***))
 {
-    kvs_rec_hdl handle = 1;
-    const std::vector<std::uint32_t> block(words);
-    const std::uint32_t status = operation(reinterpret_cast<const Record *>(block.data()), &handle);
-    return {status, handle == 1 ? "untouched" : handle == UINT64_MAX ? "all ones" : "handle"};
+    return [=] {
+        std::uint32_t count = 77;
+        auto **records = untouched<Record *>;
+        const std::uint32_t status = operation(&count, &records);
+        if (count == 77 && records == untouched<Record *>)
+            return outcome{status, "untouched"};
+        std::string text;
+        for (std::uint32_t i = 0; i < count; ++i)
+            text += words(records[i]) + "; ";
+        std::free(records);
+        return outcome{status, text};
+    };
 }
 
-outcome plain(std::uint32_t status) { return {status, ""}; }
+template <class Record>
+call insert(std::uint32_t (*operation)(const Record *, kvs_rec_hdl *),
+            const std::vector<std::uint32_t> &words)
+{
+    return [=] {
+        kvs_rec_hdl handle = 1;
+        const auto *const record = reinterpret_cast<const Record *>(words.data());
+        const std::uint32_t status = operation(record, &handle);
+        return outcome{status, handle == 1            ? "untouched"
+                               : handle == UINT64_MAX ? "all ones"
+                                                      : "handle"};
+    };
+}
+
+// ---- what the operations are given ----
+
+constexpr vs_client_info_entry new_client{9, 900, {1, 2, 3}}, same_jid{5, 501, {9}}, nobody{};
+constexpr vs_object_sel_entry fresh[] = {{0x40, 2, {}}, {0x41, 0, {}}},
+                              stored[] = {{A, 3, {}}, {unknown, 4, {}}, {B, 5, {}}},
+                              nameless[] = {{A, 3, {}}, {0, 5, {}}};
+constexpr std::uint32_t versions[] = {1, 2}, version_counts[] = {2, 0}, too_many = 0x40000000;
+constexpr const std::uint32_t *version_arrays[] = {versions, nullptr};
+std::uint32_t ignored;
+
+const call list_objects = list(vs_kvs_get_vs_objects_all_recs);
+const call populate = plain(vs_kvs_insert_vs_objects, fresh, 2, version_arrays, version_counts);
+const call bulk_select = plain(vs_kvs_update_vs_objects, stored, 3);
+const call add_client = plain(vs_kvs_add_new_client_info, A, &new_client);
+const call update_client = plain(vs_kvs_update_client_info, A, &same_jid);
+const call debug_init = plain(vs_kvs_debug_init, 5);
+const call initialize = plain(vs_kvs_initialize, 5);
 
 // ---- scenarios ----
 
 struct scenario {
     const char *name;
-    std::function<outcome()> run;
-    std::function<void()> prepare = [] {};
+    call run;
+    change prepare = [] {};
 };
 
-void usual_store()
+void start(const scenario &s)
 {
     reset();
     put("vs_objects", {A, 2, 0, 5, 6, 3, 1, 2, 3});
@@ -120,487 +136,211 @@ void usual_store()
     put("vs_clientobjectsreg", {J, 2, A, B});
     put("vs_clientobjectsreg", {K, 0});
     g_vs_kvs_dbs_initialized = 1;
+    s.prepare();
 }
 
-outcome populate(std::uint32_t first_id = 0x40)
-{
-    const vs_object_sel_entry elements[] = {{first_id, 2, {}}, {0x41, 0, {}}};
-    const std::uint32_t versions[] = {1, 2};
-    const std::uint32_t *const arrays[] = {versions, nullptr};
-    const std::uint32_t counts[] = {2, 0};
-    return plain(vs_kvs_insert_vs_objects(elements, 2, arrays, counts));
-}
-
-outcome bulk_select(std::uint32_t last)
-{
-    const vs_object_sel_entry elements[] = {{A, 3, {}}, {unknown, 4, {}}, {last, 5, {}}};
-    return plain(vs_kvs_update_vs_objects(elements, 3));
-}
-
-const auto get_object = [](std::uint32_t id) {
-    return read<vs_kvs::objects::database>(vs_kvs_get_vs_object_rec, id);
-};
-const auto get_clients = [](std::uint32_t id) {
-    return read<vs_kvs::clients::database>(vs_kvs_get_clients_info_rec, id);
-};
-const auto get_registration = [](std::uint32_t jid) {
-    return read<vs_kvs::registrations::database>(vs_kvs_get_client_objects_reg_rec, jid);
-};
-const auto list_objects = [] {
-    return list<vs_kvs::objects::database>(vs_kvs_get_vs_objects_all_recs);
-};
-const auto list_clients = [] {
-    return list<vs_kvs::clients::database>(vs_kvs_get_clients_info_all_recs);
-};
-const auto list_registrations = [] {
-    return list<vs_kvs::registrations::database>(vs_kvs_get_client_objects_reg_all_recs);
-};
-const auto insert_object = [](std::initializer_list<std::uint32_t> words) {
-    return insert<vs_objects_kvs_rec>(vs_kvs_insert_vs_object_rec, words);
-};
-const auto insert_clients = [](std::initializer_list<std::uint32_t> words) {
-    return insert<vs_clients_info_kvs_rec>(vs_kvs_insert_clients_info_rec, words);
-};
-const auto insert_registration = [](std::initializer_list<std::uint32_t> words) {
-    return insert<vs_client_objects_reg_kvs_rec>(vs_kvs_insert_client_objects_reg_rec, words);
-};
-
-// One regular run of every operation that reaches the platform; the fault loops take them all.
+// One regular run of every operation that reaches the platform; the loop below troubles them all.
 const scenario regular[] = {
-    {"initialize", [] { return plain(vs_kvs_initialize(0x700000ABC)); },
-     [] { g_vs_kvs_dbs_initialized = 0; }},
-    {"db_init", [] { return plain(vs_kvs_db_init(5, VS_KVS_DB_CLIENTS_INFO)); }},
-    {"debug_init", [] { return plain(vs_kvs_debug_init(5)); }},
-    {"ringlog_init", [] { return plain(vs_kvs_ringlog_init(-3)); }},
-    {"insert object",
-     [] {
-         return insert_object({unknown, 3, 1, 2, 3, 2, 8, 9, 0xDEAD});
-     }},
-    {"get object", [] { return get_object(A); }},
-    {"get object handle", [] { return handle(vs_kvs_get_vs_object_rec_hdl, A); }},
+    {"initialize", plain(vs_kvs_initialize, 0x700000ABC), [] { g_vs_kvs_dbs_initialized = 0; }},
+    {"db_init", plain(vs_kvs_db_init, 5, VS_KVS_DB_CLIENTS_INFO)},
+    {"debug_init", debug_init},
+    {"ringlog_init", plain(vs_kvs_ringlog_init, -3)},
+    {"insert object", insert(vs_kvs_insert_vs_object_rec, {unknown, 3, 1, 2, 3, 2, 8, 9, 0xDEAD})},
+    {"get object", get(vs_kvs_get_vs_object_rec, A)},
+    {"get object handle", get(vs_kvs_get_vs_object_rec_hdl, A)},
     {"list objects", list_objects},
-    {"select", [] { return plain(vs_kvs_update_vs_object_selected_version(A, 3)); }},
-    {"populate", [] { return populate(); }},
-    {"bulk select", [] { return bulk_select(B); }},
-    {"delete object", [] { return plain(vs_kvs_delete_vs_object(A)); }},
-    {"insert clients",
-     [] {
-         return insert_clients({B, 1, 3, 300, 1, 2, 3, 0xDEAD});
-     }},
-    {"get clients", [] { return get_clients(A); }},
-    {"get clients of an object without", [] { return get_clients(B); }},
-    {"get clients handle", [] { return handle(vs_kvs_get_clients_info_rec_hdl, A); }},
-    {"list clients", list_clients},
-    {"add client", [] { return plain(vs_kvs_add_new_client_info(A, &new_client)); }},
-    {"update client", [] { return plain(vs_kvs_update_client_info(A, &same_jid)); }},
-    {"delete clients", [] { return plain(vs_kvs_delete_clients_info_rec(A)); }},
-    {"insert registration",
-     [] {
-         return insert_registration({9, 2, A, B, 0xDEAD});
-     }},
-    {"get registration", [] { return get_registration(J); }},
-    {"get registration handle", [] { return handle(vs_kvs_get_client_objects_reg_rec_hdl, J); }},
-    {"list registrations", list_registrations},
-    {"add object", [] { return plain(vs_kvs_add_new_client_objects_reg_object(J, unknown)); }},
+    {"select", plain(vs_kvs_update_vs_object_selected_version, A, 3)},
+    {"populate", populate},
+    {"bulk select", bulk_select},
+    {"delete object", plain(vs_kvs_delete_vs_object, A)},
+    {"insert clients", insert(vs_kvs_insert_clients_info_rec, {B, 1, 3, 300, 1, 2, 3, 0xDEAD})},
+    {"get clients", get(vs_kvs_get_clients_info_rec, A)},
+    {"get clients of an object without", get(vs_kvs_get_clients_info_rec, B)},
+    {"get clients handle", get(vs_kvs_get_clients_info_rec_hdl, A)},
+    {"list clients", list(vs_kvs_get_clients_info_all_recs)},
+    {"add client", add_client},
+    {"update client", update_client},
+    {"delete clients", plain(vs_kvs_delete_clients_info_rec, A)},
+    {"insert registration", insert(vs_kvs_insert_client_objects_reg_rec, {9, 2, A, B, 0xDEAD})},
+    {"get registration", get(vs_kvs_get_client_objects_reg_rec, J)},
+    {"get registration handle", get(vs_kvs_get_client_objects_reg_rec_hdl, J)},
+    {"list registrations", list(vs_kvs_get_client_objects_reg_all_recs)},
+    {"add object", plain(vs_kvs_add_new_client_objects_reg_object, J, unknown)},
 };
 
-// Replaces every record of a database just before the n-th call of the given name.
-auto before_nth(const char *call, int n, std::function<void()> change)
+// Makes a change just before the n-th call of the given name.
+change before_nth(const std::string &name, int n, const change &make)
 {
-    return [=, seen = 0](const char *name, int) mutable {
-        if (std::strcmp(name, call) == 0 && ++seen == n)
-            change();
+    return [=] {
+        now.before = [=, seen = 0](const std::string &called, int) mutable {
+            if (called == name && ++seen == n)
+                make();
+        };
     };
 }
 
-auto replaced(const char *db, std::initializer_list<std::uint32_t> words,
-              std::size_t length = SIZE_MAX)
+// Another first record in a database.
+change replaced(const char *db, const std::vector<std::uint32_t> &words)
 {
-    return [db,
-            words = bytes(reinterpret_cast<const std::uint8_t *>(std::data(words)),
-                          reinterpret_cast<const std::uint8_t *>(std::data(words) + words.size())),
-            length] {
-        bytes data = words;
-        data.resize(std::min(length, data.size()));
-        now.store[db][0].data = data;
+    return [=] {
+        put(db, words);
+        now.store[db].front().data = now.store[db].back().data;
+        now.store[db].pop_back();
     };
 }
 
-auto twice(const char *db)
-{
-    return [db] { now.store[db].push_back({0x9999, now.store[db][0].data}); };
-}
-
-auto emptied(const char *db)
-{
-    return [db] { now.store[db].clear(); };
-}
+const change no_handle_at_first = [] {
+    before_nth("kvs_lookup_db_handle", 2, [] { now.handle_unset = false; })();
+    now.handle_unset = true;
+};
+const change empty_until_written = [] {
+    before_nth("kvs_write_object 0", 1, [] { now.size = UINT32_MAX; })();
+    now.size = 0;
+};
+const change not_a_job = [] {
+    before_nth("verbose_init", 1, [] { now.log.push_back(g_vs_kvs_proc_name); })();
+    now.job_id = 0;
+};
 
 const scenario special[] = {
     // arguments, in the order of the checks
-    {"insert object: null", [] { return plain(vs_kvs_insert_vs_object_rec(nullptr, nullptr)); }},
-    {"insert object: id 0",
-     [] {
-         return insert_object({0, 1, 0, 0, 0, 0});
-     }},
+    {"insert object: null", plain(vs_kvs_insert_vs_object_rec, nullptr, nullptr)},
+    {"insert object: id 0", insert(vs_kvs_insert_vs_object_rec, {0, 1, 0, 0, 0, 0})},
     {"insert object: no versions",
-     [] {
-         return insert_object({unknown, 0, 0, 0, 0, 0, 7});
-     }},
-    {"insert object: tolerated",
-     [] {
-         return insert_object({A, 2, 0, 5, 6, 0});
-     },
-     [] { now.insert_tolerated = true; }},
-    {"insert object: tolerated without a handle",
-     [] {
-         return insert_object({A, 2, 0, 5, 6, 0});
-     },
-     [] { now.insert_tolerated = now.insert_without_handle = true; }},
+     insert(vs_kvs_insert_vs_object_rec, {unknown, 0, 0, 0, 0, 0, 7})},
     {"insert object: too many versions",
-     [] {
-         return insert_object({A, 2, 0, 5, 6, 0x40000000});
-     }},
-    {"get object: null before id", [] { return plain(vs_kvs_get_vs_object_rec(0, nullptr)); }},
-    {"get object: id 0", [] { return get_object(0); }},
-    {"get object: unknown", [] { return get_object(unknown); }},
-    {"get object: two", [] { return get_object(A); }, twice("vs_objects")},
-    {"get object: two, and the find fails", [] { return get_object(A); },
-     [] {
-         twice("vs_objects")();
-         now.fail_call = 2, now.array_on_failure = true;
-     }},
-    {"get object: empty record", [] { return get_object(A); }, [] { now.size = 0; }},
-    {"get object: nothing read", [] { return get_object(A); }, [] { now.read_length = 0; }},
-    {"get object: short fixed part", [] { return get_object(A); },
-     replaced("vs_objects", {A, 1, 0, 0, 0, 0}, 20)},
-    {"get object: fewer versions than counted", [] { return get_object(A); },
-     replaced("vs_objects", {A, 1, 0, 0, 0, 3, 1, 2})},
-    {"get object: count beyond 32 bits", [] { return get_object(A); },
-     replaced("vs_objects", {A, 1, 0, 0, 0, 0xFFFFFFFF, 1, 2})},
-    {"get object: longer than counted", [] { return get_object(A); },
+     insert(vs_kvs_insert_vs_object_rec, {A, 2, 0, 5, 6, too_many})},
+    {"get object: null before id", plain(vs_kvs_get_vs_object_rec, 0, nullptr)},
+    {"get object: id 0", get(vs_kvs_get_vs_object_rec, 0)},
+    {"get object: count beyond 32 bits", get(vs_kvs_get_vs_object_rec, A),
+     replaced("vs_objects", {A, 1, 0, 0, 0, UINT32_MAX, 1, 2})},
+    {"get object: longer than counted", get(vs_kvs_get_vs_object_rec, A),
      replaced("vs_objects", {A, 1, 0, 0, 0, 1, 1, 2})},
-    {"get object: size says more than is read", [] { return get_object(A); },
+    {"get object: size says more than is read", get(vs_kvs_get_vs_object_rec, A),
      [] { now.size = 64; }},
-    {"get object: count without an array", [] { return get_object(A); },
-     [] { now.arrays_missing = true; }},
-    {"get object: lookup without a handle", [] { return get_object(A); },
-     [] { now.handle_unset = true; }},
-    {"select: first lookup without a handle",
-     [] { return plain(vs_kvs_update_vs_object_selected_version(A, 1)); },
-     [] {
-         now.handle_unset = true;
-         now.before = before_nth("kvs_lookup_db_handle", 2, [] { now.handle_unset = false; });
-     }},
-    {"get object handle: null before id",
-     [] { return plain(vs_kvs_get_vs_object_rec_hdl(0, nullptr)); }},
-    {"get object handle: id 0", [] { return handle(vs_kvs_get_vs_object_rec_hdl, 0); }},
-    {"get object handle: two", [] { return handle(vs_kvs_get_vs_object_rec_hdl, A); },
-     twice("vs_objects")},
-    {"list objects: no count",
-     [] { return plain(vs_kvs_get_vs_objects_all_recs(nullptr, nullptr)); }},
-    {"list objects: no array",
-     [] {
-         std::uint32_t n;
-         return plain(vs_kvs_get_vs_objects_all_recs(&n, nullptr));
-     }},
-    {"list objects: empty", list_objects, emptied("vs_objects")},
-    {"list objects: empty record", list_objects, [] { now.size = 0; }},
+    {"get object handle: null before id", plain(vs_kvs_get_vs_object_rec_hdl, 0, nullptr)},
+    {"get object handle: id 0", get(vs_kvs_get_vs_object_rec_hdl, 0)},
+    {"list objects: no count", plain(vs_kvs_get_vs_objects_all_recs, nullptr, nullptr)},
+    {"list objects: no array", plain(vs_kvs_get_vs_objects_all_recs, &ignored, nullptr)},
     {"list objects: empty record that cannot be read", list_objects,
      [] { now.size = 0, now.fail_call = 4; }},
-    {"list objects: short record", list_objects, replaced("vs_objects", {A, 1, 0, 0, 0, 3, 1, 2})},
-    {"list objects: count without an array", list_objects, [] { now.arrays_missing = true; }},
-    {"list objects: second record gone", list_objects,
-     [] {
-         now.before =
-             before_nth("kvs_get_object_size", 2, [] { now.store["vs_objects"].pop_back(); });
-     }},
-    {"select: id 0", [] { return plain(vs_kvs_update_vs_object_selected_version(0, 1)); }},
-    {"select: unknown", [] { return plain(vs_kvs_update_vs_object_selected_version(unknown, 1)); }},
-    {"select: empty record", [] { return plain(vs_kvs_update_vs_object_selected_version(A, 1)); },
-     [] { now.size = 0; }},
-    {"select: empty when read back",
-     [] { return plain(vs_kvs_update_vs_object_selected_version(A, 1)); },
-     [] { now.before = before_nth("kvs_get_object_size", 2, [] { now.size = 0; }); }},
-    {"select: another version read back",
-     [] { return plain(vs_kvs_update_vs_object_selected_version(A, 3)); },
-     [] {
-         now.before =
-             before_nth("kvs_get_object_size", 2, replaced("vs_objects", {A, 9, 0, 0, 0, 0}));
-     }},
-    {"populate: not initialised", [] { return populate(); }, [] { g_vs_kvs_dbs_initialized = 0; }},
-    {"populate: nothing",
-     [] { return plain(vs_kvs_insert_vs_objects(nullptr, 0, nullptr, nullptr)); }},
-    {"populate: no elements",
-     [] { return plain(vs_kvs_insert_vs_objects(nullptr, 1, nullptr, nullptr)); }},
-    {"populate: no arrays",
-     [] {
-         const vs_object_sel_entry e{};
-         return plain(vs_kvs_insert_vs_objects(&e, 1, nullptr, nullptr));
-     }},
-    {"populate: no counts",
-     [] {
-         const vs_object_sel_entry e{};
-         const std::uint32_t *const none = nullptr;
-         return plain(vs_kvs_insert_vs_objects(&e, 1, &none, nullptr));
-     }},
-    {"populate: id 0", [] { return populate(0); }},
+    {"select: id 0", plain(vs_kvs_update_vs_object_selected_version, 0, 1)},
+    {"select: first lookup without a handle", plain(vs_kvs_update_vs_object_selected_version, A, 1),
+     no_handle_at_first},
+    {"populate: not initialised", populate, [] { g_vs_kvs_dbs_initialized = 0; }},
+    {"populate: nothing", plain(vs_kvs_insert_vs_objects, nullptr, 0, nullptr, nullptr)},
+    {"populate: no elements", plain(vs_kvs_insert_vs_objects, nullptr, 1, nullptr, nullptr)},
+    {"populate: no arrays", plain(vs_kvs_insert_vs_objects, fresh, 1, nullptr, nullptr)},
+    {"populate: no counts", plain(vs_kvs_insert_vs_objects, fresh, 1, version_arrays, nullptr)},
+    {"populate: id 0",
+     plain(vs_kvs_insert_vs_objects, nameless, 2, version_arrays, version_counts)},
     {"populate: too many versions",
-     [] {
-         const vs_object_sel_entry e{A, 1, {}};
-         const std::uint32_t *const none = nullptr;
-         const std::uint32_t count = 0x40000000;
-         return plain(vs_kvs_insert_vs_objects(&e, 1, &none, &count));
-     }},
-    {"bulk select: not initialised", [] { return bulk_select(B); },
-     [] { g_vs_kvs_dbs_initialized = 0; }},
-    {"bulk select: nothing", [] { return plain(vs_kvs_update_vs_objects(nullptr, 0)); }},
-    {"bulk select: no elements", [] { return plain(vs_kvs_update_vs_objects(nullptr, 1)); }},
-    {"bulk select: id 0", [] { return bulk_select(0); }},
-    {"delete object: id 0", [] { return plain(vs_kvs_delete_vs_object(0)); }},
-    {"delete object: unknown", [] { return plain(vs_kvs_delete_vs_object(unknown)); }},
-    {"insert clients: null",
-     [] { return plain(vs_kvs_insert_clients_info_rec(nullptr, nullptr)); }},
-    {"insert clients: id 0, none",
-     [] {
-         return insert_clients({0, 0});
-     }},
-    {"insert clients: tolerated",
-     [] {
-         return insert_clients({A, 0});
-     },
-     [] { now.insert_tolerated = true; }},
-    {"insert clients: too many",
-     [] {
-         return insert_clients({A, 0x10000000});
-     }},
-    {"get clients: null before id", [] { return plain(vs_kvs_get_clients_info_rec(0, nullptr)); }},
-    {"get clients: id 0", [] { return get_clients(0); }},
-    {"get clients: unknown object", [] { return get_clients(unknown); }},
-    {"get clients: object's record empty", [] { return get_clients(B); }, [] { now.size = 0; }},
-    {"get clients: two", [] { return get_clients(A); }, twice("vs_clients_info")},
-    {"get clients: empty record", [] { return get_clients(A); }, [] { now.size = 0; }},
-    {"get clients: fewer than counted", [] { return get_clients(A); },
-     replaced("vs_clients_info", {A, 2, 4, 400, 0, 0, 0, 5, 500})},
-    {"get clients handle: null before id",
-     [] { return plain(vs_kvs_get_clients_info_rec_hdl(0, nullptr)); }},
-    {"get clients handle: id 0", [] { return handle(vs_kvs_get_clients_info_rec_hdl, 0); }},
-    {"get clients handle: two", [] { return handle(vs_kvs_get_clients_info_rec_hdl, A); },
-     twice("vs_clients_info")},
-    {"list clients: no count",
-     [] { return plain(vs_kvs_get_clients_info_all_recs(nullptr, nullptr)); }},
-    {"list clients: no array",
-     [] {
-         std::uint32_t n;
-         return plain(vs_kvs_get_clients_info_all_recs(&n, nullptr));
-     }},
-    {"list clients: empty", list_clients, emptied("vs_clients_info")},
-    {"list clients: empty record", list_clients, [] { now.size = 0; }},
-    {"add client: null before id", [] { return plain(vs_kvs_add_new_client_info(0, nullptr)); }},
-    {"add client: id 0", [] { return plain(vs_kvs_add_new_client_info(0, &new_client)); }},
-    {"add client: no list", [] { return plain(vs_kvs_add_new_client_info(B, &new_client)); }},
-    {"add client: listed already", [] { return plain(vs_kvs_add_new_client_info(A, &same_jid)); }},
-    {"add client: to an empty list",
-     [] { return plain(vs_kvs_add_new_client_info(A, &new_client)); },
-     replaced("vs_clients_info", {A, 0})},
-    {"add client: empty record", [] { return plain(vs_kvs_add_new_client_info(A, &new_client)); },
-     [] { now.size = 0; }},
-    {"add client: another jid read back",
-     [] { return plain(vs_kvs_add_new_client_info(A, &new_client)); },
-     [] {
-         now.before = before_nth(
-             "kvs_get_object_size", 2,
-             replaced("vs_clients_info", {A, 3, 4, 4, 0, 0, 0, 5, 5, 0, 0, 0, 3, 9, 0, 0, 0}));
-     }},
-    {"add client: jid 0, list shortened",
-     [] {
-         const vs_client_info_entry nobody{};
-         return plain(vs_kvs_add_new_client_info(A, &nobody));
-     },
-     [] {
-         now.before = before_nth("kvs_get_object_size", 2, replaced("vs_clients_info", {A, 0}));
-     }},
-    {"add client: empty when read back",
-     [] { return plain(vs_kvs_add_new_client_info(A, &new_client)); },
-     [] { now.before = before_nth("kvs_get_object_size", 2, [] { now.size = 0; }); }},
-    {"update client: null before id", [] { return plain(vs_kvs_update_client_info(0, nullptr)); }},
-    {"update client: id 0", [] { return plain(vs_kvs_update_client_info(0, &same_jid)); }},
-    {"update client: not listed", [] { return plain(vs_kvs_update_client_info(A, &new_client)); }},
-    {"update client: empty record", [] { return plain(vs_kvs_update_client_info(A, &same_jid)); },
-     [] { now.size = 0; }},
-    {"update client: first of two", [] { return plain(vs_kvs_update_client_info(A, &same_jid)); },
+     plain(vs_kvs_insert_vs_objects, fresh, 1, version_arrays, &too_many)},
+    {"bulk select: not initialised", bulk_select, [] { g_vs_kvs_dbs_initialized = 0; }},
+    {"bulk select: nothing", plain(vs_kvs_update_vs_objects, nullptr, 0)},
+    {"bulk select: no elements", plain(vs_kvs_update_vs_objects, nullptr, 1)},
+    {"bulk select: id 0", plain(vs_kvs_update_vs_objects, nameless, 2)},
+    {"delete object: id 0", plain(vs_kvs_delete_vs_object, 0)},
+    {"insert clients: null", plain(vs_kvs_insert_clients_info_rec, nullptr, nullptr)},
+    {"insert clients: id 0, none", insert(vs_kvs_insert_clients_info_rec, {0, 0})},
+    {"insert clients: too many", insert(vs_kvs_insert_clients_info_rec, {A, 0x10000000})},
+    {"get clients: null before id", plain(vs_kvs_get_clients_info_rec, 0, nullptr)},
+    {"get clients: id 0", get(vs_kvs_get_clients_info_rec, 0)},
+    {"get clients handle: null before id", plain(vs_kvs_get_clients_info_rec_hdl, 0, nullptr)},
+    {"get clients handle: id 0", get(vs_kvs_get_clients_info_rec_hdl, 0)},
+    {"list clients: no count", plain(vs_kvs_get_clients_info_all_recs, nullptr, nullptr)},
+    {"list clients: no array", plain(vs_kvs_get_clients_info_all_recs, &ignored, nullptr)},
+    {"add client: null before id", plain(vs_kvs_add_new_client_info, 0, nullptr)},
+    {"add client: id 0", plain(vs_kvs_add_new_client_info, 0, &new_client)},
+    {"add client: listed already", plain(vs_kvs_add_new_client_info, A, &same_jid)},
+    {"add client: to an empty list", add_client, replaced("vs_clients_info", {A, 0})},
+    {"add client: jid 0, list shortened", plain(vs_kvs_add_new_client_info, A, &nobody),
+     before_nth("kvs_get_object_size", 2, replaced("vs_clients_info", {A, 0}))},
+    {"update client: null before id", plain(vs_kvs_update_client_info, 0, nullptr)},
+    {"update client: id 0", plain(vs_kvs_update_client_info, 0, &same_jid)},
+    {"update client: not listed", plain(vs_kvs_update_client_info, A, &new_client)},
+    {"update client: first of two", update_client,
      replaced("vs_clients_info", {A, 2, 5, 1, 0, 0, 0, 5, 2, 0, 0, 0})},
-    {"update client: record grown meanwhile",
-     [] { return plain(vs_kvs_update_client_info(A, &same_jid)); },
-     [] {
-         now.before = before_nth(
-             "kvs_get_object_size", 2,
-             replaced("vs_clients_info", {A, 3, 4, 4, 0, 0, 0, 5, 5, 0, 0, 0, 6, 6, 0, 0, 0}));
-     }},
-    {"update client: another pid read back",
-     [] { return plain(vs_kvs_update_client_info(A, &same_jid)); },
-     [] {
-         now.before = before_nth("kvs_get_object_size", 3,
-                                 replaced("vs_clients_info", {A, 2, 4, 4, 0, 0, 0, 5, 8, 0, 0, 0}));
-     }},
-    {"update client: list shortened", [] { return plain(vs_kvs_update_client_info(A, &same_jid)); },
-     [] {
-         now.before = before_nth("kvs_get_object_size", 3,
-                                 replaced("vs_clients_info", {A, 1, 4, 4, 0, 0, 0}));
-     }},
-    {"update client: empty when read back",
-     [] { return plain(vs_kvs_update_client_info(A, &same_jid)); },
-     [] { now.before = before_nth("kvs_get_object_size", 3, [] { now.size = 0; }); }},
-    {"delete clients: id 0", [] { return plain(vs_kvs_delete_clients_info_rec(0)); }},
-    {"delete clients: none", [] { return plain(vs_kvs_delete_clients_info_rec(B)); }},
-    {"delete clients: two", [] { return plain(vs_kvs_delete_clients_info_rec(A)); },
-     twice("vs_clients_info")},
-    {"insert registration: null",
-     [] { return plain(vs_kvs_insert_client_objects_reg_rec(nullptr, nullptr)); }},
-    {"insert registration: jid 0, none",
-     [] {
-         return insert_registration({0, 0});
-     }},
+    {"update client: record grown meanwhile", update_client,
+     before_nth("kvs_get_object_size", 2,
+                replaced("vs_clients_info", {A, 3, 4, 4, 0, 0, 0, 5, 5, 0, 0, 0, 6, 6, 0, 0, 0}))},
+    {"update client: another pid read back", update_client,
+     before_nth("kvs_get_object_size", 3,
+                replaced("vs_clients_info", {A, 2, 4, 4, 0, 0, 0, 5, 8, 0, 0, 0}))},
+    {"delete clients: id 0", plain(vs_kvs_delete_clients_info_rec, 0)},
+    {"insert registration: null", plain(vs_kvs_insert_client_objects_reg_rec, nullptr, nullptr)},
+    {"insert registration: jid 0, none", insert(vs_kvs_insert_client_objects_reg_rec, {0, 0})},
     {"insert registration: too many",
-     [] {
-         return insert_registration({9, 0x3FFFFFFE});
-     }},
-    {"get registration: null before jid",
-     [] { return plain(vs_kvs_get_client_objects_reg_rec(0, nullptr)); }},
-    {"get registration: jid 0", [] { return get_registration(0); }},
-    {"get registration: none", [] { return get_registration(9); }},
-    {"get registration: two", [] { return get_registration(J); }, twice("vs_clientobjectsreg")},
-    {"get registration: empty record", [] { return get_registration(J); }, [] { now.size = 0; }},
-    {"get registration: short", [] { return get_registration(J); },
-     replaced("vs_clientobjectsreg", {J, 2, A, B}, 15)},
-    {"get registration handle: null before jid",
-     [] { return plain(vs_kvs_get_client_objects_reg_rec_hdl(0, nullptr)); }},
-    {"get registration handle: jid 0",
-     [] { return handle(vs_kvs_get_client_objects_reg_rec_hdl, 0); }},
-    {"get registration handle: none",
-     [] { return handle(vs_kvs_get_client_objects_reg_rec_hdl, 9); }},
-    {"get registration handle: two",
-     [] { return handle(vs_kvs_get_client_objects_reg_rec_hdl, J); }, twice("vs_clientobjectsreg")},
+     insert(vs_kvs_insert_client_objects_reg_rec, {9, 0x3FFFFFFE})},
+    {"get registration: null before jid", plain(vs_kvs_get_client_objects_reg_rec, 0, nullptr)},
+    {"get registration: jid 0", get(vs_kvs_get_client_objects_reg_rec, 0)},
+    {"get registration handle: null", plain(vs_kvs_get_client_objects_reg_rec_hdl, 0, nullptr)},
+    {"get registration handle: jid 0", get(vs_kvs_get_client_objects_reg_rec_hdl, 0)},
     {"list registrations: no count",
-     [] { return plain(vs_kvs_get_client_objects_reg_all_recs(nullptr, nullptr)); }},
+     plain(vs_kvs_get_client_objects_reg_all_recs, nullptr, nullptr)},
     {"list registrations: no array",
-     [] {
-         std::uint32_t n;
-         return plain(vs_kvs_get_client_objects_reg_all_recs(&n, nullptr));
-     }},
-    {"list registrations: empty", list_registrations, emptied("vs_clientobjectsreg")},
-    {"list registrations: empty record", list_registrations, [] { now.size = 0; }},
-    {"add object: id 0 before jid 0",
-     [] { return plain(vs_kvs_add_new_client_objects_reg_object(0, 0)); }},
-    {"add object: jid 0", [] { return plain(vs_kvs_add_new_client_objects_reg_object(0, A)); }},
-    {"add object: no registration",
-     [] { return plain(vs_kvs_add_new_client_objects_reg_object(9, A)); }},
-    {"add object: last one again",
-     [] { return plain(vs_kvs_add_new_client_objects_reg_object(J, B)); }},
-    {"add object: to an empty registration",
-     [] { return plain(vs_kvs_add_new_client_objects_reg_object(K, B)); }},
-    {"add object: empty record",
-     [] { return plain(vs_kvs_add_new_client_objects_reg_object(J, B)); }, [] { now.size = 0; }},
+     plain(vs_kvs_get_client_objects_reg_all_recs, &ignored, nullptr)},
+    {"add object: id 0 before jid 0", plain(vs_kvs_add_new_client_objects_reg_object, 0, 0)},
+    {"add object: jid 0", plain(vs_kvs_add_new_client_objects_reg_object, 0, A)},
+    {"add object: last one again", plain(vs_kvs_add_new_client_objects_reg_object, J, B)},
+    {"add object: to an empty registration", plain(vs_kvs_add_new_client_objects_reg_object, K, B)},
     {"add object: empty record, filled when read back",
-     [] { return plain(vs_kvs_add_new_client_objects_reg_object(J, A)); },
-     [] {
-         now.size = 0,
-         now.before = before_nth("kvs_write_object", 1, [] { now.size = UINT32_MAX; });
-     }},
-    {"add object: another id read back",
-     [] { return plain(vs_kvs_add_new_client_objects_reg_object(J, unknown)); },
-     [] {
-         now.before =
-             before_nth("kvs_get_object_size", 2, replaced("vs_clientobjectsreg", {J, 3, A, B, A}));
-     }},
-    {"add object: registration shortened",
-     [] { return plain(vs_kvs_add_new_client_objects_reg_object(J, unknown)); },
-     [] {
-         now.before =
-             before_nth("kvs_get_object_size", 2, replaced("vs_clientobjectsreg", {J, 1, A}));
-     }},
+     plain(vs_kvs_add_new_client_objects_reg_object, J, A), empty_until_written},
     // the frame
-    {"db_init: unknown, set up", [] { return plain(vs_kvs_db_init(5, 3)); },
+    {"db_init: unknown, set up", plain(vs_kvs_db_init, 5, 3),
      [] { g_vs_kvs_debug_initialized = 1; }},
-    {"db_init: unknown, not set up", [] { return plain(vs_kvs_db_init(5, 3)); }},
-    {"db_init: unknown, set-up refused", [] { return plain(vs_kvs_db_init(5, 3)); },
-     [] { now.fail_call = 5; }},
-    {"db_init: open, set up", [] { return plain(vs_kvs_db_init(5, 0)); },
+    {"db_init: unknown, not set up", plain(vs_kvs_db_init, 5, 3)},
+    {"db_init: unknown, set-up refused", plain(vs_kvs_db_init, 5, 3), [] { now.fail_call = 5; }},
+    {"db_init: open, set up", plain(vs_kvs_db_init, 5, 0),
      [] { g_vs_kvs_debug_initialized = 1, g_kvs_hdl_vs_objects_db = 1; }},
-    {"db_init: open, not set up", [] { return plain(vs_kvs_db_init(5, 0)); },
-     [] { g_kvs_hdl_vs_objects_db = 1; }},
-    {"db_init: no handle given", [] { return plain(vs_kvs_db_init(5, 2)); },
-     [] { now.handle_unset = true; }},
-    {"initialize: two failures", [] { return plain(vs_kvs_initialize(5)); },
-     [] { now.fail_call = 6, now.calls_to_fail = 2; }},
-    {"initialize: three failures", [] { return plain(vs_kvs_initialize(5)); },
+    {"db_init: open, not set up", plain(vs_kvs_db_init, 5, 0), [] { g_kvs_hdl_vs_objects_db = 1; }},
+    {"initialize: two failures", initialize, [] { now.fail_call = 6, now.calls_to_fail = 2; }},
+    {"initialize: three failures", initialize,
      [] { now.fail_call = 7, now.calls_to_fail = 3, g_vs_kvs_dbs_initialized = 0; }},
-    {"initialize: again", [] { return plain(vs_kvs_initialize(5)); },
+    {"initialize: again", initialize,
      [] { g_vs_kvs_debug_initialized = 1, g_kvs_hdl_vs_objects_db = 1; }},
-    {"debug_init: not a job",
-     [] { return plain(vs_kvs_ringlog_init(1)), plain(vs_kvs_debug_init(5)); },
-     [] {
-         now.job_id = 0;
-         now.before = [](const char *call, int) {
-             if (std::strcmp(call, "verbose_init") == 0)
-                 now.log.push_back(std::string("name ") + g_vs_kvs_proc_name);
-         };
-     }},
-    {"debug_init: not a job, nameless", [] { return plain(vs_kvs_debug_init(5)); },
-     [] { now.job_id = 0, now.fail_call = 3; }},
-    {"debug_init: name of 64", [] { return plain(vs_kvs_debug_init(5)); },
-     [] { now.job_name = std::string(64, 'n'); }},
-    {"debug_init: name of 65", [] { return plain(vs_kvs_debug_init(5)); },
-     [] { now.job_name = "a/" + std::string(65, 'n'); }},
-    {"debug_init: mutex refused", [] { return plain(vs_kvs_debug_init(5)); },
-     [] { now.trylock_error = EINVAL; }},
-    {"debug_init: mutex busy, then refused", [] { return plain(vs_kvs_debug_init(5)); },
+    {"debug_init: not a job", debug_init, not_a_job},
+    {"debug_init: not a job, nameless", debug_init, [] { now.job_id = 0, now.fail_call = 3; }},
+    {"debug_init: name of 64", debug_init, [] { now.job_name = std::string(64, 'n'); }},
+    {"debug_init: name of 65", debug_init, [] { now.job_name = "a/" + std::string(65, 'n'); }},
+    {"debug_init: mutex refused", debug_init, [] { now.trylock_error = EINVAL; }},
+    {"debug_init: mutex busy, then refused", debug_init,
      [] { now.trylock_error = EBUSY, now.lock_error = EDEADLK; }},
-    {"load hook", [] { return plain(vs_kvs_dll_main(0, 0, 0)); }},
-    {"unload hook", [] { return plain(vs_kvs_dll_main(0, 1, 0)); }},
+    {"load hook", plain(vs_kvs_dll_main, 0, 0, 0)},
+    {"unload hook", plain(vs_kvs_dll_main, 0, 1, 0)},
 };
 
 // ---- the log, against the expected one ----
 
-class report_book {
-public:
-    void add(const std::string &name, const outcome &result, std::size_t from = 0)
-    {
-        text_ << "== " << name << ": " << std::hex << std::uppercase << "0x" << result.status << ' '
-              << result.handed_out << '\n';
-        for (std::size_t i = from; i < now.log.size(); ++i)
-            text_ << without_pid(now.log[i]) << '\n';
-    }
+using lines = std::vector<std::string>;
 
-    // Compares with the expected log, up to the given heading and from it on.
-    void check(const char *part)
-    {
-        const std::string path = std::string(EXPECTED_DIR) + "/expected_" + part + ".txt";
-        if (std::getenv("ACCEPT"))
-            std::ofstream(path) << text_.str();
-        std::ifstream file(path);
-        std::stringstream expected;
-        expected << file.rdbuf();
-        std::istringstream got(text_.str());
-        std::string heading, want, have;
-        while (std::getline(got, have)) {
-            if (have.starts_with("=="))
-                heading = have;
-            ASSERT_TRUE(std::getline(expected, want)) << "more than expected: " << have;
-            ASSERT_EQ(want, have) << "in " << heading;
-        }
-        EXPECT_FALSE(std::getline(expected, want)) << "less than expected: " << want;
-    }
+// What is told of a run: what came of it, and its log from a line on.
+std::string told(const std::string &name, const outcome &result, std::size_t from = 0)
+{
+    std::ostringstream text;
+    text << "== " << name << ": " << std::hex << std::uppercase << "0x" << result.status << ' '
+         << result.handed_out << '\n';
+    for (std::size_t i = from; i < now.log.size(); ++i)
+        text << now.log[i] << '\n';
+    return text.str();
+}
 
-private:
-    std::ostringstream text_;
-    static std::string without_pid(std::string line)
-    {
-        const std::string pid = "/" + std::to_string(getpid()) + "/";
-        const std::size_t at = line.find(pid);
-        return at == std::string::npos ? line : line.replace(at, pid.size(), "/PID/");
+void compare(const char *part, const std::string &found)
+{
+    const std::string path = std::string(EXPECTED_DIR) + "/expected_" + part + ".txt";
+    if (std::getenv("ACCEPT"))
+        std::ofstream(path) << found;
+    std::ifstream expected(path);
+    std::istringstream got(found);
+    std::string heading, want, have;
+    while (std::getline(got, have)) {
+        if (have.starts_with("=="))
+            heading = have;
+        ASSERT_TRUE(std::getline(expected, want)) << "more than expected: " << have;
+        ASSERT_EQ(want, have) << "in " << heading;
     }
-};
+    EXPECT_FALSE(std::getline(expected, want)) << "less than expected: " << want;
+}
 
 // What the process knows of its own set-up; the log tells when that changes.
 std::string state()
@@ -609,112 +349,137 @@ std::string state()
            std::to_string(g_vs_kvs_dbs_initialized) + ' ' + std::to_string(vs_kvs_is_populated());
 }
 
-outcome run(const scenario &s)
+// Runs a scenario that was started. It must not leak, but each debug set-up leaves the process's
+// name in place.
+outcome run(const scenario &s, const std::string &name)
 {
-    armed while_it_runs;
     const std::string before = state();
     const outcome result = s.run();
     if (state() != before)
         now.log.push_back(state());
-    return result;
-}
-
-void expect_clean(const char *name)
-{
-    // Each debug set-up leaves the process's name in place.
     const auto kept = std::count(now.log.begin(), now.log.end(), "call jobctl_get_job_id");
     EXPECT_EQ(live_blocks(), static_cast<std::size_t>(kept)) << name << " leaks";
-    EXPECT_EQ(now.problems, std::vector<std::string>{}) << name;
+    EXPECT_EQ(now.problems, lines{}) << name;
+    return result;
 }
 
 TEST(library, reports_what_it_does)
 {
-    report_book book;
+    std::string found;
     for (const auto &table : {std::span<const scenario>(regular), {special}})
         for (const scenario &s : table) {
-            usual_store();
-            s.prepare();
-            book.add(s.name, run(s));
-            expect_clean(s.name);
+            start(s);
+            const outcome result = run(s, s.name);
+            found += told(s.name, result);
         }
-    book.check("reports");
+    compare("reports", found);
 }
 
-// The status that a failure leads to, by the name of what failed.
-std::uint32_t expected_status(const std::string &operation, const std::string &failed, bool is_api)
-{
-    if (failed.starts_with("jobctl") || is_api)
-        return 0;
-    if (failed == "malloc" || failed == "calloc" || failed == "realloc")
-        return operation == "initialize" ? 0 : VS_FAULT_NO_MEMORY;
-    if (operation == "initialize")
-        return 0; // the second attempt succeeds
-    return failed == "kvs_lookup_db_handle" ? VS_FAULT_KVS_DB_LOOKUP : now.fail_status;
-}
+// ---- trouble at every point ----
 
-// The stores that a regular run passes through, by the number of changes made.
-std::vector<databases> stages(const scenario &s)
+struct trouble {
+    const char *name;
+    std::function<void(int n)> prepare;
+};
+
+// What another process, or a platform that is not to be trusted, may do just before the n-th call.
+std::function<void(int)> at_call(const change &make)
 {
-    usual_store();
-    s.prepare();
-    std::vector<databases> seen{now.store};
-    now.before = [&](const char *, int) {
-        if (seen.size() == static_cast<std::size_t>(now.changes))
-            seen.push_back(now.store);
+    return [=](int n) {
+        now.before = [=](const std::string &called, int number) {
+            if (number == n)
+                make(), now.troubled = called;
+        };
     };
-    run(s);
-    seen.push_back(now.store);
-    return seen;
 }
 
-// Fails the n-th call, or the n-th allocation, for every n until a run meets no failure.
-TEST(library, survives_every_single_failure)
+template <class Change>
+std::function<void(int)> every_record(const Change &make)
 {
-    report_book book;
-    int faults = 0;
+    return at_call([=] {
+        for (auto &[name, records] : now.store)
+            for (auto &record : records)
+                make(record.data, name == "vs_objects" ? 5u : 1u);
+    });
+}
+
+const trouble troubles[] = {
+    {"failure", [](int n) { now.fail_call = n, now.array_on_failure = true; }},
+    {"no memory", [](int n) { now.fail_allocation = n; }},
+    {"every record twice", at_call([] {
+         for (auto &[name, records] : now.store)
+             for (std::size_t i = 0, count = records.size(); i < count; ++i)
+                 records.push_back({records[i].handle + 0x1000, records[i].data});
+     })},
+    {"every record gone", at_call([] {
+         for (auto &[name, records] : now.store)
+             records.clear();
+     })},
+    {"every record cut", every_record([](bytes &data, auto) { data.resize(data.size() - 4); })},
+    {"every record without elements", every_record([](bytes &data, std::size_t count_at) {
+         data.resize(4 * count_at);
+         data.resize(4 * count_at + 4);
+     })},
+    {"every record changed", every_record([](bytes &data, std::size_t count_at) {
+         for (std::size_t word = 1; word < data.size() / 4; ++word)
+             data[4 * word + 1] ^= word != count_at;
+     })},
+    {"length 0", at_call([] { now.size = 0; })},
+    {"nothing read", at_call([] { now.read_length = 0; })},
+    {"a count without an array", at_call([] { now.arrays_missing = true; })},
+    {"no database handle", at_call([] { now.handle_unset = true; })},
+    {"insert tolerated", at_call([] { now.insert_tolerated = true; })},
+    {"insert tolerated without a handle",
+     at_call([] { now.insert_tolerated = now.insert_without_handle = true; })},
+};
+
+// Brings each trouble to the n-th call, or the n-th allocation, of every regular run, for every n
+// until a run does not meet it. Each course of events is told once, from where it leaves the
+// regular one. A failure leaves the store as one of the changes made before it did.
+TEST(library, survives_trouble_at_every_point)
+{
+    std::string found;
     for (const scenario &s : regular) {
-        const std::vector<databases> seen = stages(s);
-        const std::uint32_t regular_status = (usual_store(), s.prepare(), run(s).status);
-        for (const bool of_calls : {true, false}) {
+        start(s);
+        std::vector<databases> stores{now.store};
+        now.before = [&](const std::string &, int) {
+            if (stores.size() == static_cast<std::size_t>(now.changes))
+                stores.push_back(now.store);
+        };
+        std::set<std::string> seen{told("", run(s, s.name))};
+        stores.push_back(now.store);
+        const lines usual = now.log;
+
+        for (const trouble &t : troubles)
             for (int n = 1;; ++n) {
-                usual_store();
-                s.prepare();
-                (of_calls ? now.fail_call : now.fail_allocation) = n;
-                now.array_on_failure = true;
-                const outcome result = run(s);
-                if (now.failed.empty())
+                start(s);
+                t.prepare(n);
+                const std::string at = std::string(s.name) + ", " + t.name + " at ";
+                const outcome result = run(s, at + std::to_string(n));
+                if (now.troubled.empty())
                     break;
-                ++faults;
-                const bool is_api = now.failed == "ringlog_init2" &&
-                                    now.log[now.failed_at].find("/api ") != std::string::npos;
-                const std::string name =
-                    std::string(s.name) + ", " + now.failed + " " + std::to_string(n) + " fails";
-                const std::uint32_t status = expected_status(s.name, now.failed, is_api);
-                EXPECT_EQ(result.status, status != 0 ? status : regular_status) << name;
-                if (result.status != 0) {
-                    EXPECT_TRUE(result.handed_out.empty() || result.handed_out == "untouched")
-                        << name;
-                }
+                const std::string name = at + now.troubled + ", " + std::to_string(n);
                 const auto changes = static_cast<std::size_t>(now.changes);
-                ASSERT_LT(changes, seen.size()) << name;
-                EXPECT_TRUE(now.store == seen[changes]) << name << " leaves another store";
-                expect_clean(name.c_str());
-                book.add(name, result, now.failed_at);
+                const bool is_failure = now.fail_call != 0 || now.fail_allocation != 0;
+                EXPECT_TRUE(!is_failure || now.store == stores.at(changes)) << name;
+                const auto ways =
+                    std::mismatch(now.log.begin(), now.log.end(), usual.begin(), usual.end());
+                if (seen.insert(told("", result)).second)
+                    found +=
+                        told(name, result, static_cast<std::size_t>(ways.first - now.log.begin()));
             }
-        }
     }
-    EXPECT_GT(faults, 150);
-    book.check("failures");
+    compare("failures", found);
 }
 
 // A growth that 32 bits cannot hold is refused before anything is allocated or written.
 TEST(library, refuses_to_outgrow_a_record)
 {
-    usual_store();
+    reset();
     vs_kvs::block<vs_client_objects_reg_kvs_rec> record(
         static_cast<vs_client_objects_reg_kvs_rec *>(std::calloc(1, 8)));
     record->vs_count = 0x3FFFFFFD;
-    const std::uint32_t rc =
+    const auto rc =
         vs_kvs::grow<vs_kvs::registrations::database, vs_kvs::registrations::add_object>(record);
     EXPECT_EQ(rc, VS_FAULT_NO_MEMORY);
     EXPECT_EQ(record->vs_count, 0x3FFFFFFDu);

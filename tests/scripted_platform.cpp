@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <sstream>
 
 #include <pthread.h>
 #include <unistd.h>
@@ -28,20 +29,20 @@ void *__real_malloc(std::size_t size);
 void *__real_calloc(std::size_t count, std::size_t size);
 void *__real_realloc(void *block, std::size_t size);
 void __real_free(void *block);
+int __real_pthread_mutex_trylock(pthread_mutex_t *mutex);
+int __real_pthread_mutex_lock(pthread_mutex_t *mutex);
 }
 
 namespace {
 
 constexpr std::uint64_t common_buffer = 0xC0, api_buffer = 0xA1, errors_buffer = 0xE1;
 
-bool is_armed = false;
-
 // The load hook calls the platform before any constructor of this file has run. The unload hook
 // runs after the destructors, and has nothing to ask of it.
-bool is_up = false, is_over = false;
+enum { is_early, is_up, is_over } phase;
 struct up {
-    up() { is_up = true; }
-    ~up() { is_up = false, is_over = true; }
+    up() { phase = is_up; }
+    ~up() { phase = is_over; }
 };
 
 // The live blocks and their lengths. Each is followed by a mark that nobody may overwrite.
@@ -52,6 +53,18 @@ std::map<void *, std::size_t> &blocks()
 }
 
 constexpr char mark[] = "the end";
+
+void expect(bool is_fine, const char *problem)
+{
+    if (!is_fine && phase == is_up)
+        now.problems.push_back(problem);
+}
+
+void note(const std::string &line)
+{
+    if (phase == is_up)
+        now.log.push_back(line);
+}
 
 std::string format(const char *text, std::va_list arguments)
 {
@@ -69,71 +82,63 @@ std::string format(const char *text, std::va_list arguments)
     return result;
 }
 
-void note(const std::string &line)
-{
-    if (is_up)
-        now.log.push_back(line);
-}
-
 // The status that the script gives a call: 0, or a failure.
-std::uint32_t enter(const char *call)
+std::uint32_t enter(const std::string &call)
 {
-    if (!is_up)
+    if (phase != is_up)
         return 0;
     const int number = ++now.calls;
     if (now.before)
         now.before(call, number);
-    note(std::string("call ") + call);
-    if (now.fail_call != 0 && number >= now.fail_call && now.calls_to_fail > 0) {
-        --now.calls_to_fail;
-        now.failed = call;
-        now.failed_at = now.log.size();
-        return now.fail_status;
-    }
-    return 0;
+    note("call " + call);
+    if (now.fail_call == 0 || number < now.fail_call || now.calls_to_fail == 0)
+        return 0;
+    --now.calls_to_fail;
+    now.troubled = call;
+    return now.fail_status;
+}
+
+// The handles of the databases are numbers, in the order of their names.
+constexpr kvs_hdl first_database = 0x101;
+
+std::uint32_t bind(const std::string &call, const char *name, kvs_hdl *hdl_p)
+{
+    const std::uint32_t rc = enter(call);
+    const auto distance = std::distance(now.store.begin(), now.store.find(name));
+    if (rc == 0 && !now.handle_unset)
+        *hdl_p = first_database + static_cast<kvs_hdl>(distance);
+    return rc;
 }
 
 database *find_database(kvs_hdl hdl)
 {
     if (hdl == VS_KVS_HDL_UNSET)
         return nullptr;
-    std::uint64_t number = 0x100;
-    for (auto &[name, records] : now.store)
-        if (hdl == ++number)
+    for (auto number = first_database; auto &[name, records] : now.store)
+        if (hdl == number++)
             return &records;
-    now.problems.push_back("unknown database handle");
+    expect(false, "unknown database handle");
     return nullptr;
 }
 
-std::uint32_t bind(const char *name, kvs_hdl *hdl_p)
+// What a call that names a record finds.
+std::uint32_t enter(const std::string &call, kvs_hdl hdl, const kvs_rec_hdl *rec_p,
+                    stored_record *&found)
 {
-    if (now.handle_unset)
-        return 0;
-    std::uint64_t number = 0x100;
-    for (const auto &[stored, records] : now.store) {
-        ++number;
-        if (stored == name)
-            *hdl_p = number;
-    }
-    return 0;
-}
-
-stored_record *find_record(kvs_hdl hdl, const kvs_rec_hdl *rec_p)
-{
-    database *const records = find_database(hdl);
-    if (records)
+    const std::uint32_t rc = enter(call);
+    found = nullptr;
+    if (database *const records = find_database(hdl))
         for (auto &record : *records)
             if (record.handle == *rec_p)
-                return &record;
-    return nullptr;
+                found = &record;
+    return rc == 0 && !found ? KVS_RC_NO_SUCH_RECORD : rc;
 }
 
 bool allocation_fails(const char *what)
 {
-    if (!is_armed || ++now.allocations != now.fail_allocation)
+    if (++now.allocations != now.fail_allocation)
         return false;
-    now.failed = what;
-    now.failed_at = now.log.size();
+    now.troubled = what;
     errno = ENOMEM;
     return true;
 }
@@ -145,12 +150,16 @@ void *track(void *block, std::size_t size)
     return block;
 }
 
-void *allocate(std::size_t size) { return track(__real_malloc(size + sizeof mark), size); }
+// Filled, so that what is used without having been set is the same in every run.
+void *allocate(std::size_t size)
+{
+    return std::memset(track(__real_malloc(size + sizeof mark), size), 0xEE, size);
+}
 
 void check_end(const void *block, std::size_t size)
 {
-    if (std::memcmp(static_cast<const char *>(block) + size, mark, sizeof mark) != 0)
-        now.problems.push_back("wrote beyond the end of a block");
+    expect(std::memcmp(static_cast<const char *>(block) + size, mark, sizeof mark) == 0,
+           "wrote beyond the end of a block");
 }
 
 // Memory that goes over to the library counts as its own from then on.
@@ -158,10 +167,9 @@ kvs_rec_hdl *hand_out(const std::vector<kvs_rec_hdl> &handles)
 {
     if (handles.empty() || now.arrays_missing)
         return nullptr;
-    auto *const array =
-        static_cast<kvs_rec_hdl *>(allocate(handles.size() * sizeof(kvs_rec_hdl)));
-    std::copy(handles.begin(), handles.end(), array);
-    return array;
+    void *const array = allocate(handles.size() * sizeof(kvs_rec_hdl));
+    std::memcpy(array, handles.data(), handles.size() * sizeof(kvs_rec_hdl));
+    return static_cast<kvs_rec_hdl *>(array);
 }
 
 } // namespace
@@ -171,9 +179,6 @@ namespace scripted {
 script now;
 static up after_the_script;
 
-armed::armed() { is_armed = true; }
-armed::~armed() { is_armed = false; }
-
 void reset()
 {
     for (const auto &[block, size] : std::map(blocks()))
@@ -181,7 +186,6 @@ void reset()
     g_vs_kvs_proc_name = nullptr;
     now = script{};
     now.store = {{"vs_objects", {}}, {"vs_clients_info", {}}, {"vs_clientobjectsreg", {}}};
-    now.fail_status = 0xC6960999;
     g_kvs_hdl_vs_objects_db = g_kvs_hdl_vs_clients_info_db = g_kvs_hdl_vs_client_objects_reg_db =
         VS_KVS_HDL_UNSET;
     g_vs_kvs_debug_initialized = g_vs_kvs_dbs_initialized = g_vs_objects_db_populated = 0;
@@ -190,12 +194,17 @@ void reset()
     vs_kvs_errors_trace = errors_buffer;
 }
 
-void put(const char *name, std::initializer_list<std::uint32_t> words, std::size_t length)
+void put(const char *name, const std::vector<std::uint32_t> &words)
 {
+    const auto *const from = reinterpret_cast<const std::uint8_t *>(words.data());
     database &records = now.store[name];
-    bytes data(std::min(length, words.size() * 4));
-    std::memcpy(data.data(), std::data(words), data.size());
-    records.push_back({0x9000 + records.size(), data});
+    records.push_back({0x9000 + records.size(), bytes(from, from + 4 * words.size())});
+}
+
+std::vector<std::uint32_t> content(void *block)
+{
+    const auto *const words = static_cast<const std::uint32_t *>(block);
+    return {words, words + blocks().at(block) / 4};
 }
 
 std::size_t live_blocks()
@@ -211,17 +220,6 @@ extern "C" {
 
 // ---- the C library, as far as a test wants a say in it ----
 
-int __real_pthread_mutex_trylock(pthread_mutex_t *mutex);
-int __real_pthread_mutex_lock(pthread_mutex_t *mutex);
-void *__wrap_malloc(std::size_t size);
-void *__wrap_calloc(std::size_t count, std::size_t size);
-void *__wrap_realloc(void *block, std::size_t size);
-void __wrap_free(void *block);
-int __wrap_pthread_mutex_trylock(pthread_mutex_t *mutex);
-int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex);
-int __wrap_fprintf(std::FILE *stream, const char *text, ...);
-unsigned __wrap_sleep(unsigned seconds);
-
 void *__wrap_malloc(std::size_t size)
 {
     return allocation_fails("malloc") ? nullptr : allocate(size);
@@ -230,8 +228,7 @@ void *__wrap_malloc(std::size_t size)
 void *__wrap_calloc(std::size_t count, std::size_t size)
 {
     size *= count;
-    return allocation_fails("calloc") ? nullptr
-                                      : track(__real_calloc(1, size + sizeof mark), size);
+    return allocation_fails("calloc") ? nullptr : track(__real_calloc(1, size + sizeof mark), size);
 }
 
 void *__wrap_realloc(void *block, std::size_t size)
@@ -248,8 +245,8 @@ void __wrap_free(void *block)
     if (live != blocks().end()) {
         check_end(block, live->second);
         blocks().erase(live);
-    } else if (block && is_armed) {
-        now.problems.push_back("freed a block that was not live");
+    } else {
+        expect(!block, "freed a block that was not live");
     }
     __real_free(block);
 }
@@ -280,40 +277,30 @@ unsigned __wrap_sleep(unsigned seconds)
     return 0;
 }
 
+// The log must be the same in every run.
+pid_t getpid() noexcept { return 4711; }
+
 // ---- reports ----
 
 void _ringlog_emit(std::uint64_t handle, std::uint64_t id, ...)
 {
+    std::ostringstream line;
+    line << "trace "
+         << (handle == common_buffer   ? "common"
+             : handle == api_buffer    ? "api"
+             : handle == errors_buffer ? "errors"
+             : handle == 0             ? "dropped"
+                                       : "never opened")
+         << " 0x" << std::hex << id << std::dec;
     std::va_list arguments;
     va_start(arguments, id);
-    const bool is_common = handle == common_buffer;
-    const char *const buffer = is_common                 ? "common"
-                               : handle == api_buffer    ? "api"
-                               : handle == errors_buffer ? "errors"
-                                                         : "dropped";
-    char line[1024];
-    int at = std::snprintf(line, sizeof line, "trace %s 0x%llx", buffer,
-                           static_cast<unsigned long long>(id));
-    const unsigned count = id >> 32 & 0xFF;
-    for (unsigned i = 0; i < count; ++i) {
-        const std::uint64_t value = va_arg(arguments, std::uint64_t);
-        const bool is_text = id >> (40 + i) & 1;
-        const auto room = sizeof line - static_cast<std::size_t>(at);
-        if (is_common && i == 0) {
-            if (value != static_cast<std::uint64_t>(getpid()) || is_text)
-                now.problems.push_back("common record without the pid");
-            at += std::snprintf(line + at, room, " PID");
-        } else if (is_text)
-            at += std::snprintf(line + at, room, " \"%s\"", reinterpret_cast<const char *>(value));
+    for (unsigned i = 0; i < (id >> 32 & 0xFF); ++i)
+        if (id >> (40 + i) & 1)
+            line << " \"" << va_arg(arguments, const char *) << '"';
         else
-            at += std::snprintf(line + at, room, " %llu", static_cast<unsigned long long>(value));
-    }
+            line << ' ' << va_arg(arguments, std::uint64_t);
     va_end(arguments);
-    if (id >> 40 >> count != 0 || !(id >> (40 + is_common) & 1))
-        now.problems.push_back("malformed trace identifier");
-    if (std::strcmp(buffer, "dropped") == 0 && handle != 0)
-        now.problems.push_back("trace record for a buffer that was never opened");
-    note(line);
+    note(line.str());
     errno = 77; // a debug print that reads errno again shows this one
 }
 
@@ -323,8 +310,7 @@ void verbose_printf_local(std::uint32_t category, const char *text, ...)
     va_start(arguments, text);
     const std::string line = format(text, arguments);
     va_end(arguments);
-    if (category != DBG_VS_KVS && category != DBG_VS_COMMON)
-        now.problems.push_back("unknown debug category");
+    expect(category == DBG_VS_KVS || category == DBG_VS_COMMON, "unknown debug category");
     note((category == DBG_VS_COMMON ? "print common " : "print ") + line);
 }
 
@@ -340,13 +326,10 @@ const char *fault_strerror(std::uint32_t status)
 std::uint32_t ringlog_init2(const char *name, std::uint32_t, std::uint32_t, std::uint32_t size_1,
                             std::uint32_t size_2, std::uint32_t, std::uint64_t *handle_p)
 {
-    if (is_over)
+    if (phase == is_over)
         std::abort();
-    if (!is_up)
-        return 0;
-    const std::uint32_t rc = enter("ringlog_init2");
-    note(std::string("buffer ") + name + " " + std::to_string(size_1) + " " +
-         std::to_string(size_2));
+    const std::uint32_t rc = enter("ringlog_init2 " + std::string(name) + ' ' +
+                                   std::to_string(size_1) + ' ' + std::to_string(size_2));
     if (rc == 0)
         *handle_p = std::strcmp(name, "install/vs/vs") == 0 ? common_buffer
                     : std::strstr(name, "/api")             ? api_buffer
@@ -378,11 +361,9 @@ std::uint32_t jobctl_get_jobctl_name(char *name, std::uint32_t size)
 
 std::uint32_t pinfo_get_name(std::uint32_t pid, char *name, std::uint32_t size)
 {
-    const std::uint32_t rc = enter("pinfo_get_name");
-    if (pid != static_cast<std::uint32_t>(getpid()))
-        now.problems.push_back("the name of another process");
+    const std::uint32_t rc = enter("pinfo_get_name " + std::to_string(pid));
     if (rc == 0)
-        std::snprintf(name, size, "%s", now.process_name.c_str());
+        std::snprintf(name, size, "/usr/bin/program");
     return rc;
 }
 
@@ -407,18 +388,17 @@ std::uint32_t kvs_init(const char *db_name, const kvs_appdesc *appdesc_p, std::u
                        kvs_hdl *hdl_p)
 {
     const kvs_appdesc &a = *appdesc_p;
-    if (a.key_count != 1 || a.key_policy || a.share_policy || a.flags || a.notify ||
-        a.notify_flags || a.context || a.mark != 0xEEEEEEEEEEEEEEEE)
-        now.problems.push_back("application descriptor not prepared");
-    const std::uint32_t rc = enter("kvs_init");
-    return rc == 0 ? bind(db_name, hdl_p) : rc;
+    expect(a.key_count == 1 && !a.key_policy && !a.share_policy && !a.flags && !a.notify &&
+               !a.notify_flags && !a.context && a.mark == 0xEEEEEEEEEEEEEEEE,
+           "application descriptor not prepared");
+    return bind("kvs_init", db_name, hdl_p);
 }
 
 std::uint32_t kvs_lookup_db_handle(const char *db_name, kvs_hdl *hdl_p)
 {
-    const std::uint32_t rc = enter("kvs_lookup_db_handle");
+    const std::uint32_t rc = bind("kvs_lookup_db_handle", db_name, hdl_p);
     errno = 76; // what the trace record of a failed lookup may carry
-    return rc == 0 ? bind(db_name, hdl_p) : rc;
+    return rc;
 }
 
 std::uint32_t kvs_find_objects(kvs_hdl hdl, const kvs_key_attr *keys_p, std::uint32_t key_count,
@@ -426,18 +406,18 @@ std::uint32_t kvs_find_objects(kvs_hdl hdl, const kvs_key_attr *keys_p, std::uin
                                std::uint32_t *count_p)
 {
     std::uint32_t rc = enter("kvs_find_objects");
-    if (rc == 0 && hdl == VS_KVS_HDL_UNSET)
+    expect(!*handles_pp && *count_p == 0 && flags == 0, "find with dirty out-parameters");
+    expect(key_count == 0 ||
+               (keys_p->key_len == 4 && !keys_p->key_flags[0] && !keys_p->key_flags[1]),
+           "malformed lookup descriptor");
+    const database *const records = find_database(hdl);
+    if (rc == 0 && !records)
         rc = KVS_RC_BAD_HDL;
-    if (*handles_pp || *count_p || flags)
-        now.problems.push_back("find with dirty out-parameters");
     std::vector<kvs_rec_hdl> found;
-    if (const database *const records = find_database(hdl))
-        for (const auto &record : *records)
-            if (key_count == 0 ||
-                (record.data.size() >= 4 && std::memcmp(keys_p->key_p, record.data.data(), 4) == 0))
-                found.push_back(record.handle);
-    if (key_count != 0 && (keys_p->key_len != 4 || keys_p->key_flags[0] || keys_p->key_flags[1]))
-        now.problems.push_back("malformed lookup descriptor");
+    for (const auto &record : records ? *records : database{})
+        if (key_count == 0 ||
+            (record.data.size() >= 4 && std::memcmp(keys_p->key_p, record.data.data(), 4) == 0))
+            found.push_back(record.handle);
     if (rc == 0 || now.array_on_failure) {
         *handles_pp = hand_out(found);
         *count_p = static_cast<std::uint32_t>(found.size());
@@ -447,10 +427,8 @@ std::uint32_t kvs_find_objects(kvs_hdl hdl, const kvs_key_attr *keys_p, std::uin
 
 std::uint32_t kvs_get_object_size(kvs_hdl hdl, const kvs_rec_hdl *rec_p, std::uint32_t *size_p)
 {
-    std::uint32_t rc = enter("kvs_get_object_size");
-    const stored_record *const record = find_record(hdl, rec_p);
-    if (rc == 0 && !record)
-        rc = KVS_RC_NO_SUCH_RECORD;
+    stored_record *record;
+    const std::uint32_t rc = enter("kvs_get_object_size", hdl, rec_p, record);
     if (rc == 0)
         *size_p =
             now.size != UINT32_MAX ? now.size : static_cast<std::uint32_t>(record->data.size());
@@ -460,17 +438,13 @@ std::uint32_t kvs_get_object_size(kvs_hdl hdl, const kvs_rec_hdl *rec_p, std::ui
 std::uint32_t kvs_read_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p, std::uint32_t offset,
                               void *buffer_p, std::uint32_t *length_p)
 {
-    std::uint32_t rc = enter("kvs_read_object");
-    const stored_record *const record = find_record(hdl, rec_p);
-    if (rc == 0 && !record)
-        rc = KVS_RC_NO_SUCH_RECORD;
-    if (offset != 0)
-        now.problems.push_back("read from an offset");
+    stored_record *record;
+    const std::uint32_t rc = enter("kvs_read_object", hdl, rec_p, record);
+    expect(offset == 0, "read from an offset");
     if (rc == 0) {
         const auto stored = static_cast<std::uint32_t>(record->data.size());
         *length_p = std::min({*length_p, stored, now.read_length});
-        if (*length_p != 0)
-            std::memcpy(buffer_p, record->data.data(), *length_p);
+        std::copy_n(record->data.begin(), *length_p, static_cast<std::uint8_t *>(buffer_p));
     }
     return rc;
 }
@@ -479,17 +453,14 @@ std::uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p, std::uint3
                                const kvs_data_desc *data_p, std::uint32_t data_count,
                                std::uint32_t *value_p, kvs_write_result *result_p)
 {
-    std::uint32_t rc = enter("kvs_write_object");
-    note("length " + std::to_string(data_p->data_len));
-    if (offset != 0 || data_count != 1 || *value_p != 0)
-        now.problems.push_back("malformed write");
-    stored_record *const record = find_record(hdl, rec_p);
-    if (rc == 0 && !record)
-        rc = KVS_RC_NO_SUCH_RECORD;
+    stored_record *record;
+    const std::uint32_t rc =
+        enter("kvs_write_object " + std::to_string(data_p->data_len), hdl, rec_p, record);
+    expect(offset == 0 && data_count == 1 && *value_p == 0, "malformed write");
     if (rc == 0) {
         record->data.resize(std::max<std::size_t>(record->data.size(), data_p->data_len));
-        if (data_p->data_len != 0)
-            std::memcpy(record->data.data(), data_p->data_p, data_p->data_len);
+        std::copy_n(static_cast<const std::uint8_t *>(data_p->data_p), data_p->data_len,
+                    record->data.begin());
         std::memset(result_p, 0xEE, sizeof *result_p);
         ++now.changes;
     }
@@ -502,12 +473,13 @@ std::uint32_t kvs_insert_object(kvs_hdl hdl, const kvs_data_desc *data_p, std::u
                                 kvs_rec_hdl *rec_p)
 {
     const std::uint32_t rc = enter("kvs_insert_object");
-    if (data_count != 1 || key_count != 1 || reserved_1 || reserved_2 || *rec_p != UINT64_MAX ||
-        keys_p->key_len != 4 || keys_p->key_offset != 0 || keys_p->key_flags[0])
-        now.problems.push_back("malformed insert");
+    expect(data_count == 1 && key_count == 1 && !reserved_1 && !reserved_2 &&
+               *rec_p == UINT64_MAX && keys_p->key_len == 4 && keys_p->key_offset == 0 &&
+               !keys_p->key_flags[0],
+           "malformed insert");
     database *const records = find_database(hdl);
     if (rc != 0 || !records)
-        return rc;
+        return rc != 0 ? rc : KVS_RC_BAD_HDL;
     const kvs_rec_hdl handle = 0x5000 + records->size();
     const auto *const from = static_cast<const std::uint8_t *>(data_p->data_p);
     records->push_back({handle, bytes(from, from + data_p->data_len)});
@@ -519,13 +491,11 @@ std::uint32_t kvs_insert_object(kvs_hdl hdl, const kvs_data_desc *data_p, std::u
 
 std::uint32_t kvs_delete_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p)
 {
-    std::uint32_t rc = enter("kvs_delete_object");
-    database *const records = find_database(hdl);
-    if (rc == 0 && records) {
-        const auto gone =
-            std::erase_if(*records, [&](const auto &r) { return r.handle == *rec_p; });
-        rc = gone == 1 ? 0 : KVS_RC_NO_SUCH_RECORD;
-        now.changes += rc == 0;
+    stored_record *record;
+    const std::uint32_t rc = enter("kvs_delete_object", hdl, rec_p, record);
+    if (rc == 0) {
+        std::erase_if(*find_database(hdl), [&](const auto &r) { return r.handle == *rec_p; });
+        ++now.changes;
     }
     return rc;
 }

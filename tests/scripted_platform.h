@@ -35,18 +35,16 @@ struct script {
     int calls = 0;         // fallible platform calls so far
     int fail_call = 0;     // the number of the call that fails; 0 for none
     int calls_to_fail = 1; // how many in a row, from that one on
-    std::uint32_t fail_status = 0;
-    std::size_t failed_at = 0; // how long the log was when the failure came
-    std::string failed;        // name of the call or allocation that was made to fail
-
+    std::uint32_t fail_status = 0xC6960999;
     int allocations = 0; // allocations of the library so far
     int fail_allocation = 0;
+    std::string troubled; // the call or allocation that was made to fail, or met another trouble
 
     int texts = 0;   // status texts that were asked for
     int changes = 0; // successful inserts, writes and deletions
 
     // Called before each call, which it may make different by changing the script.
-    std::function<void(const char *call, int number)> before;
+    std::function<void(const std::string &call, int number)> before;
 
     bool handle_unset = false;     // kvs_init and lookups succeed and give no handle
     bool arrays_missing = false;   // finds give a count without an array
@@ -58,7 +56,6 @@ struct script {
     int trylock_error = 0, lock_error = 0;
     std::uint32_t job_id = 7; // 0: not a job
     std::string job_name = "/usr/sbin/daemon";
-    std::string process_name = "/usr/bin/program";
 };
 
 extern script now;
@@ -66,18 +63,14 @@ extern script now;
 // A fresh script, and the library as it is when it has just been loaded.
 void reset();
 
-// Adds a record to a database, keyed or not.
-void put(const char *database, std::initializer_list<std::uint32_t> words,
-         std::size_t length = SIZE_MAX);
+// Adds a record to a database.
+void put(const char *database, const std::vector<std::uint32_t> &words);
+
+// The words of a live block.
+std::vector<std::uint32_t> content(void *block);
 
 // Blocks that the library allocated, or was handed by the store, and nobody has freed. A write
 // beyond the end of one of them is a problem.
 std::size_t live_blocks();
-
-// Counts and fails allocations while it lives.
-struct armed {
-    armed();
-    ~armed();
-};
 
 } // namespace scripted

@@ -18,17 +18,13 @@ constexpr const char *buffer_names[] = {"api", "errors", "common"};
 template <channel To, class... Facts>
 std::string sentence(const site<To, Facts...> &of)
 {
-    const char *const names[] = {Facts::name..., ""};
+    const char *const names[] = {Facts::name..., ""}, *const *name = names;
     std::string told;
-    unsigned fact = 0;
-    for (const char *at = of.text + (of.names_operation ? 4 : 0); *at != '\0'; ++at) {
-        if (*at != '%') {
+    for (const char *at = of.text + (of.names_operation ? 4 : 0); *at != '\0'; ++at)
+        if (*at != '%')
             told += *at;
-            continue;
-        }
-        told += '<' + std::string(names[fact++]) + '>';
-        ++at;
-    }
+        else
+            told += '<' + std::string(*name++) + '>', ++at;
     return told;
 }
 

@@ -161,8 +161,7 @@ std::uint32_t json_line::number_at(const std::string &path) const
 {
     const json &value = value_.at(json::json_pointer(path));
     if (!value.is_number_unsigned() || value.get<std::uint64_t>() > UINT32_MAX)
-        refuse(path,
-               path.substr(path.rfind('/') + 1) + " must be a whole number from 0 to 4294967295");
+        refuse(path, path.substr(1) + " must be a whole number from 0 to 4294967295");
     return value.get<std::uint32_t>();
 }
 
