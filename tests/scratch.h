@@ -1,18 +1,10 @@
-// What the tests of the platform share: a state directory of their own, and children to do harm in.
+// What the tests of the platform share: a state directory for each, and children that check.
 #pragma once
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
-#include <string>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
-namespace fs = std::filesystem;
+#include "state_dir.h"
 
 // A directory that lives as long as the test; its `state` is named to the platform.
 class scratch : public testing::Test {
@@ -34,32 +26,23 @@ protected:
     const fs::path root = make_root();
 };
 
-// Starts `work` in a forked child.
+// Starts `work` in a forked child, which exits with status 1 when a check failed.
 inline pid_t start_in_child(const std::function<void()> &work)
 {
-    const pid_t child = fork();
-    if (child == 0) {
+    return start([&] {
         work();
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    return child;
+        std::fflush(nullptr);
+        _exit(testing::Test::HasFailure());
+    });
 }
 
 // True when `work` came to its end in a child without a failed check.
 inline bool passes_in_child(const std::function<void()> &work)
 {
-    const pid_t child = start_in_child(work);
-    int outcome = -1;
-    return child > 0 && waitpid(child, &outcome, 0) == child && outcome == 0;
+    return finish(start_in_child(work)) == 0;
 }
 
 inline unsigned mode_of(const fs::path &path)
 {
     return static_cast<unsigned>(fs::status(path).permissions());
-}
-
-inline std::string content_of(const fs::path &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
 }

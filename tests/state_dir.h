@@ -1,5 +1,5 @@
-// For programs that do harm to a whole state directory: one of their own, from before the libraries
-// are loaded, and children to do the harm in.
+// For programs that do harm to a state directory: one of their own, from before the libraries are
+// loaded, and children to do the harm in.
 #pragma once
 
 #include <cerrno>
@@ -7,11 +7,19 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
+
+constexpr unsigned patience = 60; // seconds after which something is stuck
 
 // Ends the program with a line on standard error unless `fine`.
 inline void need(bool fine, const char *what, std::uint32_t status = 0)
@@ -75,4 +83,54 @@ template <class Work>
 int in_child(const Work &work)
 {
     return finish(start(work));
+}
+
+// Something that children share, filled with zeros.
+template <class T>
+T &shared()
+{
+    void *const memory = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE,
+                              MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    need(memory != MAP_FAILED, "memory to share");
+    return *static_cast<T *>(memory);
+}
+
+// Waits until something is so that a child or a thread is about to do. False when it never is.
+template <class Condition>
+bool comes(const Condition &is_so)
+{
+    const std::time_t end = std::time(nullptr) + patience;
+    while (!is_so() && std::time(nullptr) < end)
+        usleep(20);
+    return is_so();
+}
+
+inline std::string content_of(const fs::path &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// Of address space, in bytes.
+inline std::uint64_t memory_in_use() { return 4096 * std::stoull(content_of("/proc/self/statm")); }
+
+// Limits what this process may use, and returns what the limit was.
+inline rlim_t limit(__rlimit_resource what, rlim_t value)
+{
+    rlimit now{};
+    getrlimit(what, &now);
+    const rlimit next{value < now.rlim_max ? value : now.rlim_max, now.rlim_max};
+    need(setrlimit(what, &next) == 0, "setting a limit");
+    return now.rlim_cur;
+}
+
+// Whether a sanitizer or valgrind has the memory, so that allocations do not come to us and a limit
+// on memory is not borne.
+inline bool memory_is_taken()
+{
+#ifdef ALLOCATOR_IS_TAKEN
+    return true;
+#else
+    return content_of("/proc/self/maps").find("/valgrind/") != std::string::npos;
+#endif
 }

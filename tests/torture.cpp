@@ -21,33 +21,19 @@ const fs::path &root = own.path;
 
 namespace {
 
-std::uint32_t remove(unsigned db, std::uint32_t key)
+// Adds an element to a client list or a registration.
+std::uint32_t add_element(dice &roll, unsigned db, words &record, bool for_real)
 {
-    if (const auto erase = vskvs::databases[db]->erase; erase != nullptr)
-        return erase(key);
-    kvs_rec_hdl *handle = nullptr;
-    std::uint32_t status = vs_kvs_get_client_objects_reg_rec_hdl(key, &handle);
-    if (status == 0)
-        status = kvs_delete_object(g_kvs_hdl_vs_client_objects_reg_db, handle);
-    std::free(handle);
-    return status;
-}
-
-// Adds an element to a client list or a registration, or gives a client another process.
-std::uint32_t change_elements(dice &roll, unsigned db, words &record, bool is_new, bool for_real)
-{
-    const vskvs::shape &shape = vskvs::databases[db]->shape;
-    const std::size_t at = shape.length(is_new ? record[1] : roll.below(record[1]));
-    record.resize(std::max(record.size(), at + shape.element_words()));
-    for (std::size_t i = is_new ? 0 : 1; i < shape.element_words(); ++i)
-        record[at + i] = roll() | 1;
-    record[1] += is_new;
+    const std::size_t at = record.size();
+    record.resize(vskvs::databases[db]->shape.length(++record[1]));
+    for (std::size_t i = at; i < record.size(); ++i)
+        record[i] = roll() | 1;
     if (!for_real)
         return 0;
     if (db == 2)
         return vs_kvs_add_new_client_objects_reg_object(record[0], record[at]);
-    const auto change = is_new ? vs_kvs_add_new_client_info : vs_kvs_update_client_info;
-    return change(record[0], reinterpret_cast<const vs_client_info_entry *>(&record[at]));
+    const auto *const client = reinterpret_cast<const vs_client_info_entry *>(&record[at]);
+    return vs_kvs_add_new_client_info(record[0], client);
 }
 
 std::uint32_t change_one(dice &roll, std::uint32_t first_key, contents &all, bool for_real)
@@ -57,14 +43,14 @@ std::uint32_t change_one(dice &roll, std::uint32_t first_key, contents &all, boo
     const auto at = all.find({db, key});
     if (at == all.end()) // and now and then with pages of its own
         return insert(roll, db, key, roll.below(action == 0 ? 1000 : 12), all, for_real);
-    words &record = at->second;
-    if (action == 0) {
+    const auto erase = vskvs::databases[db]->erase;
+    if (action == 0 && erase != nullptr) {
         all.erase(at);
-        return for_real ? remove(db, key) : 0;
+        return for_real ? erase(key) : 0;
     }
+    words &record = at->second;
     if (db != 0)
-        return change_elements(roll, db, record, db == 2 || action != 1 || record[1] == 0,
-                               for_real);
+        return add_element(roll, db, record, for_real);
     record[1] = roll();
     return for_real ? vs_kvs_update_vs_object_selected_version(key, record[1]) : 0;
 }
@@ -128,19 +114,7 @@ contents stored()
 
 finding judge(const contents &found, const contents &before, const contents &after)
 {
-    if (found == before || found == after)
-        return found == before ? finding::before : finding::after;
-    contents keys = found;
-    keys.insert(before.begin(), before.end());
-    keys.insert(after.begin(), after.end());
-    const auto in = [](const contents &all, const auto &key) {
-        const auto at = all.find(key);
-        return at != all.end() ? at->second : words{};
-    };
-    for (const auto &[key, ignored] : keys)
-        if (in(before, key) == in(after, key) && in(before, key) != in(found, key))
-            return finding::lost;
-    return finding::torn; // nothing but what the change in flight touches is wrong
+    return found == before ? finding::before : found == after ? finding::after : finding::wrong;
 }
 
 fs::path use_new_state(const char *name)

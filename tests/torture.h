@@ -3,7 +3,6 @@
 #pragma once
 
 #include <map>
-#include <sys/mman.h>
 #include <utility>
 
 #include "state_dir.h"
@@ -34,25 +33,13 @@ void open_databases();
 contents stored();
 
 // What came of a change that may be in flight.
-enum class finding { before, after, lost, torn };
+enum class finding { before, after, wrong };
 finding judge(const contents &found, const contents &before, const contents &after);
-
-constexpr unsigned patience = 60; // seconds after which something is stuck
 
 extern const fs::path &root; // of all state directories
 fs::path use_new_state(const char *name);
 
 void show_progress(const char *what, unsigned done, unsigned total);
-
-// Something that children share, filled with zeros.
-template <class T>
-T &shared()
-{
-    void *const memory = mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE,
-                              MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    need(memory != MAP_FAILED, "memory to share");
-    return *static_cast<T *>(memory);
-}
 
 // Each prints a summary, and returns whether all is well.
 bool kills(unsigned count, std::uint64_t seed);

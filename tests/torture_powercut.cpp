@@ -4,14 +4,12 @@
 // file, with the changes between them. From the record it makes files as a disk might hold them
 // after a cut at some point: what was synced is there, and of what was not any part, cut up in
 // sectors, in any order. A write through a descriptor opened with O_DSYNC counts as synced once it
-// has returned. Each file must open with every change acknowledged before the cut.
+// has returned. Each file must open with every change acknowledged before the cut, which are all
+// but the last one started.
 #include "torture.h"
 
 #include <algorithm>
 #include <fcntl.h>
-#include <fstream>
-#include <iterator>
-#include <string>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -19,80 +17,58 @@
 namespace torture {
 namespace {
 
-enum class what : std::uint32_t {
-    start,
-    acknowledge,
-    write,
-    return_synced,
-    sync,
-    rename,
-    sync_names
-};
+enum class what { start, write, return_synced, sync, rename, sync_names };
 
-// On the tape, with the bytes of a write behind it.
 struct event {
     what kind;
-    std::uint32_t length;
-    std::uint64_t offset;
-
-    const unsigned char *bytes() const { return reinterpret_cast<const unsigned char *>(this + 1); }
-    const event *next() const
-    {
-        return reinterpret_cast<const event *>(bytes() + (length + 7) / 8 * 8);
-    }
+    std::size_t offset;     // of a write
+    std::size_t first, end; // of its bytes, among all that were written
 };
 
 struct recording {
-    std::size_t used;
     unsigned count;
-    alignas(event) unsigned char bytes[256 << 20];
-
-    const event *begin() const { return reinterpret_cast<const event *>(bytes); }
+    event events[1 << 16];
+    char bytes[256 << 20];
 };
 
-recording *tape = nullptr; // in the process that records
+recording *tape = nullptr;
+bool is_recording = false; // in this process
 
-void record(what kind, std::uint64_t offset = 0, const iovec *parts = nullptr, int count = 0)
+const event &record(what kind, off_t offset = 0, const iovec *parts = nullptr, int count = 0)
 {
-    event it{kind, 0, offset};
-    unsigned char *const at = tape->bytes + tape->used;
-    for (int i = 0; i < count; ++i) {
-        need(tape->used + it.length + parts[i].iov_len + 64 < sizeof tape->bytes, "room to record");
-        std::memcpy(at + sizeof it + it.length, parts[i].iov_base, parts[i].iov_len);
-        it.length += static_cast<std::uint32_t>(parts[i].iov_len);
+    const std::size_t first = tape->count != 0 ? tape->events[tape->count - 1].end : 0;
+    need(tape->count < std::size(tape->events), "room to record");
+    event &it = tape->events[tape->count++];
+    it = {kind, static_cast<std::size_t>(offset), first, first};
+    for (const iovec &part : std::span(parts, static_cast<std::size_t>(count))) {
+        need(part.iov_len <= sizeof tape->bytes - it.end, "room to record");
+        std::memcpy(tape->bytes + it.end, part.iov_base, part.iov_len);
+        it.end += part.iov_len;
     }
-    std::memcpy(at, &it, sizeof it);
-    tape->used += sizeof it + (it.length + 7) / 8 * 8;
-    ++tape->count;
+    return it;
 }
 
-bool leads_to(int fd, const std::string &path)
+// Whether this is the file with the name in the state directory, which is its own for no name.
+bool leads_to(int fd, const char *name)
 {
-    char link[4096];
-    const ssize_t length =
-        readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), link, sizeof link);
-    return length > 0 && path.compare(0, path.npos, link, static_cast<std::size_t>(length)) == 0;
+    std::error_code none;
+    return fs::read_symlink("/proc/self/fd/" + std::to_string(fd), none) ==
+           std::getenv("VS_STATE_DIR") + std::string(name);
 }
 
-bool is_data(int fd)
+bool is_recorded(int fd)
 {
-    if (tape == nullptr)
-        return false;
-    const std::string data = std::getenv("VS_STATE_DIR") + std::string("/store.mdb");
-    return leads_to(fd, data) || leads_to(fd, data + ".new");
+    return is_recording && (leads_to(fd, "/store.mdb") || leads_to(fd, "/store.mdb.new"));
 }
 
 template <class Call>
 ssize_t record_write(int fd, off_t offset, const iovec *parts, int count, const Call &call)
 {
-    if (!is_data(fd))
+    if (!is_recorded(fd))
         return call();
-    record(what::write, static_cast<std::uint64_t>(offset), parts, count);
+    const event &it = record(what::write, offset, parts, count);
     const ssize_t written = call();
-    std::size_t whole = 0;
-    for (int i = 0; i < count; ++i)
-        whole += parts[i].iov_len;
-    need(written == static_cast<ssize_t>(whole), "a whole write");
+    need(written == static_cast<ssize_t>(it.end - it.first), "a whole write");
     if ((fcntl(fd, F_GETFL) & O_DSYNC) != 0)
         record(what::return_synced);
     return written;
@@ -101,9 +77,9 @@ ssize_t record_write(int fd, off_t offset, const iovec *parts, int count, const 
 int record_sync(int fd, long number)
 {
     const auto result = static_cast<int>(syscall(number, fd));
-    if (is_data(fd))
+    if (is_recorded(fd))
         record(what::sync);
-    else if (tape != nullptr && leads_to(fd, std::getenv("VS_STATE_DIR")))
+    else if (is_recording && leads_to(fd, ""))
         record(what::sync_names);
     return result;
 }
@@ -132,7 +108,7 @@ int fsync(int fd) { return torture::record_sync(fd, SYS_fsync); }
 
 int renameat(int from_dir, const char *from, int to_dir, const char *to) noexcept
 {
-    if (torture::tape != nullptr && std::strcmp(to, "store.mdb") == 0)
+    if (torture::is_recording && std::strcmp(to, "store.mdb") == 0)
         torture::record(torture::what::rename);
     return static_cast<int>(syscall(SYS_renameat, from_dir, from, to_dir, to));
 }
@@ -141,13 +117,7 @@ int renameat(int from_dir, const char *from, int to_dir, const char *to) noexcep
 namespace torture {
 namespace {
 
-using file = std::vector<unsigned char>;
-
-void put(file &to, const event &write, std::uint64_t from, std::uint64_t end)
-{
-    to.resize(std::max<std::size_t>(to.size(), end));
-    std::memcpy(&to[from], write.bytes() + (from - write.offset), end - from);
-}
+using file = std::string; // its bytes
 
 // The disk at one point of the recording.
 class disk {
@@ -170,28 +140,31 @@ public:
     {
         file result = file_;
         for (const auto &[write, synced] : pending_)
-            put(result, *write, write->offset, write->offset + write->length);
+            put(result, *write, write->first, write->end);
         return result;
     }
 
-    // What a cut leaves of the file, and its name.
-    file after_cut(dice &roll, std::string &name) const
+    // What a cut leaves of the file.
+    file after_cut(dice &roll) const
     {
-        const std::uint64_t sector = roll.below(2) == 0 ? 512 : 4096;
+        const std::size_t sector = roll.below(2) == 0 ? 512 : 4096;
         const std::uint32_t shares[] = {0, 5, 50, 95, 100}, share = shares[roll.below(5)];
         file result = file_;
         if (roll.below(2) == 0) // the length may be there and the bytes not
             result.resize(everything().size());
-        for (const auto &[write, synced] : pending_) {
-            const std::uint64_t end = write->offset + write->length;
-            for (std::uint64_t at = write->offset, stop; at < end; at = stop) {
-                stop = std::min((at / sector + 1) * sector, end);
+        for (const auto &[write, synced] : pending_)
+            for (std::size_t from = write->first, end; from < write->end; from = end) {
+                end = std::min(from + sector - (write->offset + from - write->first) % sector,
+                               write->end);
                 if (synced || roll.below(100) < share)
-                    put(result, *write, at, stop);
+                    put(result, *write, from, end);
             }
-        }
-        name = name_synced_ || (renamed_ && roll.below(2) == 0) ? "store.mdb" : "store.mdb.new";
         return result;
+    }
+
+    const char *name_after_cut(dice &roll) const
+    {
+        return name_synced_ || (renamed_ && roll.below(2) == 0) ? "store.mdb" : "store.mdb.new";
     }
 
 private:
@@ -199,6 +172,13 @@ private:
         const event *write;
         bool synced;
     };
+
+    static void put(file &to, const event &write, std::size_t from, std::size_t end)
+    {
+        const std::size_t at = write.offset + from - write.first;
+        to.resize(std::max(to.size(), at + end - from));
+        to.replace(at, end - from, tape->bytes + from, end - from);
+    }
 
     file file_; // what is there for sure
     std::vector<pending_write> pending_;
@@ -208,48 +188,40 @@ private:
 constexpr unsigned changes_of_a_session = 60, states_of_a_session = 100;
 constexpr std::uint32_t first_key = 1;
 
-void make_session(recording &session, std::uint64_t seed)
+void record_session(std::uint64_t seed)
 {
-    session.used = session.count = 0;
+    tape->count = 0;
     const fs::path state = use_new_state("recorded");
     const int status = in_child([&] {
-        tape = &session;
+        is_recording = true;
         contents all;
         open_databases();
         for (unsigned i = 0; i < changes_of_a_session; ++i) {
             record(what::start);
             need(change(seed + i, first_key, all, true) == 0, "changing");
-            record(what::acknowledge);
         }
     });
     disk replayed;
-    const event *it = session.begin();
-    for (unsigned i = 0; i < session.count; ++i, it = it->next())
-        replayed.take(*it);
-    std::ifstream from(state / "store.mdb", std::ios::binary);
-    need(status == 0 && replayed.everything() == file(std::istreambuf_iterator<char>(from), {}),
+    for (unsigned i = 0; i < tape->count; ++i)
+        replayed.take(tape->events[i]);
+    need(status == 0 && replayed.everything() == content_of(state / "store.mdb"),
          "the recording makes the file that the engine made");
 }
 
 // Looks at the store after a cut, in a process of its own, and goes on with it.
-[[noreturn]] void try_out(const fs::path &state, const file &data, const std::string &name,
-                          dice roll, const contents &before, const contents &after)
+[[noreturn]] void try_out(const fs::path &state, const disk &now, dice roll, const contents &before,
+                          const contents &after)
 {
     alarm(patience);
-    const auto write = [&](const std::string &to, const file &bytes) {
-        std::ofstream(state / to, std::ios::binary)
-            .write(reinterpret_cast<const char *>(bytes.data()),
-                   static_cast<std::streamsize>(bytes.size()));
-    };
     for (const char *const old : {"store.mdb", "store.mdb.new", "store.mdb-lock"})
         fs::remove(state / old);
-    write(name, data);
+    std::ofstream(state / now.name_after_cut(roll), std::ios::binary) << now.after_cut(roll);
     if (roll.below(2) == 0) // the lock file is never synced
-        write("store.mdb-lock", file(roll.below(2) * 65536));
+        std::ofstream(state / "store.mdb-lock") << file(roll.below(2) * 65536, '\0');
     open_databases();
     contents found = stored();
     const finding result = judge(found, before, after);
-    if (result == finding::before || result == finding::after) {
+    if (result != finding::wrong) {
         need(change(roll(), first_key, found, true) == 0, "a change after the cut");
         need(stored() == found, "the contents after one more change");
     }
@@ -260,50 +232,44 @@ void make_session(recording &session, std::uint64_t seed)
 
 bool powercut(unsigned states, std::uint64_t seed)
 {
-    auto &session = shared<recording>();
+    tape = &shared<recording>();
     setenv("VS_JOB_ID", "1", 1); // so that all share their trace buffers
     umask(077);
     dice roll{seed};
-    unsigned done = 0, came_to[4] = {}, failed = 0;
-    const auto all_well = [&] { return came_to[2] + came_to[3] + failed == 0; };
-    while (done < states && all_well()) {
+    unsigned done = 0, without = 0, with = 0;
+    while (done < states && done == without + with) {
         const std::uint64_t change_seed = std::uint64_t{roll()} << 32;
-        make_session(session, change_seed);
+        record_session(change_seed);
         const fs::path state = use_new_state("replayed");
         fs::create_directory(state);
         std::vector<unsigned> cuts(std::min(states_of_a_session, states - done));
         for (unsigned &cut : cuts)
-            cut = roll.below(session.count + 1);
+            cut = roll.below(tape->count + 1);
         std::sort(cuts.begin(), cuts.end());
 
         disk now;
         contents before, after;
-        const event *it = session.begin();
         unsigned changes = 0, passed = 0;
         for (const unsigned cut : cuts) {
-            if (!all_well())
-                break;
-            for (; passed < cut; ++passed, it = it->next()) {
-                now.take(*it);
-                if (it->kind == what::start)
-                    change(change_seed + changes++, first_key, after, false);
-                else if (it->kind == what::acknowledge)
+            for (; passed < cut; ++passed) {
+                now.take(tape->events[passed]);
+                if (tape->events[passed].kind == what::start) {
                     before = after;
+                    change(change_seed + changes++, first_key, after, false);
+                }
             }
-            std::string name;
-            const file data = now.after_cut(roll, name);
-            const int status =
-                in_child([&] { try_out(state, data, name, {roll()}, before, after); });
-            status >= 10 && status < 14 ? ++came_to[status - 10] : ++failed;
+            const dice its{roll()}; // rolled here: a child's rolls are not ours
+            const int status = in_child([&] { try_out(state, now, its, before, after); });
+            without += status == 10 + static_cast<int>(finding::before);
+            with += status == 10 + static_cast<int>(finding::after);
             show_progress("powercut", ++done, states);
         }
     }
     std::printf(
         "torture powercut: %u states, %u without and %u with the change in flight, %u lost, "
-        "%u torn, %u failed (seed %llu)\n",
-        done, came_to[0], came_to[1], came_to[2], came_to[3], failed,
-        static_cast<unsigned long long>(seed));
-    return all_well();
+        "torn or failed (seed %llu)\n",
+        done, without, with, done - without - with, static_cast<unsigned long long>(seed));
+    return done == without + with;
 }
 
 } // namespace torture
