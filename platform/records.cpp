@@ -14,7 +14,7 @@ namespace {
 constexpr uint32_t first_generation = 1;
 constexpr uint32_t no_generation_left = UINT32_MAX;
 
-constexpr unsigned longest_run = 64;
+constexpr unsigned longest_run = 256;
 
 MDB_val as_value(const void *data, size_t length) { return {length, const_cast<void *>(data)}; }
 
@@ -170,8 +170,8 @@ int reader::begin()
     return code;
 }
 
-// Prepares the window for a record just read; all ones when it is not to go there. A listing asks for
-// each record once, and needs no more of the window than a run.
+// Prepares the window for a record just read; all ones when it is not to go there. A listing asks
+// for each record once, and needs no more of the window than a run.
 uint32_t reader::start_run(const stored_record &record, bool may_grow)
 {
     if (in_batch_ || record.length > record_window::longest_record)
