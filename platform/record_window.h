@@ -12,7 +12,6 @@
 #include <cstdint>
 #include <cstring>
 #include <sys/mman.h>
-#include <utility>
 
 namespace platform {
 
@@ -86,8 +85,8 @@ public:
         return find(database, key_of(handle), record);
     }
 
-    // Makes room for one record of any length up to the longest. When it must, it drops all others,
-    // or, when most of those would still be found and the window `may_grow`, takes more memory.
+    // Makes room for one record of any length up to the longest. When it must, it takes more memory,
+    // if the window `may_grow` and most of what it holds would still be found; else it drops it all.
     // Returns where the room starts, or all ones when there is no memory for a window.
     uint32_t start_run(bool may_grow)
     {
@@ -106,23 +105,16 @@ public:
     // would push out another record of the same run.
     bool add(uint32_t database, stored_record *record, uint32_t run_start)
     {
-        const uint32_t size = size_of(record->length);
-        size_t place = place_of(database, key_of(record->handle));
-        if (is_live(place))
-            place ^= 1;
-        const bool replaces = is_live(place);
-        if (size > arena_size() - used_ ||
-            (replaces && offset_in(places()[place]) >= run_start))
+        const size_t place = free_place(database, key_of(record->handle));
+        if (size_of(record->length) > arena_size() - used_ ||
+            (is_live(place) && offset_in(places()[place]) >= run_start))
             return false;
         copy &it = *copy_at(used_);
         it = {record->handle, database, record->length};
         auto *const bytes = reinterpret_cast<unsigned char *>(&it + 1);
         memcpy(bytes, record->bytes, record->length);
         record->bytes = bytes;
-        places()[place] = turn_ << offset_bits | used_ / granule;
-        used_ += size;
-        ++added_;
-        found_ += replaces ? 0 : 1;
+        put_into(place, it);
         return true;
     }
 
@@ -196,6 +188,23 @@ private:
             madvise(reinterpret_cast<void *>(start), end - start, MADV_HUGEPAGE);
     }
 
+    // The first of a record's places, or the second when the first is taken.
+    [[nodiscard]] size_t free_place(uint32_t database, uint32_t key) const
+    {
+        const size_t first = place_of(database, key);
+        return is_live(first) ? first ^ 1 : first;
+    }
+
+    // Counts the copy that begins where the used part of the arena ends, and notes where it is.
+    void put_into(size_t place, const copy &it)
+    {
+        ++added_;
+        found_ += is_live(place) ? 0 : 1;
+        places()[place] = turn_ << offset_bits | used_ / granule;
+        used_ += size_of(it.length);
+    }
+
+    // Moves to memory of this level, with all that is there.
     bool allocate(unsigned level)
     {
         const size_t table = sizeof(uint64_t) << (first_place_bits + 2 * level);
@@ -204,9 +213,17 @@ private:
         if (!memory)
             return false;
         ask_for_huge_pages(memory.get(), table + arena);
-        memory_ = std::move(memory);
+        const size_t old_table = sizeof(uint64_t) << place_bits();
+        const uint32_t old_used = used_;
+        memory_.swap(memory);
         level_ = level;
         forget();
+        if (old_used != 0)
+            memcpy(copy_at(0), memory.get() + old_table, old_used);
+        while (used_ < old_used) {
+            const copy &it = *copy_at(used_);
+            put_into(free_place(it.database, key_of(it.handle)), it);
+        }
         return true;
     }
 
