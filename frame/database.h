@@ -136,11 +136,9 @@ std::uint32_t fetch(const kvs_rec_hdl &handle, std::uint32_t length,
 {
     block<typename Db::record> room;
     if (length != 0) {
-        // calloc would pass by the thread's cache of small blocks.
-        room.reset(static_cast<typename Db::record *>(std::malloc(length)));
+        room.reset(static_cast<typename Db::record *>(std::calloc(1, length)));
         if (!room)
             return no_memory<S>(length, S::block_label);
-        std::memset(static_cast<void *>(room.get()), 0, length);
     }
     if constexpr (requires { S::before_read; })
         report<S>(S::before_read, record_length{length}, address<"record">{room.get()});
