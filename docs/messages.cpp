@@ -1,5 +1,5 @@
 // Prints docs/messages.md: the trace messages as the reporting sites have them. A test compares the
-// two; after a change of the sites, write the page anew with `trace_catalogue > docs/messages.md`.
+// two; after a change of the sites, write the page anew with `messages_page > docs/messages.md`.
 #include <cinttypes>
 #include <cstdio>
 #include <string>
