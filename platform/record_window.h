@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstring>
 #include <sys/mman.h>
+#include <utility>
 
 namespace platform {
 
@@ -56,12 +57,9 @@ public:
     {
         if (!memory_)
             return false;
-        const size_t first = place_of(database, key);
-        for (const size_t place : {first, first ^ 1}) {
-            const uint64_t entry = places()[place];
-            if (entry >> offset_bits != turn_)
-                continue;
-            const copy &it = *copy_at(offset_in(entry));
+        const size_t first = first_place(database, key);
+        for (size_t place = first; place != first + ways && is_live(place); ++place) {
+            const copy &it = *copy_at(offset_in(place));
             if (it.database == database && key_of(it.handle) == key) {
                 take(it, record);
                 return true;
@@ -85,9 +83,10 @@ public:
         return find(database, key_of(handle), record);
     }
 
-    // Makes room for one record of any length up to the longest. When it must, it takes more memory,
-    // if the window `may_grow` and most of what it holds would still be found; else it drops it all.
-    // Returns where the room starts, or all ones when there is no memory for a window.
+    // Makes room for one record of any length up to the longest. When it must, it takes more
+    // memory, if the window `may_grow` and most of what it holds would still be found; else it
+    // drops it all. Returns where the room starts, or all ones when there is no memory for a
+    // window.
     uint32_t start_run(bool may_grow)
     {
         if (!memory_ && !allocate(0))
@@ -105,9 +104,9 @@ public:
     // would push out another record of the same run.
     bool add(uint32_t database, stored_record *record, uint32_t run_start)
     {
-        const size_t place = free_place(database, key_of(record->handle));
+        const size_t place = place_for(database, key_of(record->handle));
         if (size_of(record->length) > arena_size() - used_ ||
-            (is_live(place) && offset_in(places()[place]) >= run_start))
+            (is_live(place) && offset_in(place) >= run_start))
             return false;
         copy &it = *copy_at(used_);
         it = {record->handle, database, record->length};
@@ -122,6 +121,7 @@ private:
     // A window has 4096 places and an arena of 256 KB at first, and four times as much at each
     // higher level.
     static constexpr unsigned first_place_bits = 12, highest_level = 3;
+    static constexpr size_t ways = 4; // places that a record may have, one after the other
     static constexpr uint32_t first_arena_size = 4 * longest_record;
 
     static constexpr uint32_t granule = 16;
@@ -153,29 +153,29 @@ private:
 
     // A place holds the turn in which it was filled and the offset of its record. The turn of a
     // place that was never used is 0.
-    [[nodiscard]] uint64_t *places() const { return reinterpret_cast<uint64_t *>(memory_.get()); }
     [[nodiscard]] bool is_live(size_t place) const
     {
-        return places()[place] >> offset_bits == turn_;
+        return places_[place] >> offset_bits == turn_;
     }
-    static uint32_t offset_in(uint64_t entry)
+    [[nodiscard]] uint32_t offset_in(size_t place) const
     {
-        return static_cast<uint32_t>(entry & ((1u << offset_bits) - 1)) * granule;
+        return static_cast<uint32_t>(places_[place] & ((1u << offset_bits) - 1)) * granule;
     }
     [[nodiscard]] copy *copy_at(uint32_t offset) const
     {
-        return reinterpret_cast<copy *>(memory_.get() + (sizeof(uint64_t) << place_bits()) +
-                                        offset);
+        auto *const arena =
+            reinterpret_cast<unsigned char *>(places_ + (size_t{1} << place_bits()));
+        return reinterpret_cast<copy *>(arena + offset);
     }
 
-    // A record has two places, this one and its neighbour. Keys may be any sequence, multiples of a
-    // large number too, so all their bits are mixed.
-    [[nodiscard]] size_t place_of(uint32_t database, uint32_t key) const
+    // Keys may be any sequence, multiples of a large number too, so all their bits are mixed.
+    [[nodiscard]] size_t first_place(uint32_t database, uint32_t key) const
     {
         uint32_t mixed = key + database;
         mixed = (mixed ^ mixed >> 16) * 0x7FEB352Du;
         mixed = (mixed ^ mixed >> 15) * 0x846CA68Bu;
-        return (mixed ^ mixed >> 16) & ((1u << place_bits()) - 1);
+        mixed ^= mixed >> 16;
+        return mixed % (1u << place_bits()) / ways * ways;
     }
 
     // With small pages half of what a find in a large window takes is the way to the page.
@@ -188,11 +188,14 @@ private:
             madvise(reinterpret_cast<void *>(start), end - start, MADV_HUGEPAGE);
     }
 
-    // The first of a record's places, or the second when the first is taken.
-    [[nodiscard]] size_t free_place(uint32_t database, uint32_t key) const
+    // The first of a record's places that is free, or the one that it takes from another record.
+    [[nodiscard]] size_t place_for(uint32_t database, uint32_t key) const
     {
-        const size_t first = place_of(database, key);
-        return is_live(first) ? first ^ 1 : first;
+        const size_t first = first_place(database, key);
+        for (size_t place = first; place != first + ways; ++place)
+            if (!is_live(place))
+                return place;
+        return first + added_ % ways;
     }
 
     // Counts the copy that begins where the used part of the arena ends, and notes where it is.
@@ -200,30 +203,33 @@ private:
     {
         ++added_;
         found_ += is_live(place) ? 0 : 1;
-        places()[place] = turn_ << offset_bits | used_ / granule;
+        places_[place] = turn_ << offset_bits | used_ / granule;
         used_ += size_of(it.length);
     }
 
     // Moves to memory of this level, with all that is there.
     bool allocate(unsigned level)
     {
+        constexpr size_t line = 64; // in which all places of a record are to be
         const size_t table = sizeof(uint64_t) << (first_place_bits + 2 * level);
-        const size_t arena = size_t{first_arena_size} << 2 * level;
-        block<unsigned char> memory(static_cast<unsigned char *>(calloc(1, table + arena)));
+        const size_t size = line + table + (size_t{first_arena_size} << 2 * level);
+        block<unsigned char> memory(static_cast<unsigned char *>(calloc(1, size)));
         if (!memory)
             return false;
-        ask_for_huge_pages(memory.get(), table + arena);
-        const size_t old_table = sizeof(uint64_t) << place_bits();
+        ask_for_huge_pages(memory.get(), size);
+        const copy *const old = memory_ ? copy_at(0) : nullptr;
         const uint32_t old_used = used_;
-        memory_.swap(memory);
+        const auto start = reinterpret_cast<uintptr_t>(memory.get());
+        places_ = reinterpret_cast<uint64_t *>(memory.get() + -start % line);
         level_ = level;
         forget();
         if (old_used != 0)
-            memcpy(copy_at(0), memory.get() + old_table, old_used);
+            memcpy(static_cast<void *>(copy_at(0)), old, old_used);
         while (used_ < old_used) {
             const copy &it = *copy_at(used_);
-            put_into(free_place(it.database, key_of(it.handle)), it);
+            put_into(place_for(it.database, key_of(it.handle)), it);
         }
+        memory_ = std::move(memory);
         return true;
     }
 
@@ -234,6 +240,7 @@ private:
     }
 
     block<unsigned char> memory_;
+    uint64_t *places_ = nullptr; // in the memory, and behind them the arena
     const void *store_ = nullptr;
     uint64_t moment_ = 0;
     uint64_t turn_ = 1;

@@ -663,7 +663,7 @@ TEST(window, hands_out_what_was_put_there_at_this_moment)
             ASSERT_EQ(std::string(found, record.length), bytes);
             ASSERT_FALSE(window.find_near(database ^ 1, handle, &record));
         }
-        EXPECT_GT(hits, 200'000u); // it has grown to hold most of them
+        EXPECT_GT(hits, 275'000u); // all but the first finds of 20,000
     }
 }
 
