@@ -220,9 +220,10 @@ void store_record(const open_buffer &buffer, uint64_t n, uint64_t *words, uint32
 
     uint64_t *const slot = slot_of(buffer, n);
     const std::atomic_ref claim(slot[word_claim]);
-    claim.exchange(claim_writing(n), std::memory_order_acq_rel);
+    claim.store(claim_writing(n), std::memory_order_relaxed);
+    // Released each, so that nobody who sees one of them misses the claim.
     for (uint32_t i = word_checksum; i < used; ++i)
-        std::atomic_ref(slot[i]).store(words[i], std::memory_order_relaxed);
+        std::atomic_ref(slot[i]).store(words[i], std::memory_order_release);
     uint64_t expected = claim_writing(n);
     claim.compare_exchange_strong(expected, claim_complete(n), std::memory_order_release,
                                   std::memory_order_relaxed);
