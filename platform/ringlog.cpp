@@ -224,9 +224,10 @@ void store_record(const open_buffer &buffer, uint64_t n, uint64_t *words, uint32
     // Released each, so that nobody who sees one of them misses the claim.
     for (uint32_t i = word_checksum; i < used; ++i)
         std::atomic_ref(slot[i]).store(words[i], std::memory_order_release);
-    uint64_t expected = claim_writing(n);
-    claim.compare_exchange_strong(expected, claim_complete(n), std::memory_order_release,
-                                  std::memory_order_relaxed);
+    // A writer that slept while the others went once round has lost its slot. Should it lose it at
+    // this very moment, the checksum tells that the record under its number is not whole.
+    if (claim.load(std::memory_order_relaxed) == claim_writing(n))
+        claim.store(claim_complete(n), std::memory_order_release);
 }
 
 } // namespace
