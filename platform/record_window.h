@@ -47,6 +47,7 @@ public:
             return;
         store_ = store;
         moment_ = moment;
+        is_futile_ = false;
         forget();
     }
 
@@ -61,6 +62,7 @@ public:
         for (size_t place = first; place != first + ways && is_live(place); ++place) {
             const copy &it = *copy_at(offset_in(place));
             if (it.database == database && key_of(it.handle) == key) {
+                ++hits_;
                 take(it, record);
                 return true;
             }
@@ -92,8 +94,10 @@ public:
         if (!memory_ && !allocate(0))
             return UINT32_MAX;
         if (arena_size() - used_ < sizeof(copy) + longest_record) {
-            const bool is_too_small = 2 * found_ > added_ && level_ != highest_level;
-            if (!may_grow || !is_too_small || !allocate(level_ + 1))
+            if (level_ == highest_level && 2 * hits_ < added_)
+                give_up();
+            else if (!may_grow || is_futile_ || level_ == highest_level || 2 * found_ < added_ ||
+                     !allocate(level_ + 1))
                 forget();
         }
         last_ = used_;
@@ -233,9 +237,18 @@ private:
         return true;
     }
 
+    // Even the largest window is too small for what is read, and would only be in the way.
+    void give_up()
+    {
+        used_ = 0;
+        if (!allocate(0))
+            forget();
+        is_futile_ = true;
+    }
+
     void forget()
     {
-        used_ = added_ = found_ = last_ = 0;
+        used_ = added_ = found_ = hits_ = last_ = 0;
         ++turn_;
     }
 
@@ -249,6 +262,8 @@ private:
     uint32_t last_ = 0;  // offset of the record that was taken last
     uint32_t added_ = 0; // records since the window was last empty, and those of them in places
     uint32_t found_ = 0;
+    uint32_t hits_ = 0;      // in the same time
+    bool is_futile_ = false; // at this moment
 };
 
 } // namespace platform

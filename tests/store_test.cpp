@@ -640,11 +640,12 @@ TEST(window, hands_out_what_was_put_there_at_this_moment)
         return bytes;
     };
     for (const std::uint64_t moment : {1, 2, 3}) {
+        const std::uint32_t keys = moment == 2 ? 2'000'000 : 20'000; // the many it cannot hold
         const auto generation = static_cast<std::uint32_t>(moment);
         window.turn_to(&window, moment);
         unsigned hits = 0;
         for (unsigned i = 0; i < 300'000; ++i) {
-            const auto key = static_cast<std::uint32_t>(roll() % 20'000 * 2654435761u);
+            const auto key = static_cast<std::uint32_t>(roll() % keys * 2654435761u);
             const std::uint32_t database = key >> 8 & 1;
             std::string bytes = bytes_of(database, key, moment);
             platform::stored_record record{};
@@ -663,7 +664,7 @@ TEST(window, hands_out_what_was_put_there_at_this_moment)
             ASSERT_EQ(std::string(found, record.length), bytes);
             ASSERT_FALSE(window.find_near(database ^ 1, handle, &record));
         }
-        EXPECT_GT(hits, 275'000u); // all but the first finds of 20,000
+        EXPECT_GT(hits, moment == 2 ? 1'000u : 275'000u); // of the few all but the first finds
     }
 }
 
