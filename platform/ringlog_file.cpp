@@ -62,7 +62,8 @@ bool is_sound(const ring_header &header)
 {
     return memcmp(header.magic, magic, sizeof magic) == 0 && header.version == format_version &&
            header.slot_size == RINGLOG_SLOT_SIZE && header.slot_count >= 1 &&
-           header.slot_count <= max_slots && header.checksum == header_checksum(header);
+           header.slot_count <= max_slots && header.next <= largest_next &&
+           header.checksum == header_checksum(header);
 }
 
 // Opens the folder that the named buffer is in; `leaf` receives the rest of the name.

@@ -53,6 +53,9 @@ struct ring_header {
 static_assert(std::is_trivially_copyable_v<ring_header> && sizeof(ring_header) <= header_size);
 static_assert(RINGLOG_MAX_ARGS <= slot_words - word_arguments);
 
+// More records than anybody will write. A counter beyond it is damaged; claims would overflow.
+constexpr uint64_t largest_next = uint64_t{1} << 62;
+
 constexpr uint64_t claim_writing(uint64_t n) noexcept { return 2 * n + 1; }
 
 constexpr uint64_t claim_complete(uint64_t n) noexcept { return 2 * n + 2; }
