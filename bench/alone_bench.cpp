@@ -1,15 +1,15 @@
 // What the library costs by itself: one read on a platform that costs nothing, beside the platform
 // calls that the read makes.
-#include <benchmark/benchmark.h>
-
 #include "kvs.h"
 #include "work.h"
+
+#include <benchmark/benchmark.h>
 
 using namespace bench;
 
 namespace {
 
-constexpr std::uint32_t wanted = 1;
+constexpr uint32_t wanted = 1;
 
 void read_through_the_library(benchmark::State &state)
 {
@@ -23,14 +23,14 @@ void read_through_the_library(benchmark::State &state)
 
 void make_the_store_calls(benchmark::State &state)
 {
-    const std::uint32_t key = wanted;
+    const uint32_t key = wanted;
     kvs_key_attr attr{};
     attr.key_len = sizeof key;
     attr.key_p = &key;
-    std::uint32_t buffer[64];
+    uint32_t buffer[64];
     for (auto _ : state) {
         kvs_rec_hdl *handles = nullptr;
-        std::uint32_t count = 0, length = 0;
+        uint32_t count = 0, length = 0;
         kvs_find_objects(1, &attr, 1, 0, &handles, &count);
         const std::unique_ptr<kvs_rec_hdl, free_block> freed(handles);
         kvs_get_object_size(1, handles, &length);

@@ -2,12 +2,12 @@
 // order is that of the numbers. One process at a time can have it open.
 #pragma once
 
+#include "work.h"
+
 #include <leveldb/cache.h>
 #include <leveldb/db.h>
 #include <leveldb/filter_policy.h>
 #include <leveldb/write_batch.h>
-
-#include "work.h"
 
 namespace bench {
 
@@ -21,7 +21,7 @@ public:
         db_ = opened.get();
     }
 
-    owned_record read(std::uint32_t id)
+    owned_record read(uint32_t id)
     {
         check(db_->Get({}, key(id), &value_));
         return copy_of(value_.data(), value_.size());
@@ -30,28 +30,28 @@ public:
     // It does not know how many records it has, so the array grows.
     listing list()
     {
-        std::size_t room = 1024, count = 0;
-        auto *records = static_cast<void **>(std::malloc(room * sizeof(void *)));
+        size_t room = 1024, count = 0;
+        auto *records = static_cast<void **>(malloc(room * sizeof(void *)));
         const std::unique_ptr<leveldb::Iterator> at(db_->NewIterator({}));
         for (at->SeekToFirst(); at->Valid(); at->Next()) {
             if (count == room)
-                records = static_cast<void **>(std::realloc(records, (room *= 2) * sizeof(void *)));
+                records = static_cast<void **>(realloc(records, (room *= 2) * sizeof(void *)));
             records[count++] = copy_of(at->value().data(), at->value().size()).release();
         }
-        return {records, static_cast<std::uint32_t>(count)};
+        return {records, static_cast<uint32_t>(count)};
     }
 
-    void select(std::uint32_t id, std::uint32_t version)
+    void select(uint32_t id, uint32_t version)
     {
         const object_record record{id, version};
         check(db_->Put(durable(), key(id), bytes_of(record)));
     }
 
-    using population = std::vector<std::uint32_t>;
+    using population = std::vector<uint32_t>;
     void populate(const population &ids)
     {
         leveldb::WriteBatch all;
-        for (const std::uint32_t id : ids) {
+        for (const uint32_t id : ids) {
             const object_record record{id, 1};
             all.Put(key(id), bytes_of(record));
         }
@@ -63,9 +63,9 @@ private:
     {
         leveldb::Options options;
         options.create_if_missing = true;
-        options.block_cache = leveldb::NewLRUCache(std::size_t{256} << 20);
+        options.block_cache = leveldb::NewLRUCache(size_t{256} << 20);
         options.filter_policy = leveldb::NewBloomFilterPolicy(10);
-        options.write_buffer_size = std::size_t{64} << 20;
+        options.write_buffer_size = size_t{64} << 20;
         leveldb::DB *opened = nullptr;
         check(leveldb::DB::Open(options, folder() + "/leveldb", &opened));
         return opened;
@@ -84,9 +84,9 @@ private:
         return options;
     }
 
-    static std::string key(std::uint32_t id)
+    static std::string key(uint32_t id)
     {
-        const std::uint32_t big_endian = __builtin_bswap32(id);
+        const uint32_t big_endian = __builtin_bswap32(id);
         return {reinterpret_cast<const char *>(&big_endian), sizeof big_endian};
     }
 

@@ -4,13 +4,13 @@
 // the bytes in use, as malloc_usable_size tells them, of this library, the platform and the engine.
 //
 // Usage: memory_bench     with $VS_STATE_DIR; prints the peak and what was handed out, in bytes.
-#include <algorithm>
-
 #include "service.h"
+
+#include <algorithm>
 
 namespace {
 
-std::size_t live = 0, peak = 0;
+size_t live = 0, peak = 0;
 
 void *count_in(void *block)
 {
@@ -25,16 +25,16 @@ void count_out(void *block) { live -= malloc_usable_size(block); }
 
 extern "C" {
 
-void *__libc_malloc(std::size_t size);
-void *__libc_calloc(std::size_t count, std::size_t size);
-void *__libc_realloc(void *block, std::size_t size);
+void *__libc_malloc(size_t size);
+void *__libc_calloc(size_t count, size_t size);
+void *__libc_realloc(void *block, size_t size);
 void __libc_free(void *block);
 
-void *malloc(std::size_t size) { return count_in(__libc_malloc(size)); }
+void *malloc(size_t size) { return count_in(__libc_malloc(size)); }
 
-void *calloc(std::size_t count, std::size_t size) { return count_in(__libc_calloc(count, size)); }
+void *calloc(size_t count, size_t size) { return count_in(__libc_calloc(count, size)); }
 
-void *realloc(void *block, std::size_t size)
+void *realloc(void *block, size_t size)
 {
     count_out(block);
     return count_in(__libc_realloc(block, size));
@@ -50,8 +50,8 @@ void free(void *block)
 int main()
 {
     bench::service service;
-    const std::size_t before = live;
+    const size_t before = live;
     peak = live;
     const bench::listing all = service.list();
-    std::printf("%zu %zu\n", peak - before, all.bytes());
+    printf("%zu %zu\n", peak - before, all.bytes());
 }

@@ -2,14 +2,13 @@
 // work that needs a process of its own.
 #pragma once
 
+#include "work.h"
+
 #include <csignal>
 #include <initializer_list>
-
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "work.h"
 
 namespace bench {
 
@@ -63,8 +62,8 @@ private:
 // Says a number to whoever started this process.
 inline void say(double number)
 {
-    std::printf("%.9f\n", number);
-    std::fflush(stdout);
+    printf("%.9f\n", number);
+    fflush(stdout);
 }
 
 inline volatile std::sig_atomic_t asked_to_end = 0;

@@ -3,9 +3,9 @@
 // records at once under their keys.
 #pragma once
 
-#include <lmdb.h>
-
 #include "work.h"
+
+#include <lmdb.h>
 
 namespace bench {
 
@@ -24,7 +24,7 @@ public:
     raw_engine &operator=(const raw_engine &) = delete;
     ~raw_engine() { mdb_txn_abort(reader_); }
 
-    owned_record read(std::uint32_t id)
+    owned_record read(uint32_t id)
     {
         owned_record record;
         look_up(id, [&](const MDB_val &value) { record = copy_of(value.mv_data, value.mv_size); });
@@ -32,9 +32,9 @@ public:
     }
 
     // The naive road of whoever is used to ask for a handle, for a size and for the bytes.
-    owned_record read_in_three_steps(std::uint32_t id)
+    owned_record read_in_three_steps(uint32_t id)
     {
-        std::size_t size = 0;
+        size_t size = 0;
         owned_record record;
         look_up(id, [](const MDB_val &) {});
         look_up(id, [&](const MDB_val &value) { size = value.mv_size; });
@@ -49,7 +49,7 @@ public:
         MDB_cursor *cursor = nullptr;
         check(mdb_stat(reader_, in_->objects, &about));
         check(mdb_cursor_open(reader_, in_->objects, &cursor));
-        listing records(static_cast<std::uint32_t>(about.ms_entries));
+        listing records(static_cast<uint32_t>(about.ms_entries));
         MDB_val key, value;
         while (mdb_cursor_get(cursor, &key, &value, MDB_NEXT) == 0)
             records.append(copy_of(value.mv_data, value.mv_size));
@@ -58,7 +58,7 @@ public:
         return records;
     }
 
-    void select(std::uint32_t id, std::uint32_t version)
+    void select(uint32_t id, uint32_t version)
     {
         const object_record record{id, version};
         change([&](MDB_txn *txn) { put(txn, in_->objects, id, &record, sizeof record); });
@@ -69,21 +69,21 @@ public:
         change([&](MDB_txn *txn) { put(txn, in_->clients, grown.id, &grown, grown.length()); });
     }
 
-    using population = std::vector<std::uint32_t>;
+    using population = std::vector<uint32_t>;
     void populate(const population &ids)
     {
         change([&](MDB_txn *txn) {
-            for (const std::uint32_t id : ids) {
+            for (const uint32_t id : ids) {
                 const object_record record{id, 1};
                 put(txn, in_->objects, id, &record, sizeof record, MDB_NOOVERWRITE);
             }
         });
     }
 
-    void reset_clients(const std::vector<std::uint32_t> &ids)
+    void reset_clients(const std::vector<uint32_t> &ids)
     {
         change([&](MDB_txn *txn) {
-            for (const std::uint32_t id : ids) {
+            for (const uint32_t id : ids) {
                 const clients_record fresh(id);
                 put(txn, in_->clients, id, &fresh, fresh.length());
             }
@@ -99,7 +99,7 @@ private:
         {
             check(mdb_env_create(&env));
             check(mdb_env_set_maxdbs(env, 2));
-            check(mdb_env_set_mapsize(env, std::size_t{4} << 30));
+            check(mdb_env_set_mapsize(env, size_t{4} << 30));
             check(mdb_env_open(env, (folder() + "/raw.mdb").c_str(), MDB_NOSUBDIR, 0600));
             MDB_txn *txn = nullptr;
             check(mdb_txn_begin(env, nullptr, 0, &txn));
@@ -119,7 +119,7 @@ private:
     }
 
     template <class Use>
-    void look_up(std::uint32_t id, const Use &use)
+    void look_up(uint32_t id, const Use &use)
     {
         MDB_val key{sizeof id, &id}, value;
         check(mdb_txn_renew(reader_));
@@ -137,8 +137,8 @@ private:
         check(mdb_txn_commit(txn));
     }
 
-    static void put(MDB_txn *txn, MDB_dbi dbi, std::uint32_t id, const void *bytes,
-                    std::size_t length, unsigned flags = 0)
+    static void put(MDB_txn *txn, MDB_dbi dbi, uint32_t id, const void *bytes, size_t length,
+                    unsigned flags = 0)
     {
         MDB_val key{sizeof id, &id}, value{length, const_cast<void *>(bytes)};
         check(mdb_put(txn, dbi, &key, &value, flags));

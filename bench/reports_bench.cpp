@@ -1,40 +1,39 @@
 // What a report costs: a trace record with two strings, and a debug print that is off.
 //
 // Usage: reports_bench [option of Google Benchmark ...]
-#include <ctime>
-
-#include <benchmark/benchmark.h>
-
 #include "empty_call.h"
 #include "other_process.h"
 #include "ringlog.h"
 #include "verbose.h"
 
+#include <benchmark/benchmark.h>
+#include <ctime>
+
 using namespace bench;
 
 namespace {
 
-constexpr std::uint64_t two_strings = UINT64_C(0x50300010204); // name, number, text
+constexpr uint64_t two_strings = UINT64_C(0x50300010204); // name, number, text
 constexpr char operation[] = "vs_kvs_update_vs_object_selected_version";
 constexpr char status[] = "no record is stored under this key";
 
-std::uint64_t open_buffer()
+uint64_t open_buffer()
 {
-    std::uint64_t handle = 0;
+    uint64_t handle = 0;
     must(ringlog_init2("bench", 0, 0, 1024, 24576, 0, &handle) == 0, "ringlog_init2");
     return handle;
 }
 
-void emit_one(std::uint64_t handle, std::uint64_t number)
+void emit_one(uint64_t handle, uint64_t number)
 {
-    _ringlog_emit(handle, two_strings, reinterpret_cast<std::uintptr_t>(operation), number,
-                  reinterpret_cast<std::uintptr_t>(status));
+    _ringlog_emit(handle, two_strings, reinterpret_cast<uintptr_t>(operation), number,
+                  reinterpret_cast<uintptr_t>(status));
 }
 
 void emit(benchmark::State &state)
 {
-    const std::uint64_t handle = open_buffer();
-    std::uint64_t number = 0;
+    const uint64_t handle = open_buffer();
+    uint64_t number = 0;
     for (auto _ : state)
         emit_one(handle, ++number);
 }
@@ -54,14 +53,14 @@ void read_clock_and_copy(benchmark::State &state)
         clock_gettime(CLOCK_REALTIME, &now);
         benchmark::DoNotOptimize(now);
         benchmark::DoNotOptimize(from);
-        std::memcpy(to, from, sizeof to);
+        memcpy(to, from, sizeof to);
         benchmark::DoNotOptimize(to);
     }
 }
 
 void print(benchmark::State &state)
 {
-    std::uint32_t number = 0;
+    uint32_t number = 0;
     for (auto _ : state)
         verbose_printf_local(DBG_VS_KVS, "%s: got %u of %s", operation, ++number, status);
 }
@@ -76,7 +75,7 @@ void call(benchmark::State &state)
 
 int main(int argc, char **argv)
 {
-    if (argc == 2 && std::strcmp(argv[1], "emit") == 0) {
+    if (argc == 2 && strcmp(argv[1], "emit") == 0) {
         keep_doing([handle = open_buffer()] { emit_one(handle, 1); });
         return 0;
     }

@@ -12,11 +12,11 @@ public:
 
     service()
     {
-        static const std::uint32_t initialized = vs_kvs_initialize(0);
+        static const uint32_t initialized = vs_kvs_initialize(0);
         must(initialized == 0, name, "vs_kvs_initialize failed");
     }
 
-    owned_record read(std::uint32_t id)
+    owned_record read(uint32_t id)
     {
         vs_objects_kvs_rec *record = nullptr;
         must(vs_kvs_get_vs_object_rec(id, &record) == 0, name, "a read failed");
@@ -25,13 +25,13 @@ public:
 
     listing list()
     {
-        std::uint32_t count = 0;
+        uint32_t count = 0;
         vs_objects_kvs_rec **records = nullptr;
         must(vs_kvs_get_vs_objects_all_recs(&count, &records) == 0, name, "a listing failed");
         return {reinterpret_cast<void **>(records), count};
     }
 
-    void select(std::uint32_t id, std::uint32_t version)
+    void select(uint32_t id, uint32_t version)
     {
         must(vs_kvs_update_vs_object_selected_version(id, version) == 0, name, "a change failed");
     }
@@ -44,10 +44,10 @@ public:
 
     // What populating is given: the records in the arrays that the operation takes.
     struct population {
-        explicit population(const std::vector<std::uint32_t> &ids)
+        explicit population(const std::vector<uint32_t> &ids)
             : versions(ids.size(), any.versions), counts(ids.size(), elements)
         {
-            for (const std::uint32_t id : ids)
+            for (const uint32_t id : ids)
                 entries.push_back({id, 1, {}});
         }
         population(const population &) = delete;
@@ -55,24 +55,24 @@ public:
 
         const object_record any{};
         std::vector<vs_object_sel_entry> entries;
-        const std::vector<const std::uint32_t *> versions;
-        const std::vector<std::uint32_t> counts;
+        const std::vector<const uint32_t *> versions;
+        const std::vector<uint32_t> counts;
     };
 
     void populate(const population &all)
     {
         in_batch(g_kvs_hdl_vs_objects_db, [&] {
             return vs_kvs_insert_vs_objects(all.entries.data(),
-                                            static_cast<std::uint32_t>(all.entries.size()),
+                                            static_cast<uint32_t>(all.entries.size()),
                                             all.versions.data(), all.counts.data()) == 0;
         });
     }
 
     // Makes each of the records one of ten clients, whatever it was.
-    void reset_clients(const std::vector<std::uint32_t> &ids)
+    void reset_clients(const std::vector<uint32_t> &ids)
     {
         in_batch(g_kvs_hdl_vs_clients_info_db, [&] {
-            for (const std::uint32_t id : ids) {
+            for (const uint32_t id : ids) {
                 const clients_record fresh(id);
                 kvs_rec_hdl handle;
                 vs_kvs_delete_clients_info_rec(id);

@@ -2,10 +2,10 @@
 // store, one connection a thread. Each change is on disk when it returns.
 #pragma once
 
+#include "work.h"
+
 #include <sqlite3.h>
 #include <unistd.h>
-
-#include "work.h"
 
 namespace bench {
 
@@ -42,12 +42,12 @@ public:
         sqlite3_close(db_);
     }
 
-    owned_record read(std::uint32_t id)
+    owned_record read(uint32_t id)
     {
         sqlite3_bind_int64(read_, 1, id);
         check(sqlite3_step(read_), SQLITE_ROW);
         owned_record record = copy_of(sqlite3_column_blob(read_, 0),
-                                      static_cast<std::size_t>(sqlite3_column_bytes(read_, 0)));
+                                      static_cast<size_t>(sqlite3_column_bytes(read_, 0)));
         sqlite3_reset(read_);
         return record;
     }
@@ -55,16 +55,16 @@ public:
     listing list()
     {
         check(sqlite3_step(count_), SQLITE_ROW);
-        listing records(static_cast<std::uint32_t>(sqlite3_column_int64(count_, 0)));
+        listing records(static_cast<uint32_t>(sqlite3_column_int64(count_, 0)));
         sqlite3_reset(count_);
         while (sqlite3_step(list_) == SQLITE_ROW)
             records.append(copy_of(sqlite3_column_blob(list_, 0),
-                                   static_cast<std::size_t>(sqlite3_column_bytes(list_, 0))));
+                                   static_cast<size_t>(sqlite3_column_bytes(list_, 0))));
         sqlite3_reset(list_);
         return records;
     }
 
-    void select(std::uint32_t id, std::uint32_t version)
+    void select(uint32_t id, uint32_t version)
     {
         const object_record record{id, version};
         put(select_, id, &record, sizeof record);
@@ -75,21 +75,21 @@ public:
         put(put_clients_, grown.id, &grown, grown.length());
     }
 
-    using population = std::vector<std::uint32_t>;
+    using population = std::vector<uint32_t>;
     void populate(const population &ids)
     {
         run("BEGIN IMMEDIATE");
-        for (const std::uint32_t id : ids) {
+        for (const uint32_t id : ids) {
             const object_record record{id, 1};
             put(insert_, id, &record, sizeof record);
         }
         run("COMMIT");
     }
 
-    void reset_clients(const std::vector<std::uint32_t> &ids)
+    void reset_clients(const std::vector<uint32_t> &ids)
     {
         run("BEGIN IMMEDIATE");
-        for (const std::uint32_t id : ids) {
+        for (const uint32_t id : ids) {
             const clients_record fresh(id);
             put(put_clients_, id, &fresh, fresh.length());
         }
@@ -119,7 +119,7 @@ private:
         return statement;
     }
 
-    void put(sqlite3_stmt *statement, std::uint32_t id, const void *bytes, std::size_t length)
+    void put(sqlite3_stmt *statement, uint32_t id, const void *bytes, size_t length)
     {
         sqlite3_bind_int64(statement, 1, id);
         sqlite3_bind_blob(statement, 2, bytes, static_cast<int>(length), SQLITE_STATIC);

@@ -3,20 +3,19 @@
 // Usage: store_bench RECORDS [option of Google Benchmark ...]
 // The stores lie in $VS_STATE_DIR, and are made there when they are missing. Every thread has a way
 // of its own into a store: an object of the peer's class.
-#include <algorithm>
-#include <atomic>
-#include <ctime>
-#include <filesystem>
-#include <fstream>
-#include <random>
-
-#include <benchmark/benchmark.h>
-
 #include "leveldb.h"
 #include "other_process.h"
 #include "raw_engine.h"
 #include "service.h"
 #include "sqlite.h"
+
+#include <algorithm>
+#include <atomic>
+#include <benchmark/benchmark.h>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <random>
 
 using namespace bench;
 namespace fs = std::filesystem;
@@ -25,15 +24,15 @@ namespace {
 
 struct raw_in_three : raw_engine {
     static constexpr char name[] = "raw engine in three steps";
-    owned_record read(std::uint32_t id) { return read_in_three_steps(id); }
+    owned_record read(uint32_t id) { return read_in_three_steps(id); }
 };
 
-std::uint32_t records = 0;
+uint32_t records = 0;
 
-std::vector<std::uint32_t> ids_of(std::uint32_t count, bool shuffled)
+std::vector<uint32_t> ids_of(uint32_t count, bool shuffled)
 {
-    std::vector<std::uint32_t> ids(count);
-    for (std::uint32_t i = 0; i < count; ++i)
+    std::vector<uint32_t> ids(count);
+    for (uint32_t i = 0; i < count; ++i)
         ids[i] = id_of(i);
     if (shuffled)
         std::shuffle(ids.begin(), ids.end(), std::mt19937(1));
@@ -45,25 +44,25 @@ std::vector<std::uint32_t> ids_of(std::uint32_t count, bool shuffled)
 // ---- the works ----
 
 // Every measurement picks ids of its own: who kept what the last one read shall gain nothing by it.
-std::uint64_t next_seed()
+uint64_t next_seed()
 {
-    static std::atomic<std::uint64_t> last{0};
+    static std::atomic<uint64_t> last{0};
     return ++last;
 }
 
 template <class Store>
 void read_one(Store &store, dice &roll)
 {
-    const std::uint32_t id = id_of(roll.below(records));
+    const uint32_t id = id_of(roll.below(records));
     const owned_record record = store.read(id);
-    must(std::memcmp(record.get(), &id, sizeof id) == 0, Store::name, "read another record");
+    must(memcmp(record.get(), &id, sizeof id) == 0, Store::name, "read another record");
 }
 
 // Each time another version: a store may notice that nothing is to be changed, and do nothing.
 template <class Store>
 void select_one(Store &store, dice &roll)
 {
-    static std::atomic<std::uint32_t> version{std::random_device()()};
+    static std::atomic<uint32_t> version{std::random_device()()};
     store.select(id_of(roll.below(records)), ++version);
 }
 
@@ -107,15 +106,15 @@ void list(benchmark::State &state)
     }
 }
 
-constexpr std::uint32_t changes = 16; // of one repetition, each durable
+constexpr uint32_t changes = 16; // of one repetition, each durable
 
 template <class Store>
 void add_client(benchmark::State &state)
 {
     Store store;
-    const std::vector<std::uint32_t> ids = ids_of(changes, true);
+    const std::vector<uint32_t> ids = ids_of(changes, true);
     store.reset_clients(ids);
-    std::size_t next = 0;
+    size_t next = 0;
     for (auto _ : state) {
         clients_record grown(ids[next++]);
         ++grown.count;
@@ -239,7 +238,7 @@ void make_stores()
 {
     if (fs::exists(folder() + "/ready"))
         return;
-    const std::vector<std::uint32_t> ids = ids_of(records, true);
+    const std::vector<uint32_t> ids = ids_of(records, true);
     (Stores().populate(typename Stores::population(ids)), ...);
     std::ofstream(folder() + "/ready") << records << '\n';
 }
@@ -249,7 +248,7 @@ void make_stores()
 int main(int argc, char **argv)
 {
     must(argc > 1, argv[0], "the number of records is missing");
-    records = static_cast<std::uint32_t>(std::strtoul(argv[1], nullptr, 10));
+    records = static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10));
     if (argc == 4 &&
         is_the_other<service, raw_in_three, raw_engine, sqlite, level_db>(argv[2], argv[3]))
         return 0;

@@ -2,40 +2,39 @@
 // folder.
 #pragma once
 
+#include "vs_kvs.h"
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <malloc.h>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include <malloc.h>
-
-#include "vs_kvs.h"
-
 namespace bench {
 
 struct free_block {
-    void operator()(void *address) const { std::free(address); }
+    void operator()(void *address) const { free(address); }
 };
 
 // A record as its reader gets it: a block of its own that the reader frees.
 using owned_record = std::unique_ptr<void, free_block>;
 
-inline owned_record copy_of(const void *bytes, std::size_t length)
+inline owned_record copy_of(const void *bytes, size_t length)
 {
-    void *const copy = std::malloc(length);
-    std::memcpy(copy, bytes, length);
+    void *const copy = malloc(length);
+    memcpy(copy, bytes, length);
     return owned_record(copy);
 }
 
 // A listing as the library gives it: an array of blocks.
 class listing {
 public:
-    explicit listing(std::uint32_t count) : listing(allocate(count), 0) {}
-    listing(void **records, std::uint32_t count) : records_(records), count_(count) {}
+    explicit listing(uint32_t count) : listing(allocate(count), 0) {}
+    listing(void **records, uint32_t count) : records_(records), count_(count) {}
     listing(listing &&other) noexcept
         : records_(std::exchange(other.records_, nullptr)), count_(std::exchange(other.count_, 0))
     {
@@ -43,35 +42,35 @@ public:
     listing &operator=(listing &&) = delete;
     ~listing()
     {
-        for (std::uint32_t i = 0; i < count_; ++i)
-            std::free(records_[i]);
-        std::free(records_);
+        for (uint32_t i = 0; i < count_; ++i)
+            free(records_[i]);
+        free(records_);
     }
 
     void append(owned_record record) { records_[count_++] = record.release(); }
-    [[nodiscard]] std::uint32_t count() const { return count_; }
-    [[nodiscard]] std::size_t bytes() const
+    [[nodiscard]] uint32_t count() const { return count_; }
+    [[nodiscard]] size_t bytes() const
     {
-        std::size_t sum = malloc_usable_size(records_);
-        for (std::uint32_t i = 0; i < count_; ++i)
+        size_t sum = malloc_usable_size(records_);
+        for (uint32_t i = 0; i < count_; ++i)
             sum += malloc_usable_size(records_[i]);
         return sum;
     }
 
 private:
-    static void **allocate(std::uint32_t count)
+    static void **allocate(uint32_t count)
     {
-        return static_cast<void **>(std::calloc(count, sizeof(void *)));
+        return static_cast<void **>(calloc(count, sizeof(void *)));
     }
 
     void **records_;
-    std::uint32_t count_;
+    uint32_t count_;
 };
 
 [[noreturn]] inline void give_up(const char *what, const char *why)
 {
-    std::fprintf(stderr, "bench: %s: %s\n", what, why);
-    std::exit(1);
+    fprintf(stderr, "bench: %s: %s\n", what, why);
+    exit(1);
 }
 
 inline void must(bool done, const char *what, const char *why = "failed")
@@ -81,51 +80,51 @@ inline void must(bool done, const char *what, const char *why = "failed")
 }
 
 // The n-th of the ids in use, which lie scattered over all 32-bit numbers but 0.
-constexpr std::uint32_t id_of(std::uint32_t n) { return (n + 1) * UINT32_C(2654435761); }
+constexpr uint32_t id_of(uint32_t n) { return (n + 1) * UINT32_C(2654435761); }
 
 // Random numbers below a limit.
 class dice {
 public:
-    explicit dice(std::uint64_t seed = 1) : state_(seed * 0x9E3779B97F4A7C15 + 1) {}
-    std::uint32_t below(std::uint32_t limit)
+    explicit dice(uint64_t seed = 1) : state_(seed * 0x9E3779B97F4A7C15 + 1) {}
+    uint32_t below(uint32_t limit)
     {
         state_ ^= state_ << 13;
         state_ ^= state_ >> 7;
         state_ ^= state_ << 17;
-        return static_cast<std::uint32_t>((state_ >> 32) * limit >> 32);
+        return static_cast<uint32_t>((state_ >> 32) * limit >> 32);
     }
 
 private:
-    std::uint64_t state_;
+    uint64_t state_;
 };
 
-constexpr std::uint32_t elements = 10; // versions or clients of a record
+constexpr uint32_t elements = 10; // versions or clients of a record
 
 struct object_record {
-    std::uint32_t id;
-    std::uint32_t selected;
-    std::uint32_t optional_compatible = 0, scope = 0, is_changed = 1, count = elements;
-    std::uint32_t versions[elements] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
+    uint32_t id;
+    uint32_t selected;
+    uint32_t optional_compatible = 0, scope = 0, is_changed = 1, count = elements;
+    uint32_t versions[elements] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
 };
 
 // The clients of an object, with room for one more.
 struct clients_record {
-    std::uint32_t id;
-    std::uint32_t count = elements;
+    uint32_t id;
+    uint32_t count = elements;
     vs_client_info_entry clients[elements + 1] = {};
 
-    explicit clients_record(std::uint32_t object) : id(object)
+    explicit clients_record(uint32_t object) : id(object)
     {
-        for (std::uint32_t i = 0; i <= elements; ++i)
+        for (uint32_t i = 0; i <= elements; ++i)
             clients[i].jid = i + 1;
     }
-    [[nodiscard]] std::size_t length() const { return 8 + count * sizeof *clients; }
+    [[nodiscard]] size_t length() const { return 8 + count * sizeof *clients; }
 };
 
 // Where all stores of one run lie; the state directory too, so that all are on one file system.
 inline std::string folder()
 {
-    const char *const named = std::getenv("VS_STATE_DIR");
+    const char *const named = getenv("VS_STATE_DIR");
     must(named != nullptr, "VS_STATE_DIR", "not set; scripts/bench does");
     return named;
 }

@@ -44,8 +44,7 @@ foreach(prototype IN LISTS prototypes)
     file(CONFIGURE OUTPUT man3/${operation}.3 CONTENT ".so man3/vs_kvs.3\n")
     install(FILES ${PROJECT_BINARY_DIR}/man3/${operation}.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
 endforeach()
-install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/vs_kvs
-    PATTERN "*.cpp" EXCLUDE)
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/vs_kvs)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/vs_kvs
     FILES_MATCHING PATTERN "*.c" PATTERN "*.h")
 

@@ -13,6 +13,11 @@
  */
 #define _POSIX_C_SOURCE 200809L
 
+#include "fault.h"
+#include "kvs.h"
+#include "machine.h"
+#include "vs_kvs.h"
+
 #include <errno.h>
 #include <inttypes.h>
 #include <limits.h>
@@ -22,11 +27,6 @@
 #include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "fault.h"
-#include "kvs.h"
-#include "machine.h"
-#include "vs_kvs.h"
 
 /* ---- outcomes ---- */
 

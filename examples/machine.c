@@ -8,6 +8,8 @@
 
 #include "machine.h"
 
+#include "elf_versions.h"
+
 #include <ctype.h>
 #include <dirent.h>
 #include <errno.h>
@@ -18,8 +20,6 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include "elf_versions.h"
 
 #define NO_LIBRARY UINT32_MAX
 

@@ -5,10 +5,10 @@
 #ifndef EXAMPLES_MACHINE_H
 #define EXAMPLES_MACHINE_H
 
+#include "vs_kvs.h"
+
 #include <stdbool.h>
 #include <stdint.h>
-
-#include "vs_kvs.h"
 
 struct library {
     char *soname;

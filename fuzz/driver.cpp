@@ -13,15 +13,15 @@
 
 namespace {
 
-using bytes = std::vector<std::uint8_t>;
+using bytes = std::vector<uint8_t>;
 
 void mutate(bytes &input, const bytes &other, std::mt19937 &roll)
 {
     const auto place = [&](const bytes &in) {
-        return static_cast<std::ptrdiff_t>(roll() % (in.size() + 1));
+        return static_cast<ptrdiff_t>(roll() % (in.size() + 1));
     };
     const auto at = input.begin() + place(input), end = input.begin() + place(input);
-    const std::uint8_t values[] = {0, 1, 0x7F, 0x80, 0xFF, static_cast<std::uint8_t>(roll())};
+    const uint8_t values[] = {0, 1, 0x7F, 0x80, 0xFF, static_cast<uint8_t>(roll())};
     switch (roll() % 5) {
     case 0:
         input.insert(at, 1 + roll() % 8, values[roll() % 6]);
@@ -34,8 +34,8 @@ void mutate(bytes &input, const bytes &other, std::mt19937 &roll)
         break;
     default:
         if (at != input.end())
-            *at = roll() % 2 == 0 ? values[roll() % 6]
-                                  : static_cast<std::uint8_t>(*at ^ 1u << roll() % 8);
+            *at =
+                roll() % 2 == 0 ? values[roll() % 6] : static_cast<uint8_t>(*at ^ 1u << roll() % 8);
     }
 }
 
@@ -61,6 +61,6 @@ int main(int count, char **arguments)
             mutate(input, any(), roll);
         LLVMFuzzerTestOneInput(input.data(), input.size());
     }
-    std::printf("fuzz: %zu files and %d mutations\n", corpus.size(), mutations);
+    printf("fuzz: %zu files and %d mutations\n", corpus.size(), mutations);
     return 0;
 }

@@ -4,23 +4,23 @@
 
 #include "tests/state_dir.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size);
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
 namespace fuzz {
 
 // Bytes that never end, but with zeros.
 struct reader {
-    const std::uint8_t *at;
-    std::size_t left;
+    const uint8_t *at;
+    size_t left;
 
-    template <class T = std::uint8_t>
+    template <class T = uint8_t>
     T next()
     {
         T value{};
-        const std::size_t length = left < sizeof value ? left : sizeof value;
+        const size_t length = left < sizeof value ? left : sizeof value;
         if (length == 0)
             return value;
-        std::memcpy(&value, at, length);
+        memcpy(&value, at, length);
         at += length;
         left -= length;
         return value;

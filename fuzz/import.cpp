@@ -1,12 +1,11 @@
 // Files of JSON lines, through the commands that read them. A line that is refused is refused by a
 // failure, and nothing else.
 #include "fuzz.h"
+#include "tools/commands.h"
+#include "vs_kvs.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
-
-#include "tools/commands.h"
-#include "vs_kvs.h"
 
 OWN_STATE_DIR(true);
 
@@ -19,7 +18,7 @@ static void forget_databases()
         VS_KVS_HDL_UNSET;
 }
 
-int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     // A store that is not empty is restored to only after the whole dump was found good: by a
     // refusal. What the commands tell goes to standard output.

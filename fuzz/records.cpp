@@ -3,50 +3,49 @@
 // The library sits on the scripted platform, which hands out records as they are. An input is a
 // number of operations; three bytes for each: which one, the record, a number; then the records:
 // the database, the length, the bytes. What an operation hands out is as long as it says.
+#include "core/state.h"
 #include "fuzz.h"
-
-#include <numeric>
-
-#include "frame/state.h"
 #include "tests/scripted_platform.h"
 #include "vs_kvs.h"
+
+#include <numeric>
 
 namespace {
 
 // Looks at all of a record that an operation handed out, and releases it.
-void use(void *record, std::size_t fixed, std::size_t element)
+void use(void *record, size_t fixed, size_t element)
 {
     if (record == nullptr)
         return;
-    const auto *const from = static_cast<const std::uint8_t *>(record);
-    std::uint32_t count = 0;
-    std::memcpy(&count, from + fixed - 4, sizeof count);
+    const auto *const from = static_cast<const uint8_t *>(record);
+    uint32_t count = 0;
+    memcpy(&count, from + fixed - 4, sizeof count);
     volatile auto sum = std::accumulate(from, from + fixed + count * element, 0u);
     static_cast<void>(sum);
-    std::free(record);
+    free(record);
 }
 
-template <auto Read, std::size_t Fixed, std::size_t Element, class Record>
-void read(std::uint32_t key)
+template <auto Read, size_t Fixed, size_t Element, class Record>
+void read(uint32_t key)
 {
     Record *record = nullptr;
     Read(key, &record);
     use(record, Fixed, Element);
 }
 
-template <auto List, std::size_t Fixed, std::size_t Element, class Record>
+template <auto List, size_t Fixed, size_t Element, class Record>
 void list()
 {
-    std::uint32_t count = 0;
+    uint32_t count = 0;
     Record **records = nullptr;
     List(&count, &records);
-    for (std::uint32_t i = 0; i < count; ++i)
+    for (uint32_t i = 0; i < count; ++i)
         use(records[i], Fixed, Element);
-    std::free(records);
+    free(records);
 }
 
-template <auto Read, auto List, std::size_t Fixed, std::size_t Element, class Record>
-void look(std::uint32_t key, std::uint32_t number)
+template <auto Read, auto List, size_t Fixed, size_t Element, class Record>
+void look(uint32_t key, uint32_t number)
 {
     if (number % 2 == 0)
         read<Read, Fixed, Element, Record>(key);
@@ -54,7 +53,7 @@ void look(std::uint32_t key, std::uint32_t number)
         list<List, Fixed, Element, Record>();
 }
 
-using operation = void (*)(std::uint32_t key, std::uint32_t number);
+using operation = void (*)(uint32_t key, uint32_t number);
 constexpr operation operations[] = {
     look<vs_kvs_get_vs_object_rec, vs_kvs_get_vs_objects_all_recs, 24, 4, vs_objects_kvs_rec>,
     look<vs_kvs_get_clients_info_rec, vs_kvs_get_clients_info_all_recs, 8, 20,
@@ -81,13 +80,13 @@ constexpr operation operations[] = {
     [](auto key, auto) {
         kvs_rec_hdl *handle = nullptr;
         vs_kvs_get_client_objects_reg_rec_hdl(key, &handle);
-        std::free(handle);
+        free(handle);
     },
 };
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     scripted::reset();
     fuzz::reader in{data, size};
@@ -95,20 +94,20 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     const fuzz::reader steps = in;
     for (unsigned i = 0; i < 3 * count; ++i)
         in.next();
-    std::vector<std::uint32_t> keys{0, 1};
+    std::vector<uint32_t> keys{0, 1};
     while (in.left != 0) {
         const char *const names[] = {"vs_objects", "vs_clients_info", "vs_clientobjectsreg"};
         auto &records = scripted::now.store[names[in.next() % 3]];
         scripted::bytes bytes(in.next());
-        for (std::uint8_t &byte : bytes)
+        for (uint8_t &byte : bytes)
             byte = in.next();
-        keys.push_back(fuzz::reader{bytes.data(), bytes.size()}.next<std::uint32_t>());
+        keys.push_back(fuzz::reader{bytes.data(), bytes.size()}.next<uint32_t>());
         records.push_back({0x9000 + records.size(), std::move(bytes)});
     }
     fuzz::reader step = steps;
     for (unsigned i = 0; i < count; ++i) {
         const operation &operate = operations[step.next() % std::size(operations)];
-        const std::uint32_t key = keys[step.next() % keys.size()];
+        const uint32_t key = keys[step.next() % keys.size()];
         operate(key, step.next());
     }
     for (const std::string &problem : scripted::now.problems)

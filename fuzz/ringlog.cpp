@@ -3,13 +3,12 @@
 // An input is the number of records written; then for each slot its words, and whether claim and
 // checksum are made to fit them; then single bytes that are changed anywhere in the file.
 #include "fuzz.h"
+#include "platform/ringlog/format.h"
 
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <time.h>
-
-#include "platform/ringlog_format.h"
 
 OWN_STATE_DIR(true);
 
@@ -20,13 +19,13 @@ namespace {
 
 using namespace platform;
 
-constexpr std::uint32_t slots = 8;
+constexpr uint32_t slots = 8;
 
 // A sound buffer, as its maker left it.
 const std::string &sound()
 {
     static const std::string file = [] {
-        std::uint64_t handle = 0;
+        uint64_t handle = 0;
         need(ringlog_init2("sound", 0, 0, slots, slots, 0, &handle) == 0, "making a buffer");
         std::ifstream from(own.path / "ringlog/sound", std::ios::binary);
         return std::string(std::istreambuf_iterator<char>(from), {});
@@ -34,15 +33,15 @@ const std::string &sound()
     return file;
 }
 
-void fill(std::uint64_t *slot, std::uint64_t n, fuzz::reader &in)
+void fill(uint64_t *slot, uint64_t n, fuzz::reader &in)
 {
     const auto how = in.next();
     for (unsigned i = 0; i < how % (slot_words + 1); ++i)
-        slot[i] = in.next<std::uint64_t>() >> in.next() % 64;
-    std::uint64_t text = 0;
-    for (std::uint32_t i = 0; i < argument_count(slot[word_id]); ++i)
+        slot[i] = in.next<uint64_t>() >> in.next() % 64;
+    uint64_t text = 0;
+    for (uint32_t i = 0; i < argument_count(slot[word_id]); ++i)
         text += is_string(slot[word_id], i) ? slot[word_arguments + i] % RINGLOG_SLOT_SIZE : 0;
-    const std::uint32_t used = words_in_use(argument_count(slot[word_id]), text);
+    const uint32_t used = words_in_use(argument_count(slot[word_id]), text);
     if ((how & 64) != 0)
         slot[word_claim] = claim_complete(n);
     if ((how & 128) != 0 && used <= slot_words)
@@ -50,7 +49,7 @@ void fill(std::uint64_t *slot, std::uint64_t n, fuzz::reader &in)
 }
 
 // Reads all there is; the identifier of the last record.
-std::uint64_t read_all()
+uint64_t read_all()
 {
     ringlog_reader *reader = nullptr;
     ringlog_record record{};
@@ -60,11 +59,11 @@ std::uint64_t read_all()
     while (ringlog_read(reader, &record) == 0) {
         need(++count <= slots, "more records than slots");
         need(std::memchr(record.process, 0, sizeof record.process), "the process's name");
-        for (std::uint32_t i = 0; i < record.argument_count; ++i) {
+        for (uint32_t i = 0; i < record.argument_count; ++i) {
             const char *const text = record.arguments[i].text;
             const char *const end = std::end(record.strings);
             need(text == nullptr || (text >= record.strings && text < end), "a string");
-            need(text == nullptr || std::memchr(text, 0, static_cast<std::size_t>(end - text)),
+            need(text == nullptr || std::memchr(text, 0, static_cast<size_t>(end - text)),
                  "the end of a string");
         }
     }
@@ -74,26 +73,26 @@ std::uint64_t read_all()
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     fuzz::reader in{data, size};
     std::string file = sound();
     need(file.size() == ring_size(slots), "the size of a buffer");
     const bool also_write = in.next() % 16 == 0;
-    const std::uint64_t next = in.next<std::uint64_t>() >> in.next() % 64;
-    std::memcpy(&file[offsetof(ring_header, next)], &next, sizeof next);
-    for (std::uint64_t n = next - slots; n != next; ++n) {
-        std::uint64_t slot[slot_words] = {};
+    const uint64_t next = in.next<uint64_t>() >> in.next() % 64;
+    memcpy(&file[offsetof(ring_header, next)], &next, sizeof next);
+    for (uint64_t n = next - slots; n != next; ++n) {
+        uint64_t slot[slot_words] = {};
         fill(slot, n, in);
-        std::memcpy(&file[ring_size(n % slots)], slot, sizeof slot);
+        memcpy(&file[ring_size(n % slots)], slot, sizeof slot);
     }
     while (in.left != 0)
-        file[in.next<std::uint16_t>() % file.size()] = static_cast<char>(in.next());
+        file[in.next<uint16_t>() % file.size()] = static_cast<char>(in.next());
     std::ofstream(own.path / "ringlog/fuzz", std::ios::binary) << file;
     read_all();
     const auto write = [] {
-        std::uint64_t handle = 0;
-        const std::uint64_t id = 0x10200000077; // a string and a number
+        uint64_t handle = 0;
+        const uint64_t id = 0x10200000077; // a string and a number
         need(ringlog_init2("fuzz", 0, 0, slots, slots, 0, &handle) == 0, "opening it");
         _ringlog_emit(handle, id, "text", UINT64_C(7));
         need(read_all() == id, "a new record is the last one");

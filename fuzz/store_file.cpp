@@ -5,39 +5,38 @@
 // what it never gives to it: the headers but for where their trees are rooted, the file's length,
 // and the records. An input is a row of changes, five bytes each: what, where and the new value.
 #include "fuzz.h"
+#include "kvs.h"
 
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <vector>
 
-#include "kvs.h"
-
 OWN_STATE_DIR(true);
 
 namespace {
 
 constexpr const char *names[] = {"one", "two", "three"};
-constexpr std::uint32_t records = 60;
-constexpr std::size_t page = 4096;
+constexpr uint32_t records = 60;
+constexpr size_t page = 4096;
 
 // Where the fields of a header are that may be damaged: from, and past the end.
-constexpr std::size_t header_parts[][2] = {{10, 12}, {16, 48}, {88, 96}, {136, 152}};
+constexpr size_t header_parts[][2] = {{10, 12}, {16, 48}, {88, 96}, {136, 152}};
 
 bool bind(kvs_hdl (&databases)[3])
 {
     kvs_appdesc about;
     kvs_appdesc_init(&about);
-    for (std::size_t i = 0; i < std::size(names); ++i)
+    for (size_t i = 0; i < std::size(names); ++i)
         if (kvs_init(names[i], &about, 0, &databases[i]) != 0)
             return false;
     return true;
 }
 
-std::uint32_t insert(kvs_hdl database, std::uint32_t key, std::size_t length)
+uint32_t insert(kvs_hdl database, uint32_t key, size_t length)
 {
     std::string record(length, 'r');
-    std::memcpy(record.data(), &key, sizeof key);
+    memcpy(record.data(), &key, sizeof key);
     const kvs_data_desc bytes{record.data(), record.size()};
     const kvs_key_attr where{{}, 0, 4, nullptr, 0};
     kvs_rec_hdl handle = 0;
@@ -52,25 +51,25 @@ void work()
         return;
     for (const kvs_hdl database : databases) {
         kvs_rec_hdl *found = nullptr;
-        std::uint32_t count = 0, length = 0;
+        uint32_t count = 0, length = 0;
         kvs_find_objects(database, nullptr, 0, 0, &found, &count);
-        for (std::uint32_t i = 0; i < count; ++i) {
+        for (uint32_t i = 0; i < count; ++i) {
             std::vector<char> record(kvs_get_object_size(database, &found[i], &length) == 0 ? length
                                                                                             : 0);
-            length = static_cast<std::uint32_t>(record.size());
+            length = static_cast<uint32_t>(record.size());
             kvs_read_object(database, &found[i], 0, record.data(), &length);
             if (i % 8 == 0)
                 kvs_delete_object(database, &found[i]);
         }
-        std::free(found);
-        for (std::uint32_t key = 1000; key < 1003; ++key)
+        free(found);
+        for (uint32_t key = 1000; key < 1003; ++key)
             insert(database, key, key * 5);
     }
 }
 
 struct base {
     std::string file;
-    std::vector<std::size_t> places; // of bytes of records
+    std::vector<size_t> places; // of bytes of records
 };
 
 const base &sound()
@@ -80,14 +79,14 @@ const base &sound()
         const auto make = [] {
             kvs_hdl databases[3] = {};
             need(bind(databases), "making a store");
-            for (std::uint32_t i = 0; i < 3 * records; ++i)
+            for (uint32_t i = 0; i < 3 * records; ++i)
                 insert(databases[i % 3], i, i % 20 == 0 ? 9000 : 20 + i);
         };
         need(in_child(make) == 0, "making a store");
         std::ifstream from(own.path / "store.mdb", std::ios::binary);
         it.file.assign(std::istreambuf_iterator<char>(from), {});
         // The body of a record, with the key before and the generation behind it.
-        for (std::size_t i = 2 * page; i < it.file.size(); ++i)
+        for (size_t i = 2 * page; i < it.file.size(); ++i)
             if (it.file.compare(i, 4, "rrrr") == 0)
                 it.places.insert(it.places.end(), {i - 4, i, i + 4});
         return it;
@@ -97,15 +96,15 @@ const base &sound()
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     fuzz::reader in{data, size};
     std::string file = sound().file;
-    std::size_t length = file.size();
+    size_t length = file.size();
     while (in.left != 0) {
         const auto what = in.next();
-        const std::size_t where = in.next<std::uint16_t>();
-        const auto value = static_cast<char>(in.next<std::uint16_t>());
+        const size_t where = in.next<uint16_t>();
+        const auto value = static_cast<char>(in.next<uint16_t>());
         if (what % 8 == 0) {
             length = where * 7 % file.size();
         } else if (what % 2 == 0) {

@@ -4,10 +4,10 @@
 // written out, because the platform knows nothing of their headers.
 #include "fault.h"
 
-#include "export.h"
 #include "jobctl.h"
 #include "kvs.h"
 #include "pinfo.h"
+#include "platform/base/export.h"
 #include "ringlog.h"
 #include "verbose.h"
 

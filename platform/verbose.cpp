@@ -6,12 +6,12 @@
 // find held for ever.
 #include "verbose.h"
 
-#include "clock.h"
-#include "descriptor.h"
-#include "export.h"
-#include "fork_lock.h"
-#include "number.h"
-#include "utf8.h"
+#include "platform/base/clock.h"
+#include "platform/base/descriptor.h"
+#include "platform/base/export.h"
+#include "platform/base/mutex.h"
+#include "platform/base/number.h"
+#include "platform/base/utf8.h"
 
 #include <atomic>
 #include <cerrno>

@@ -2,20 +2,18 @@
 // Unlike times, the counts are the same in every run, so what makes an operation dearer is seen at
 // once. This program stands in the way of what is counted, for the library, the platform and the
 // engine. The counts are compared with expected_costs.txt; run with ACCEPT=1 to write it anew.
-#include <algorithm>
-#include <fstream>
-#include <functional>
-#include <sstream>
-#include <vector>
-
-#include <dlfcn.h>
-#include <sys/uio.h>
-
-#include <gtest/gtest.h>
-
 #include "kvs.h"
 #include "state_dir.h"
 #include "vs_kvs.h"
+
+#include <algorithm>
+#include <dlfcn.h>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <sys/uio.h>
+#include <vector>
 
 namespace {
 
@@ -171,7 +169,7 @@ TEST(costs, are_as_expected)
     const std::vector<char> probe(1); // valgrind takes the allocator over too
     const bool all = counts[allocations] != before;
     const std::string found = costs(4, all ? allocations + 1 : +allocations);
-    if (all && std::getenv("ACCEPT"))
+    if (all && getenv("ACCEPT"))
         std::ofstream(EXPECTED_COSTS) << found;
     std::string expected, line;
     for (std::ifstream file(EXPECTED_COSTS); std::getline(file, line);)

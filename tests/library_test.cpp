@@ -5,42 +5,41 @@
 // of a regular run changes in its log, are compared as a whole with expected_reports.txt and
 // expected_failures.txt; run with ACCEPT=1 to write them anew, and read the difference before
 // believing it.
+#include "clients/schema.h"
+#include "core/state.h"
+#include "core/update.h"
+#include "objects/schema.h"
+#include "registrations/schema.h"
+#include "tests/scripted_platform.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <set>
 #include <span>
 #include <sstream>
-
-#include <gtest/gtest.h>
-
-#include "clients/database.h"
-#include "frame/change.h"
-#include "frame/state.h"
-#include "objects/database.h"
-#include "registrations/database.h"
-#include "tests/scripted_platform.h"
 
 using namespace scripted;
 
 namespace {
 
-constexpr std::uint32_t A = 0x10, B = 0x20, unknown = 0x30;
-constexpr std::uint32_t J = 7, K = 8;
+constexpr uint32_t A = 0x10, B = 0x20, unknown = 0x30;
+constexpr uint32_t J = 7, K = 8;
 
 // ---- operations with their arguments, to be called later ----
 
 struct outcome {
-    std::uint32_t status;
+    uint32_t status;
     std::string handed_out; // in words, and released; "untouched" when nothing was
 };
 using call = std::function<outcome()>;
 using change = std::function<void()>;
 
 template <class... Parameters>
-call plain(std::uint32_t (*operation)(Parameters...), std::type_identity_t<Parameters>... arguments)
+call plain(uint32_t (*operation)(Parameters...), std::type_identity_t<Parameters>... arguments)
 {
     return [=] { return outcome{operation(arguments...), ""}; };
 }
@@ -51,50 +50,50 @@ std::string words(void *block)
     if (!block)
         return "null";
     std::ostringstream text;
-    for (const char *gap = ""; const std::uint32_t word : content(block))
+    for (const char *gap = ""; const uint32_t word : content(block))
         text << std::exchange(gap, " ") << word;
-    std::free(block);
+    free(block);
     return text.str();
 }
 
 template <class Block>
-Block *const untouched = reinterpret_cast<Block *>(std::uintptr_t{0x11});
+Block *const untouched = reinterpret_cast<Block *>(uintptr_t{0x11});
 
 template <class Block>
-call get(std::uint32_t (*operation)(std::uint32_t, Block **), std::uint32_t key)
+call get(uint32_t (*operation)(uint32_t, Block **), uint32_t key)
 {
     return [=] {
         auto *block = untouched<Block>;
-        const std::uint32_t status = operation(key, &block);
+        const uint32_t status = operation(key, &block);
         return outcome{status, block == untouched<Block> ? "untouched" : words(block)};
     };
 }
 
 template <class Record>
-call list(std::uint32_t (*operation)(std::uint32_t *, Record ***))
+call list(uint32_t (*operation)(uint32_t *, Record ***))
 {
     return [=] {
-        std::uint32_t count = 77;
+        uint32_t count = 77;
         auto **records = untouched<Record *>;
-        const std::uint32_t status = operation(&count, &records);
+        const uint32_t status = operation(&count, &records);
         if (count == 77 && records == untouched<Record *>)
             return outcome{status, "untouched"};
         std::string text;
-        for (std::uint32_t i = 0; i < count; ++i)
+        for (uint32_t i = 0; i < count; ++i)
             text += words(records[i]) + "; ";
-        std::free(records);
+        free(records);
         return outcome{status, text};
     };
 }
 
 template <class Record>
-call insert(std::uint32_t (*operation)(const Record *, kvs_rec_hdl *),
-            const std::vector<std::uint32_t> &words)
+call insert(uint32_t (*operation)(const Record *, kvs_rec_hdl *),
+            const std::vector<uint32_t> &words)
 {
     return [=] {
         kvs_rec_hdl handle = 1;
         const auto *const record = reinterpret_cast<const Record *>(words.data());
-        const std::uint32_t status = operation(record, &handle);
+        const uint32_t status = operation(record, &handle);
         return outcome{status, handle == 1            ? "untouched"
                                : handle == UINT64_MAX ? "all ones"
                                                       : "handle"};
@@ -107,9 +106,9 @@ constexpr vs_client_info_entry new_client{9, 900, {1, 2, 3}}, same_jid{5, 501, {
 constexpr vs_object_sel_entry fresh[] = {{0x40, 2, {}}, {0x41, 0, {}}},
                               stored[] = {{A, 3, {}}, {unknown, 4, {}}, {B, 5, {}}},
                               nameless[] = {{A, 3, {}}, {0, 5, {}}};
-constexpr std::uint32_t versions[] = {1, 2}, version_counts[] = {2, 0}, too_many = 0x40000000;
-constexpr const std::uint32_t *version_arrays[] = {versions, nullptr};
-std::uint32_t ignored;
+constexpr uint32_t versions[] = {1, 2}, version_counts[] = {2, 0}, too_many = 0x40000000;
+constexpr const uint32_t *version_arrays[] = {versions, nullptr};
+uint32_t ignored;
 
 const call list_objects = list(vs_kvs_get_vs_objects_all_recs);
 const call populate = plain(vs_kvs_insert_vs_objects, fresh, 2, version_arrays, version_counts);
@@ -180,7 +179,7 @@ change before_nth(const std::string &name, int n, const change &make)
 }
 
 // Another first record in a database.
-change replaced(const char *db, const std::vector<std::uint32_t> &words)
+change replaced(const char *db, const std::vector<uint32_t> &words)
 {
     return [=] {
         put(db, words);
@@ -315,12 +314,12 @@ const scenario special[] = {
 using lines = std::vector<std::string>;
 
 // What is told of a run: what came of it, and its log from a line on.
-std::string told(const std::string &name, const outcome &result, std::size_t from = 0)
+std::string told(const std::string &name, const outcome &result, size_t from = 0)
 {
     std::ostringstream text;
     text << "== " << name << ": " << std::hex << std::uppercase << "0x" << result.status << ' '
          << result.handed_out << '\n';
-    for (std::size_t i = from; i < now.log.size(); ++i)
+    for (size_t i = from; i < now.log.size(); ++i)
         text << now.log[i] << '\n';
     return text.str();
 }
@@ -328,7 +327,7 @@ std::string told(const std::string &name, const outcome &result, std::size_t fro
 void compare(const char *part, const std::string &found)
 {
     const std::string path = std::string(EXPECTED_DIR) + "/expected_" + part + ".txt";
-    if (std::getenv("ACCEPT"))
+    if (getenv("ACCEPT"))
         std::ofstream(path) << found;
     std::ifstream expected(path);
     std::istringstream got(found);
@@ -358,7 +357,7 @@ outcome run(const scenario &s, const std::string &name)
     if (state() != before)
         now.log.push_back(state());
     const auto kept = std::count(now.log.begin(), now.log.end(), "call jobctl_get_job_id");
-    EXPECT_EQ(live_blocks(), static_cast<std::size_t>(kept)) << name << " leaks";
+    EXPECT_EQ(live_blocks(), static_cast<size_t>(kept)) << name << " leaks";
     EXPECT_EQ(now.problems, lines{}) << name;
     return result;
 }
@@ -408,7 +407,7 @@ const trouble troubles[] = {
     {"no memory", [](int n) { now.fail_allocation = n; }},
     {"every record twice", at_call([] {
          for (auto &[name, records] : now.store)
-             for (std::size_t i = 0, count = records.size(); i < count; ++i)
+             for (size_t i = 0, count = records.size(); i < count; ++i)
                  records.push_back({records[i].handle + 0x1000, records[i].data});
      })},
     {"every record gone", at_call([] {
@@ -416,12 +415,12 @@ const trouble troubles[] = {
              records.clear();
      })},
     {"every record cut", every_record([](bytes &data, auto) { data.resize(data.size() - 4); })},
-    {"every record without elements", every_record([](bytes &data, std::size_t count_at) {
+    {"every record without elements", every_record([](bytes &data, size_t count_at) {
          data.resize(4 * count_at);
          data.resize(4 * count_at + 4);
      })},
-    {"every record changed", every_record([](bytes &data, std::size_t count_at) {
-         for (std::size_t word = 1; word < data.size() / 4; ++word)
+    {"every record changed", every_record([](bytes &data, size_t count_at) {
+         for (size_t word = 1; word < data.size() / 4; ++word)
              data[4 * word + 1] ^= word != count_at;
      })},
     {"length 0", at_call([] { now.size = 0; })},
@@ -443,7 +442,7 @@ TEST(library, survives_trouble_at_every_point)
         start(s);
         std::vector<databases> stores{now.store};
         now.before = [&](const std::string &, int) {
-            if (stores.size() == static_cast<std::size_t>(now.changes))
+            if (stores.size() == static_cast<size_t>(now.changes))
                 stores.push_back(now.store);
         };
         std::set<std::string> seen{told("", run(s, s.name))};
@@ -459,14 +458,13 @@ TEST(library, survives_trouble_at_every_point)
                 if (now.troubled.empty())
                     break;
                 const std::string name = at + now.troubled + ", " + std::to_string(n);
-                const auto changes = static_cast<std::size_t>(now.changes);
+                const auto changes = static_cast<size_t>(now.changes);
                 const bool is_failure = now.fail_call != 0 || now.fail_allocation != 0;
                 EXPECT_TRUE(!is_failure || now.store == stores.at(changes)) << name;
                 const auto ways =
                     std::mismatch(now.log.begin(), now.log.end(), usual.begin(), usual.end());
                 if (seen.insert(told("", result)).second)
-                    found +=
-                        told(name, result, static_cast<std::size_t>(ways.first - now.log.begin()));
+                    found += told(name, result, static_cast<size_t>(ways.first - now.log.begin()));
             }
     }
     compare("failures", found);
@@ -477,7 +475,7 @@ TEST(library, refuses_to_outgrow_a_record)
 {
     reset();
     vs_kvs::block<vs_client_objects_reg_kvs_rec> record(
-        static_cast<vs_client_objects_reg_kvs_rec *>(std::calloc(1, 8)));
+        static_cast<vs_client_objects_reg_kvs_rec *>(calloc(1, 8)));
     record->vs_count = 0x3FFFFFFD;
     const auto rc =
         vs_kvs::grow<vs_kvs::registrations::database, vs_kvs::registrations::add_object>(record);

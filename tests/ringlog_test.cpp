@@ -1,6 +1,5 @@
 // Trace buffers: a record is read back whole or not at all, whoever is overtaken, killed or harmed.
 #include "ringlog.h"
-
 #include "scratch.h"
 
 #include <csignal>

@@ -1,10 +1,10 @@
 // What the tests of the platform share: a state directory for each, and children that check.
 #pragma once
 
+#include "state_dir.h"
+
 #include <functional>
 #include <gtest/gtest.h>
-
-#include "state_dir.h"
 
 // A directory that lives as long as the test; its `state` is named to the platform.
 class scratch : public testing::Test {
@@ -31,7 +31,7 @@ inline pid_t start_in_child(const std::function<void()> &work)
 {
     return start([&] {
         work();
-        std::fflush(nullptr);
+        fflush(nullptr);
         _exit(testing::Test::HasFailure());
     });
 }

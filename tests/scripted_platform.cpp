@@ -1,19 +1,7 @@
 #include "tests/scripted_platform.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <map>
-#include <sstream>
-
-#include <pthread.h>
-#include <unistd.h>
-
+#include "core/state.h"
 #include "fault.h"
-#include "frame/state.h"
 #include "jobctl.h"
 #include "loader.h"
 #include "lockwatch.h"
@@ -22,12 +10,23 @@
 #include "verbose.h"
 #include "vs_kvs.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <pthread.h>
+#include <sstream>
+#include <unistd.h>
+
 using namespace scripted;
 
 extern "C" {
-void *__real_malloc(std::size_t size);
-void *__real_calloc(std::size_t count, std::size_t size);
-void *__real_realloc(void *block, std::size_t size);
+void *__real_malloc(size_t size);
+void *__real_calloc(size_t count, size_t size);
+void *__real_realloc(void *block, size_t size);
 void __real_free(void *block);
 int __real_pthread_mutex_trylock(pthread_mutex_t *mutex);
 int __real_pthread_mutex_lock(pthread_mutex_t *mutex);
@@ -35,7 +34,7 @@ int __real_pthread_mutex_lock(pthread_mutex_t *mutex);
 
 namespace {
 
-constexpr std::uint64_t common_buffer = 0xC0, api_buffer = 0xA1, errors_buffer = 0xE1;
+constexpr uint64_t common_buffer = 0xC0, api_buffer = 0xA1, errors_buffer = 0xE1;
 
 // The load hook calls the platform before any constructor of this file has run. The unload hook
 // runs after the destructors, and has nothing to ask of it.
@@ -46,9 +45,9 @@ struct up {
 };
 
 // The live blocks and their lengths. Each is followed by a mark that nobody may overwrite.
-std::map<void *, std::size_t> &blocks()
+std::map<void *, size_t> &blocks()
 {
-    static std::map<void *, std::size_t> map;
+    static std::map<void *, size_t> map;
     return map;
 }
 
@@ -66,14 +65,14 @@ void note(const std::string &line)
         now.log.push_back(line);
 }
 
-std::string format(const char *text, std::va_list arguments)
+std::string format(const char *text, va_list arguments)
 {
     char line[2048];
-    std::vsnprintf(line, sizeof line, text, arguments);
+    vsnprintf(line, sizeof line, text, arguments);
     std::string result = line;
     // Addresses are printed in small letters, numbers of the library's in capitals.
-    for (std::size_t at = 0; (at = result.find("0x", at)) != std::string::npos; ++at) {
-        const std::size_t digits =
+    for (size_t at = 0; (at = result.find("0x", at)) != std::string::npos; ++at) {
+        const size_t digits =
             std::min(result.find_first_not_of("0123456789abcdef", at + 2), result.size()) - at - 2;
         if (digits >= 7)
             result.replace(at, digits + 2, "ADDRESS");
@@ -83,7 +82,7 @@ std::string format(const char *text, std::va_list arguments)
 }
 
 // The status that the script gives a call: 0, or a failure.
-std::uint32_t enter(const std::string &call)
+uint32_t enter(const std::string &call)
 {
     if (phase != is_up)
         return 0;
@@ -101,9 +100,9 @@ std::uint32_t enter(const std::string &call)
 // The handles of the databases are numbers, in the order of their names.
 constexpr kvs_hdl first_database = 0x101;
 
-std::uint32_t bind(const std::string &call, const char *name, kvs_hdl *hdl_p)
+uint32_t bind(const std::string &call, const char *name, kvs_hdl *hdl_p)
 {
-    const std::uint32_t rc = enter(call);
+    const uint32_t rc = enter(call);
     const auto distance = std::distance(now.store.begin(), now.store.find(name));
     if (rc == 0 && !now.handle_unset)
         *hdl_p = first_database + static_cast<kvs_hdl>(distance);
@@ -122,10 +121,10 @@ database *find_database(kvs_hdl hdl)
 }
 
 // What a call that names a record finds.
-std::uint32_t enter(const std::string &call, kvs_hdl hdl, const kvs_rec_hdl *rec_p,
-                    stored_record *&found)
+uint32_t enter(const std::string &call, kvs_hdl hdl, const kvs_rec_hdl *rec_p,
+               stored_record *&found)
 {
-    const std::uint32_t rc = enter(call);
+    const uint32_t rc = enter(call);
     found = nullptr;
     if (database *const records = find_database(hdl))
         for (auto &record : *records)
@@ -143,22 +142,22 @@ bool allocation_fails(const char *what)
     return true;
 }
 
-void *track(void *block, std::size_t size)
+void *track(void *block, size_t size)
 {
     blocks()[block] = size;
-    std::memcpy(static_cast<char *>(block) + size, mark, sizeof mark);
+    memcpy(static_cast<char *>(block) + size, mark, sizeof mark);
     return block;
 }
 
 // Filled, so that what is used without having been set is the same in every run.
-void *allocate(std::size_t size)
+void *allocate(size_t size)
 {
-    return std::memset(track(__real_malloc(size + sizeof mark), size), 0xEE, size);
+    return memset(track(__real_malloc(size + sizeof mark), size), 0xEE, size);
 }
 
-void check_end(const void *block, std::size_t size)
+void check_end(const void *block, size_t size)
 {
-    expect(std::memcmp(static_cast<const char *>(block) + size, mark, sizeof mark) == 0,
+    expect(memcmp(static_cast<const char *>(block) + size, mark, sizeof mark) == 0,
            "wrote beyond the end of a block");
 }
 
@@ -168,7 +167,7 @@ kvs_rec_hdl *hand_out(const std::vector<kvs_rec_hdl> &handles)
     if (handles.empty() || now.arrays_missing)
         return nullptr;
     void *const array = allocate(handles.size() * sizeof(kvs_rec_hdl));
-    std::memcpy(array, handles.data(), handles.size() * sizeof(kvs_rec_hdl));
+    memcpy(array, handles.data(), handles.size() * sizeof(kvs_rec_hdl));
     return static_cast<kvs_rec_hdl *>(array);
 }
 
@@ -182,7 +181,7 @@ static up after_the_script;
 void reset()
 {
     for (const auto &[block, size] : std::map(blocks()))
-        std::free(block);
+        free(block);
     g_vs_kvs_proc_name = nullptr;
     now = script{};
     now.store = {{"vs_objects", {}}, {"vs_clients_info", {}}, {"vs_clientobjectsreg", {}}};
@@ -194,20 +193,20 @@ void reset()
     vs_kvs_errors_trace = errors_buffer;
 }
 
-void put(const char *name, const std::vector<std::uint32_t> &words)
+void put(const char *name, const std::vector<uint32_t> &words)
 {
-    const auto *const from = reinterpret_cast<const std::uint8_t *>(words.data());
+    const auto *const from = reinterpret_cast<const uint8_t *>(words.data());
     database &records = now.store[name];
     records.push_back({0x9000 + records.size(), bytes(from, from + 4 * words.size())});
 }
 
-std::vector<std::uint32_t> content(void *block)
+std::vector<uint32_t> content(void *block)
 {
-    const auto *const words = static_cast<const std::uint32_t *>(block);
+    const auto *const words = static_cast<const uint32_t *>(block);
     return {words, words + blocks().at(block) / 4};
 }
 
-std::size_t live_blocks()
+size_t live_blocks()
 {
     for (const auto &[block, size] : blocks())
         check_end(block, size);
@@ -220,18 +219,15 @@ extern "C" {
 
 // ---- the C library, as far as a test wants a say in it ----
 
-void *__wrap_malloc(std::size_t size)
-{
-    return allocation_fails("malloc") ? nullptr : allocate(size);
-}
+void *__wrap_malloc(size_t size) { return allocation_fails("malloc") ? nullptr : allocate(size); }
 
-void *__wrap_calloc(std::size_t count, std::size_t size)
+void *__wrap_calloc(size_t count, size_t size)
 {
     size *= count;
     return allocation_fails("calloc") ? nullptr : track(__real_calloc(1, size + sizeof mark), size);
 }
 
-void *__wrap_realloc(void *block, std::size_t size)
+void *__wrap_realloc(void *block, size_t size)
 {
     if (allocation_fails("realloc"))
         return nullptr;
@@ -261,9 +257,9 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex)
     return now.lock_error ? now.lock_error : __real_pthread_mutex_lock(mutex);
 }
 
-int __wrap_fprintf(std::FILE *, const char *text, ...)
+int __wrap_fprintf(FILE *, const char *text, ...)
 {
-    std::va_list arguments;
+    va_list arguments;
     va_start(arguments, text);
     const std::string line = format(text, arguments);
     va_end(arguments);
@@ -282,7 +278,7 @@ pid_t getpid() noexcept { return 4711; }
 
 // ---- reports ----
 
-void _ringlog_emit(std::uint64_t handle, std::uint64_t id, ...)
+void _ringlog_emit(uint64_t handle, uint64_t id, ...)
 {
     std::ostringstream line;
     line << "trace "
@@ -292,21 +288,21 @@ void _ringlog_emit(std::uint64_t handle, std::uint64_t id, ...)
              : handle == 0             ? "dropped"
                                        : "never opened")
          << " 0x" << std::hex << id << std::dec;
-    std::va_list arguments;
+    va_list arguments;
     va_start(arguments, id);
     for (unsigned i = 0; i < (id >> 32 & 0xFF); ++i)
         if (id >> (40 + i) & 1)
             line << " \"" << va_arg(arguments, const char *) << '"';
         else
-            line << ' ' << va_arg(arguments, std::uint64_t);
+            line << ' ' << va_arg(arguments, uint64_t);
     va_end(arguments);
     note(line.str());
     errno = 77; // a debug print that reads errno again shows this one
 }
 
-void verbose_printf_local(std::uint32_t category, const char *text, ...)
+void verbose_printf_local(uint32_t category, const char *text, ...)
 {
-    std::va_list arguments;
+    va_list arguments;
     va_start(arguments, text);
     const std::string line = format(text, arguments);
     va_end(arguments);
@@ -315,35 +311,35 @@ void verbose_printf_local(std::uint32_t category, const char *text, ...)
 }
 
 // Each call gives another text, so that the log shows whether a text was fetched afresh.
-const char *fault_strerror(std::uint32_t status)
+const char *fault_strerror(uint32_t status)
 {
     static char texts[16][32];
     char *const text = texts[now.texts % 16];
-    std::snprintf(text, sizeof texts[0], "<0x%X #%d>", status, ++now.texts);
+    snprintf(text, sizeof texts[0], "<0x%X #%d>", status, ++now.texts);
     return text;
 }
 
-std::uint32_t ringlog_init2(const char *name, std::uint32_t, std::uint32_t, std::uint32_t size_1,
-                            std::uint32_t size_2, std::uint32_t, std::uint64_t *handle_p)
+uint32_t ringlog_init2(const char *name, uint32_t, uint32_t, uint32_t size_1, uint32_t size_2,
+                       uint32_t, uint64_t *handle_p)
 {
     if (phase == is_over)
-        std::abort();
-    const std::uint32_t rc = enter("ringlog_init2 " + std::string(name) + ' ' +
-                                   std::to_string(size_1) + ' ' + std::to_string(size_2));
+        abort();
+    const uint32_t rc = enter("ringlog_init2 " + std::string(name) + ' ' + std::to_string(size_1) +
+                              ' ' + std::to_string(size_2));
     if (rc == 0)
-        *handle_p = std::strcmp(name, "install/vs/vs") == 0 ? common_buffer
-                    : std::strstr(name, "/api")             ? api_buffer
-                                                            : errors_buffer;
+        *handle_p = strcmp(name, "install/vs/vs") == 0 ? common_buffer
+                    : strstr(name, "/api")             ? api_buffer
+                                                       : errors_buffer;
     return rc;
 }
 
-std::uint32_t verbose_init(std::uint64_t) { return enter("verbose_init"); }
+uint32_t verbose_init(uint64_t) { return enter("verbose_init"); }
 
 // ---- identity, waiting, unloading ----
 
-std::uint32_t jobctl_get_job_id(std::uint32_t *job_id_p)
+uint32_t jobctl_get_job_id(uint32_t *job_id_p)
 {
-    const std::uint32_t rc = enter("jobctl_get_job_id");
+    const uint32_t rc = enter("jobctl_get_job_id");
     if (rc == 0 && now.job_id == 0)
         return JOBCTL_RC_NOT_A_JOB;
     if (rc == 0)
@@ -351,23 +347,23 @@ std::uint32_t jobctl_get_job_id(std::uint32_t *job_id_p)
     return rc;
 }
 
-std::uint32_t jobctl_get_jobctl_name(char *name, std::uint32_t size)
+uint32_t jobctl_get_jobctl_name(char *name, uint32_t size)
 {
-    const std::uint32_t rc = enter("jobctl_get_jobctl_name");
+    const uint32_t rc = enter("jobctl_get_jobctl_name");
     if (rc == 0)
-        std::snprintf(name, size, "%s", now.job_name.c_str());
+        snprintf(name, size, "%s", now.job_name.c_str());
     return rc;
 }
 
-std::uint32_t pinfo_get_name(std::uint32_t pid, char *name, std::uint32_t size)
+uint32_t pinfo_get_name(uint32_t pid, char *name, uint32_t size)
 {
-    const std::uint32_t rc = enter("pinfo_get_name " + std::to_string(pid));
+    const uint32_t rc = enter("pinfo_get_name " + std::to_string(pid));
     if (rc == 0)
-        std::snprintf(name, size, "/usr/bin/program");
+        snprintf(name, size, "/usr/bin/program");
     return rc;
 }
 
-void lockwatch_set_mutex_block(const void *, const char *place, std::uint32_t code)
+void lockwatch_set_mutex_block(const void *, const char *place, uint32_t code)
 {
     note(std::string("waits ") + place + " " + std::to_string(code));
 }
@@ -378,14 +374,13 @@ int __in_unload(void) { return 1; }
 
 // ---- the record store ----
 
-std::uint32_t kvs_appdesc_init(kvs_appdesc *appdesc_p)
+uint32_t kvs_appdesc_init(kvs_appdesc *appdesc_p)
 {
-    std::memset(static_cast<void *>(appdesc_p), 0xEE, sizeof *appdesc_p);
+    memset(static_cast<void *>(appdesc_p), 0xEE, sizeof *appdesc_p);
     return 0;
 }
 
-std::uint32_t kvs_init(const char *db_name, const kvs_appdesc *appdesc_p, std::uint64_t,
-                       kvs_hdl *hdl_p)
+uint32_t kvs_init(const char *db_name, const kvs_appdesc *appdesc_p, uint64_t, kvs_hdl *hdl_p)
 {
     const kvs_appdesc &a = *appdesc_p;
     expect(a.key_count == 1 && !a.key_policy && !a.share_policy && !a.flags && !a.notify &&
@@ -394,18 +389,17 @@ std::uint32_t kvs_init(const char *db_name, const kvs_appdesc *appdesc_p, std::u
     return bind("kvs_init", db_name, hdl_p);
 }
 
-std::uint32_t kvs_lookup_db_handle(const char *db_name, kvs_hdl *hdl_p)
+uint32_t kvs_lookup_db_handle(const char *db_name, kvs_hdl *hdl_p)
 {
-    const std::uint32_t rc = bind("kvs_lookup_db_handle", db_name, hdl_p);
+    const uint32_t rc = bind("kvs_lookup_db_handle", db_name, hdl_p);
     errno = 76; // what the trace record of a failed lookup may carry
     return rc;
 }
 
-std::uint32_t kvs_find_objects(kvs_hdl hdl, const kvs_key_attr *keys_p, std::uint32_t key_count,
-                               std::uint32_t flags, kvs_rec_hdl **handles_pp,
-                               std::uint32_t *count_p)
+uint32_t kvs_find_objects(kvs_hdl hdl, const kvs_key_attr *keys_p, uint32_t key_count,
+                          uint32_t flags, kvs_rec_hdl **handles_pp, uint32_t *count_p)
 {
-    std::uint32_t rc = enter("kvs_find_objects");
+    uint32_t rc = enter("kvs_find_objects");
     expect(!*handles_pp && *count_p == 0 && flags == 0, "find with dirty out-parameters");
     expect(key_count == 0 ||
                (keys_p->key_len == 4 && !keys_p->key_flags[0] && !keys_p->key_flags[1]),
@@ -416,65 +410,63 @@ std::uint32_t kvs_find_objects(kvs_hdl hdl, const kvs_key_attr *keys_p, std::uin
     std::vector<kvs_rec_hdl> found;
     for (const auto &record : records ? *records : database{})
         if (key_count == 0 ||
-            (record.data.size() >= 4 && std::memcmp(keys_p->key_p, record.data.data(), 4) == 0))
+            (record.data.size() >= 4 && memcmp(keys_p->key_p, record.data.data(), 4) == 0))
             found.push_back(record.handle);
     if (rc != 0)
         found.resize(2); // nobody is to look at them
     if (rc == 0 || now.array_on_failure) {
         *handles_pp = hand_out(found);
-        *count_p = static_cast<std::uint32_t>(found.size());
+        *count_p = static_cast<uint32_t>(found.size());
     }
     return rc;
 }
 
-std::uint32_t kvs_get_object_size(kvs_hdl hdl, const kvs_rec_hdl *rec_p, std::uint32_t *size_p)
+uint32_t kvs_get_object_size(kvs_hdl hdl, const kvs_rec_hdl *rec_p, uint32_t *size_p)
 {
     stored_record *record;
-    const std::uint32_t rc = enter("kvs_get_object_size", hdl, rec_p, record);
+    const uint32_t rc = enter("kvs_get_object_size", hdl, rec_p, record);
     if (rc == 0)
-        *size_p =
-            now.size != UINT32_MAX ? now.size : static_cast<std::uint32_t>(record->data.size());
+        *size_p = now.size != UINT32_MAX ? now.size : static_cast<uint32_t>(record->data.size());
     return rc;
 }
 
-std::uint32_t kvs_read_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p, std::uint32_t offset,
-                              void *buffer_p, std::uint32_t *length_p)
+uint32_t kvs_read_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p, uint32_t offset, void *buffer_p,
+                         uint32_t *length_p)
 {
     stored_record *record;
-    const std::uint32_t rc = enter("kvs_read_object", hdl, rec_p, record);
+    const uint32_t rc = enter("kvs_read_object", hdl, rec_p, record);
     expect(offset == 0, "read from an offset");
     if (rc == 0) {
-        const auto stored = static_cast<std::uint32_t>(record->data.size());
+        const auto stored = static_cast<uint32_t>(record->data.size());
         *length_p = std::min({*length_p, stored, now.read_length});
-        std::copy_n(record->data.begin(), *length_p, static_cast<std::uint8_t *>(buffer_p));
+        std::copy_n(record->data.begin(), *length_p, static_cast<uint8_t *>(buffer_p));
     }
     return rc;
 }
 
-std::uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p, std::uint32_t offset,
-                               const kvs_data_desc *data_p, std::uint32_t data_count,
-                               std::uint32_t *value_p, kvs_write_result *result_p)
+uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p, uint32_t offset,
+                          const kvs_data_desc *data_p, uint32_t data_count, uint32_t *value_p,
+                          kvs_write_result *result_p)
 {
     stored_record *record;
-    const std::uint32_t rc =
+    const uint32_t rc =
         enter("kvs_write_object " + std::to_string(data_p->data_len), hdl, rec_p, record);
     expect(offset == 0 && data_count == 1 && *value_p == 0, "malformed write");
     if (rc == 0) {
-        record->data.resize(std::max<std::size_t>(record->data.size(), data_p->data_len));
-        std::copy_n(static_cast<const std::uint8_t *>(data_p->data_p), data_p->data_len,
+        record->data.resize(std::max<size_t>(record->data.size(), data_p->data_len));
+        std::copy_n(static_cast<const uint8_t *>(data_p->data_p), data_p->data_len,
                     record->data.begin());
-        std::memset(result_p, 0xEE, sizeof *result_p);
+        memset(result_p, 0xEE, sizeof *result_p);
         ++now.changes;
     }
     return rc;
 }
 
-std::uint32_t kvs_insert_object(kvs_hdl hdl, const kvs_data_desc *data_p, std::uint32_t data_count,
-                                const kvs_key_attr *keys_p, std::uint32_t key_count,
-                                std::uint32_t reserved_1, std::uint32_t reserved_2,
-                                kvs_rec_hdl *rec_p)
+uint32_t kvs_insert_object(kvs_hdl hdl, const kvs_data_desc *data_p, uint32_t data_count,
+                           const kvs_key_attr *keys_p, uint32_t key_count, uint32_t reserved_1,
+                           uint32_t reserved_2, kvs_rec_hdl *rec_p)
 {
-    const std::uint32_t rc = enter("kvs_insert_object");
+    const uint32_t rc = enter("kvs_insert_object");
     expect(data_count == 1 && key_count == 1 && !reserved_1 && !reserved_2 &&
                *rec_p == UINT64_MAX && keys_p->key_len == 4 && keys_p->key_offset == 0 &&
                !keys_p->key_flags[0],
@@ -483,7 +475,7 @@ std::uint32_t kvs_insert_object(kvs_hdl hdl, const kvs_data_desc *data_p, std::u
     if (rc != 0 || !records)
         return rc != 0 ? rc : KVS_RC_BAD_HDL;
     const kvs_rec_hdl handle = 0x5000 + records->size();
-    const auto *const from = static_cast<const std::uint8_t *>(data_p->data_p);
+    const auto *const from = static_cast<const uint8_t *>(data_p->data_p);
     records->push_back({handle, bytes(from, from + data_p->data_len)});
     if (!now.insert_without_handle)
         *rec_p = handle;
@@ -491,10 +483,10 @@ std::uint32_t kvs_insert_object(kvs_hdl hdl, const kvs_data_desc *data_p, std::u
     return now.insert_tolerated ? KVS_RC_TOLERATED_ON_INSERT : 0;
 }
 
-std::uint32_t kvs_delete_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p)
+uint32_t kvs_delete_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p)
 {
     stored_record *record;
-    const std::uint32_t rc = enter("kvs_delete_object", hdl, rec_p, record);
+    const uint32_t rc = enter("kvs_delete_object", hdl, rec_p, record);
     if (rc == 0) {
         std::erase_if(*find_database(hdl), [&](const auto &r) { return r.handle == *rec_p; });
         ++now.changes;

@@ -5,18 +5,17 @@
 // error into one log, in order, and can make any call or any allocation of the library fail.
 #pragma once
 
+#include "kvs.h"
+
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
-#include "kvs.h"
+namespace scripted {
 
-namespace scripted
-{
-
-using bytes = std::vector<std::uint8_t>;
+using bytes = std::vector<uint8_t>;
 
 struct stored_record {
     kvs_rec_hdl handle;
@@ -35,7 +34,7 @@ struct script {
     int calls = 0;         // fallible platform calls so far
     int fail_call = 0;     // the number of the call that fails; 0 for none
     int calls_to_fail = 1; // how many in a row, from that one on
-    std::uint32_t fail_status = 0xC6960999;
+    uint32_t fail_status = 0xC6960999;
     int allocations = 0; // allocations of the library so far
     int fail_allocation = 0;
     std::string troubled; // the call or allocation that was made to fail, or met another trouble
@@ -51,10 +50,10 @@ struct script {
     bool array_on_failure = false; // a failed find leaves an array all the same
     bool insert_tolerated = false;
     bool insert_without_handle = false;
-    std::uint32_t read_length = UINT32_MAX; // a read copies no more than this
-    std::uint32_t size = UINT32_MAX;        // what a size query says instead of the truth
+    uint32_t read_length = UINT32_MAX; // a read copies no more than this
+    uint32_t size = UINT32_MAX;        // what a size query says instead of the truth
     int trylock_error = 0, lock_error = 0;
-    std::uint32_t job_id = 7; // 0: not a job
+    uint32_t job_id = 7; // 0: not a job
     std::string job_name = "/usr/sbin/daemon";
 };
 
@@ -64,13 +63,13 @@ extern script now;
 void reset();
 
 // Adds a record to a database.
-void put(const char *database, const std::vector<std::uint32_t> &words);
+void put(const char *database, const std::vector<uint32_t> &words);
 
 // The words of a live block.
-std::vector<std::uint32_t> content(void *block);
+std::vector<uint32_t> content(void *block);
 
 // Blocks that the library allocated, or was handed by the store, and nobody has freed. A write
 // beyond the end of one of them is a problem.
-std::size_t live_blocks();
+size_t live_blocks();
 
 } // namespace scripted

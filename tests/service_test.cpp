@@ -2,68 +2,67 @@
 //
 // Where a test needs to stand between two steps of an operation, it stands in the way of the
 // store's write, as any other platform could.
+#include "kvs.h"
+#include "state_dir.h"
+#include "ringlog.h"
+#include "scratch.h"
+#include "vs_kvs.h"
+
 #include <atomic>
+#include <dlfcn.h>
 #include <map>
 #include <random>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include <dlfcn.h>
-
-#include "kvs.h"
-#include "ringlog.h"
-#include "scratch.h"
-#include "state_dir.h"
-#include "vs_kvs.h"
-
 namespace {
 
 OWN_STATE_DIR(false);
 
-using words = std::vector<std::uint32_t>;
+using words = std::vector<uint32_t>;
 
 template <class Record>
-std::uint32_t put(std::uint32_t (*insert)(const Record *, kvs_rec_hdl *), const words &record)
+uint32_t put(uint32_t (*insert)(const Record *, kvs_rec_hdl *), const words &record)
 {
     kvs_rec_hdl handle;
     return insert(reinterpret_cast<const Record *>(record.data()), &handle);
 }
 
 // The length in words that a record has by its count.
-std::size_t length(const vs_objects_kvs_rec &object) { return 6 + object.supp_count; }
-std::size_t length(const vs_clients_info_kvs_rec &list) { return 2 + 5 * list.clients_count; }
-std::size_t length(const vs_client_objects_reg_kvs_rec &job) { return 2 + job.vs_count; }
+size_t length(const vs_objects_kvs_rec &object) { return 6 + object.supp_count; }
+size_t length(const vs_clients_info_kvs_rec &list) { return 2 + 5 * list.clients_count; }
+size_t length(const vs_client_objects_reg_kvs_rec &job) { return 2 + job.vs_count; }
 
 template <class Record>
-words get(std::uint32_t (*operation)(std::uint32_t, Record **), std::uint32_t key)
+words get(uint32_t (*operation)(uint32_t, Record **), uint32_t key)
 {
     Record *record = nullptr;
     if (operation(key, &record) != 0)
         return {};
-    const auto *const from = reinterpret_cast<const std::uint32_t *>(record);
+    const auto *const from = reinterpret_cast<const uint32_t *>(record);
     const words found(from, from + length(*record));
-    std::free(record);
+    free(record);
     return found;
 }
 
 // The ids of the listed objects, or the status of a listing that failed.
-std::uint32_t list_objects(words &ids)
+uint32_t list_objects(words &ids)
 {
     vs_objects_kvs_rec **records = nullptr;
-    std::uint32_t count = 0;
-    const std::uint32_t rc = vs_kvs_get_vs_objects_all_recs(&count, &records);
-    for (std::uint32_t i = 0; i < count; ++i) {
+    uint32_t count = 0;
+    const uint32_t rc = vs_kvs_get_vs_objects_all_recs(&count, &records);
+    for (uint32_t i = 0; i < count; ++i) {
         ids.push_back(records[i]->vs_object_id);
-        std::free(records[i]);
+        free(records[i]);
     }
-    std::free(records);
+    free(records);
     return rc;
 }
 
-std::vector<std::uint64_t> traced(const std::string &buffer)
+std::vector<uint64_t> traced(const std::string &buffer)
 {
-    std::vector<std::uint64_t> ids;
+    std::vector<uint64_t> ids;
     ringlog_reader *reader = nullptr;
     if (ringlog_open(buffer.c_str(), &reader) != 0)
         return ids;
@@ -91,15 +90,14 @@ void meanwhile(std::function<void()> &work)
 
 } // namespace
 
-extern "C" std::uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p,
-                                          std::uint32_t offset, const kvs_data_desc *data_p,
-                                          std::uint32_t data_count, std::uint32_t *value_p,
-                                          kvs_write_result *result_p)
+extern "C" uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p, uint32_t offset,
+                                     const kvs_data_desc *data_p, uint32_t data_count,
+                                     uint32_t *value_p, kvs_write_result *result_p)
 {
     static const auto real =
         reinterpret_cast<decltype(&kvs_write_object)>(dlsym(RTLD_NEXT, "kvs_write_object"));
     meanwhile(before_write);
-    const std::uint32_t rc = real(hdl, rec_p, offset, data_p, data_count, value_p, result_p);
+    const uint32_t rc = real(hdl, rec_p, offset, data_p, data_count, value_p, result_p);
     meanwhile(after_write);
     return rc;
 }
@@ -109,16 +107,16 @@ TEST(DISABLED_program, has_no_common_buffer) { EXPECT_EQ(vs_ringlog, 0u); }
 
 TEST(DISABLED_program, sets_up)
 {
-    const char *const job = std::getenv("VS_JOB_ID");
+    const char *const job = getenv("VS_JOB_ID");
     EXPECT_EQ(vs_kvs_initialize(1), 0u);
     EXPECT_EQ(g_vs_kvs_proc_name, job ? std::string(64, 'n') : "service_test");
     EXPECT_EQ(vs_kvs_get_vs_object_rec(0, nullptr), VS_FAULT_NULL_ARG);
     EXPECT_EQ(get(vs_kvs_get_vs_object_rec, 0), words{});
     const std::string home = "install/vs/kvs/" + (job ? job : std::to_string(getpid()));
     EXPECT_EQ(traced(home + "/api"),
-              (std::vector<std::uint64_t>{0x3020001010b, 0x30500010101, 0x30500010101,
-                                          0x30500010101, 0x10100010102}));
-    EXPECT_EQ(traced(home + "/errors"), std::vector<std::uint64_t>{0x10200010206});
+              (std::vector<uint64_t>{0x3020001010b, 0x30500010101, 0x30500010101, 0x30500010101,
+                                     0x10100010102}));
+    EXPECT_EQ(traced(home + "/errors"), std::vector<uint64_t>{0x10200010206});
     EXPECT_EQ(traced("install/vs/vs").back(), 0x603000055f0u);
 }
 
@@ -176,26 +174,26 @@ TEST(service, notices_some_interference)
 TEST(service, agrees_with_a_model)
 {
     create_databases();
-    std::map<std::uint32_t, words> objects, lists, jobs; // empty ones are not stored
-    const auto expect_put = [](std::uint32_t status, words &stored, const words &record) {
+    std::map<uint32_t, words> objects, lists, jobs; // empty ones are not stored
+    const auto expect_put = [](uint32_t status, words &stored, const words &record) {
         const bool is_new = stored.empty();
         EXPECT_EQ(status, is_new || stored == record ? 0u : KVS_RC_RECORD_EXISTS);
         if (is_new)
             stored = record;
     };
     std::mt19937 random(20261122);
-    const auto pick = [&](std::uint32_t n) { return static_cast<std::uint32_t>(random() % n); };
+    const auto pick = [&](uint32_t n) { return static_cast<uint32_t>(random() % n); };
     ASSERT_EQ(kvs_batch_begin(g_kvs_hdl_vs_objects_db), 0u);
     struct batch {
         ~batch() { kvs_batch_abort(); } // if the test fails half-way
     } const while_it_lasts;
     for (int step = 0; step < 4000; ++step) {
-        const std::uint32_t id = 1000 + pick(12), value = 1 + pick(9), pid = 100 + pick(50);
-        const vs_client_info_entry client{value, pid, {static_cast<std::uint8_t>(value)}};
+        const uint32_t id = 1000 + pick(12), value = 1 + pick(9), pid = 100 + pick(50);
+        const vs_client_info_entry client{value, pid, {static_cast<uint8_t>(value)}};
         words &stored = objects[id], &list = lists[id], &job = jobs[id];
-        const std::uint32_t no_object = stored.empty() ? VS_FAULT_NO_SUCH_OBJECT : 0;
-        const std::uint32_t no_list = list.empty() ? VS_FAULT_NO_SUCH_OBJECT : 0;
-        switch (const std::uint32_t kind = pick(9); kind) {
+        const uint32_t no_object = stored.empty() ? VS_FAULT_NO_SUCH_OBJECT : 0;
+        const uint32_t no_list = list.empty() ? VS_FAULT_NO_SUCH_OBJECT : 0;
+        switch (const uint32_t kind = pick(9); kind) {
         case 0: {
             words record{id, value, 0, 0, 0, value % 4};
             record.resize(6 + value % 4, value);
@@ -216,20 +214,20 @@ TEST(service, agrees_with_a_model)
             break;
         case 4:
         case 5: {
-            std::size_t at = 2;
+            size_t at = 2;
             while (at < list.size() && list[at] != value)
                 at += 5;
             const bool is_found = at < list.size();
-            const std::uint32_t status = kind == 4 ? vs_kvs_add_new_client_info(id, &client)
-                                                   : vs_kvs_update_client_info(id, &client);
+            const uint32_t status = kind == 4 ? vs_kvs_add_new_client_info(id, &client)
+                                              : vs_kvs_update_client_info(id, &client);
             EXPECT_EQ(status, no_list                  ? no_list
                               : kind == 4 && is_found  ? VS_FAULT_KVS_CLIENT_ALREADY_EXIST
                               : kind == 5 && !is_found ? VS_FAULT_INVALID_CLIENT_JID
                                                        : 0u);
             if (status == 0) {
                 list.resize(std::max(list.size(), at + 5));
-                std::memcpy(&list[at], &client, sizeof client);
-                list[1] = static_cast<std::uint32_t>(list.size() / 5);
+                memcpy(&list[at], &client, sizeof client);
+                list[1] = static_cast<uint32_t>(list.size() / 5);
             }
             break;
         }
@@ -268,12 +266,12 @@ TEST(service, serves_many_threads)
 {
     create_databases();
     std::vector<std::thread> threads;
-    for (std::uint32_t id = 2000; id < 2004; ++id)
+    for (uint32_t id = 2000; id < 2004; ++id)
         threads.emplace_back([id] {
             EXPECT_EQ(put(vs_kvs_insert_vs_object_rec, {id, 0, 0, 0, 0, 1, 5}), 0u);
             EXPECT_EQ(put(vs_kvs_insert_clients_info_rec, {id, 0}), 0u);
             EXPECT_EQ(put(vs_kvs_insert_client_objects_reg_rec, {id, 0}), 0u);
-            for (std::uint32_t i = 1; i <= 10; ++i) {
+            for (uint32_t i = 1; i <= 10; ++i) {
                 const vs_client_info_entry client{i, i, {}};
                 EXPECT_EQ(vs_kvs_update_vs_object_selected_version(id, i), 0u);
                 EXPECT_EQ(vs_kvs_add_new_client_info(id, &client), 0u);
@@ -289,7 +287,7 @@ TEST(service, serves_many_threads)
     std::atomic<bool> is_done{false};
     std::thread lister([&] {
         for (words ids; !is_done; ids.clear()) {
-            const std::uint32_t rc = list_objects(ids);
+            const uint32_t rc = list_objects(ids);
             EXPECT_TRUE(rc == 0 || rc == KVS_RC_NO_SUCH_RECORD || rc == VS_FAULT_KVS_DB_EMPTY)
                 << rc;
         }

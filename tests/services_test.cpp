@@ -5,9 +5,8 @@
 #include "lockwatch.h"
 #include "pinfo.h"
 #include "ringlog.h"
-#include "verbose.h"
-
 #include "scratch.h"
+#include "verbose.h"
 
 #include <dlfcn.h>
 #include <regex>

@@ -22,12 +22,12 @@ namespace fs = std::filesystem;
 constexpr unsigned patience = 60; // seconds after which something is stuck
 
 // Ends the program with a line on standard error unless `fine`.
-inline void need(bool fine, const char *what, std::uint32_t status = 0)
+inline void need(bool fine, const char *what, uint32_t status = 0)
 {
     if (fine)
         return;
-    std::fprintf(stderr, "failed: %s (0x%08X)\n", what, status);
-    std::abort();
+    fprintf(stderr, "failed: %s (0x%08X)\n", what, status);
+    abort();
 }
 
 // Made before the constructors of the libraries run, one of which opens a trace buffer. What is set
@@ -42,13 +42,13 @@ struct state_dir {
         char *setting = IsInMemory && mkdtemp(in_memory + 13) != nullptr ? in_memory : on_disk;
         if (environment[0] == nullptr || (setting == on_disk && mkdtemp(on_disk + 13) == nullptr))
             _exit(2);
-        while (environment[1] != nullptr && std::strncmp(environment[0], setting, 13) != 0)
+        while (environment[1] != nullptr && strncmp(environment[0], setting, 13) != 0)
             ++environment;
         environment[0] = setting;
     }
     ~state_dir() { fs::remove_all(path); }
 
-    const fs::path path = std::getenv("VS_STATE_DIR");
+    const fs::path path = getenv("VS_STATE_DIR");
 };
 
 #define OWN_STATE_DIR(is_in_memory)                                                                \
@@ -60,7 +60,7 @@ struct state_dir {
 template <class Work>
 pid_t start(const Work &work)
 {
-    std::fflush(nullptr);
+    fflush(nullptr);
     const pid_t child = fork();
     need(child >= 0, "fork");
     if (child == 0) {
@@ -99,8 +99,8 @@ T &shared()
 template <class Condition>
 bool comes(const Condition &is_so)
 {
-    const std::time_t end = std::time(nullptr) + patience;
-    while (!is_so() && std::time(nullptr) < end)
+    const std::time_t end = time(nullptr) + patience;
+    while (!is_so() && time(nullptr) < end)
         usleep(20);
     return is_so();
 }
@@ -112,7 +112,7 @@ inline std::string content_of(const fs::path &path)
 }
 
 // Of address space, in bytes.
-inline std::uint64_t memory_in_use() { return 4096 * std::stoull(content_of("/proc/self/statm")); }
+inline uint64_t memory_in_use() { return 4096 * std::stoull(content_of("/proc/self/statm")); }
 
 // Limits what this process may use, and returns what the limit was.
 inline rlim_t limit(__rlimit_resource what, rlim_t value)

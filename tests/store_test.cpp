@@ -4,8 +4,7 @@
 // takes over the calls by which store and engine ask the system for something, so that each can
 // fail in turn.
 #include "kvs.h"
-
-#include "platform/record_window.h"
+#include "platform/kvs/record_cache.h"
 #include "scratch.h"
 
 #include <atomic>
@@ -633,20 +632,20 @@ TEST(window, hands_out_what_was_put_there_at_this_moment)
 {
     platform::record_window window;
     std::mt19937 roll(1);
-    const auto bytes_of = [](std::uint32_t database, std::uint32_t key, std::uint64_t moment) {
+    const auto bytes_of = [](uint32_t database, uint32_t key, uint64_t moment) {
         std::string bytes(key % 500 == 0 ? 60000 : 20 + key % 200, static_cast<char>(moment));
-        std::memcpy(bytes.data(), &key, sizeof key);
+        memcpy(bytes.data(), &key, sizeof key);
         bytes.back() = static_cast<char>(database);
         return bytes;
     };
-    for (const std::uint64_t moment : {1, 2, 3}) {
-        const std::uint32_t keys = moment == 2 ? 2'000'000 : 20'000; // the many it cannot hold
-        const auto generation = static_cast<std::uint32_t>(moment);
+    for (const uint64_t moment : {1, 2, 3}) {
+        const uint32_t keys = moment == 2 ? 2'000'000 : 20'000; // the many it cannot hold
+        const auto generation = static_cast<uint32_t>(moment);
         window.turn_to(&window, moment);
         unsigned hits = 0;
         for (unsigned i = 0; i < 300'000; ++i) {
-            const auto key = static_cast<std::uint32_t>(roll() % keys * 2654435761u);
-            const std::uint32_t database = key >> 8 & 1;
+            const auto key = static_cast<uint32_t>(roll() % keys * 2654435761u);
+            const uint32_t database = key >> 8 & 1;
             std::string bytes = bytes_of(database, key, moment);
             platform::stored_record record{};
             const auto handle = platform::handle_of(key, generation);
@@ -655,8 +654,8 @@ TEST(window, hands_out_what_was_put_there_at_this_moment)
             hits += is_there ? 1 : 0;
             if (!is_there) {
                 record = {handle, reinterpret_cast<const unsigned char *>(bytes.data()),
-                          static_cast<std::uint32_t>(bytes.size())};
-                const std::uint32_t run = window.start_run(true);
+                          static_cast<uint32_t>(bytes.size())};
+                const uint32_t run = window.start_run(true);
                 ASSERT_TRUE(window.add(database, &record, run));
             }
             ASSERT_EQ(record.handle, handle);

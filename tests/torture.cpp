@@ -9,9 +9,9 @@
 // seed repeats the random choices of a run, though not the instants.
 #include "torture.h"
 
-#include <random>
-
 #include "vs_kvs.h"
+
+#include <random>
 
 OWN_STATE_DIR(false);
 
@@ -22,11 +22,11 @@ const fs::path &root = own.path;
 namespace {
 
 // Adds an element to a client list or a registration.
-std::uint32_t add_element(dice &roll, unsigned db, words &record, bool for_real)
+uint32_t add_element(dice &roll, unsigned db, words &record, bool for_real)
 {
-    const std::size_t at = record.size();
+    const size_t at = record.size();
     record.resize(vskvs::databases[db]->shape.length(++record[1]));
-    for (std::size_t i = at; i < record.size(); ++i)
+    for (size_t i = at; i < record.size(); ++i)
         record[i] = roll() | 1;
     if (!for_real)
         return 0;
@@ -36,10 +36,10 @@ std::uint32_t add_element(dice &roll, unsigned db, words &record, bool for_real)
     return vs_kvs_add_new_client_info(record[0], client);
 }
 
-std::uint32_t change_one(dice &roll, std::uint32_t first_key, contents &all, bool for_real)
+uint32_t change_one(dice &roll, uint32_t first_key, contents &all, bool for_real)
 {
     const unsigned db = roll.below(3);
-    const std::uint32_t key = first_key + roll.below(10), action = roll.below(4);
+    const uint32_t key = first_key + roll.below(10), action = roll.below(4);
     const auto at = all.find({db, key});
     if (at == all.end()) // and now and then with pages of its own
         return insert(roll, db, key, roll.below(action == 0 ? 1000 : 12), all, for_real);
@@ -57,38 +57,37 @@ std::uint32_t change_one(dice &roll, std::uint32_t first_key, contents &all, boo
 
 } // namespace
 
-std::uint32_t dice::operator()()
+uint32_t dice::operator()()
 {
-    std::uint64_t z = state += 0x9E3779B97F4A7C15;
+    uint64_t z = state += 0x9E3779B97F4A7C15;
     z = (z ^ z >> 30) * 0xBF58476D1CE4E5B9;
     z = (z ^ z >> 27) * 0x94D049BB133111EB;
-    return static_cast<std::uint32_t>(z >> 32);
+    return static_cast<uint32_t>(z >> 32);
 }
 
-std::uint32_t insert(dice &roll, unsigned db, std::uint32_t key, std::uint32_t count, contents &all,
-                     bool for_real)
+uint32_t insert(dice &roll, unsigned db, uint32_t key, uint32_t count, contents &all, bool for_real)
 {
     const vskvs::database &into = *vskvs::databases[db];
     words record(into.shape.length(count));
-    for (std::uint32_t &word : record)
+    for (uint32_t &word : record)
         word = roll();
     record[0] = key;
     record[into.shape.fields.size() - 1] = count;
-    const std::uint32_t status = for_real ? into.insert(record) : 0;
+    const uint32_t status = for_real ? into.insert(record) : 0;
     if (status == 0)
         all[{db, key}] = std::move(record);
     return status;
 }
 
-std::uint32_t change(std::uint64_t seed, std::uint32_t first_key, contents &all, bool for_real)
+uint32_t change(uint64_t seed, uint32_t first_key, contents &all, bool for_real)
 {
     dice roll{seed};
     if (roll.below(3) != 0)
         return change_one(roll, first_key, all, for_real);
     const bool keep = roll.below(4) != 0;
     contents changed = all;
-    std::uint32_t status = for_real ? kvs_batch_begin(g_kvs_hdl_vs_objects_db) : 0;
-    for (std::uint32_t left = 2 + roll.below(12); status == 0 && left != 0; --left)
+    uint32_t status = for_real ? kvs_batch_begin(g_kvs_hdl_vs_objects_db) : 0;
+    for (uint32_t left = 2 + roll.below(12); status == 0 && left != 0; --left)
         status = change_one(roll, first_key, changed, for_real);
     if (for_real && status == 0)
         status = keep ? kvs_batch_commit() : kvs_batch_abort();
@@ -99,7 +98,7 @@ std::uint32_t change(std::uint64_t seed, std::uint32_t first_key, contents &all,
 
 void open_databases()
 {
-    const std::uint32_t status = vs_kvs_initialize(1);
+    const uint32_t status = vs_kvs_initialize(1);
     need(status == 0, "opening the databases", status);
 }
 
@@ -129,7 +128,7 @@ void show_progress(const char *what, unsigned done, unsigned total)
 {
     static const bool on_terminal = isatty(STDERR_FILENO) == 1;
     if (on_terminal && (done % 10 == 0 || done >= total))
-        std::fprintf(stderr, "\r%s: %u of %u%s", what, done, total, done >= total ? "\n" : "");
+        fprintf(stderr, "\r%s: %u of %u%s", what, done, total, done >= total ? "\n" : "");
 }
 
 } // namespace torture
@@ -139,19 +138,19 @@ int main(int count, char **arguments)
     using namespace torture;
     const struct {
         const char *name;
-        bool (*run)(unsigned, std::uint64_t);
+        bool (*run)(unsigned, uint64_t);
         int times;
     } parts[] = {{"kills", kills, 100},
                  {"powercut", powercut, 200},
                  {"exhaustion", exhaustion, 0},
                  {"privilege", privilege, 0}};
     for (const auto &part : parts)
-        if (count > 1 && std::strcmp(arguments[1], part.name) == 0) {
+        if (count > 1 && strcmp(arguments[1], part.name) == 0) {
             const int times = count > 2 ? std::atoi(arguments[2]) : part.times;
-            const std::uint64_t seed =
-                count > 3 ? std::strtoull(arguments[3], nullptr, 10) : std::random_device{}();
+            const uint64_t seed =
+                count > 3 ? strtoull(arguments[3], nullptr, 10) : std::random_device{}();
             return part.run(static_cast<unsigned>(times), seed) ? 0 : 1;
         }
-    std::fprintf(stderr, "usage: torture kills|powercut|exhaustion|privilege [COUNT [SEED]]\n");
+    fprintf(stderr, "usage: torture kills|powercut|exhaustion|privilege [COUNT [SEED]]\n");
     return 2;
 }

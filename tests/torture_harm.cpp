@@ -1,5 +1,6 @@
 // A store that runs out of something, and one that somebody else is after.
 #include "torture.h"
+#include "vs_kvs.h"
 
 #include <algorithm>
 #include <csignal>
@@ -8,8 +9,6 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-
-#include "vs_kvs.h"
 
 namespace torture {
 namespace {
@@ -21,12 +20,12 @@ void skip(bool when, const char *why)
 {
     if (!when)
         return;
-    std::printf("torture: skipped: %s\n", why);
-    std::fflush(stdout);
+    printf("torture: skipped: %s\n", why);
+    fflush(stdout);
     _exit(not_here);
 }
 
-std::uint32_t bind(const char *name = "vs_objects")
+uint32_t bind(const char *name = "vs_objects")
 {
     kvs_appdesc about;
     kvs_hdl hdl = 0;
@@ -55,10 +54,10 @@ fs::path make_for_somebody()
 
 // ---- exhaustion ----
 
-void change_often(std::uint64_t seed, contents &all)
+void change_often(uint64_t seed, contents &all)
 {
     for (int left = 50; left != 0; --left) {
-        const std::uint32_t status = change(seed++, 1, all, true);
+        const uint32_t status = change(seed++, 1, all, true);
         need(status == 0, "changing", status);
     }
     need(stored() == all, "the contents after changing");
@@ -68,7 +67,7 @@ void change_often(std::uint64_t seed, contents &all)
 // is refused; `widen` ends the scarcity. What was acknowledged is there and nothing else, and work
 // goes on.
 void run_out(const std::function<void()> &narrow, const std::function<void()> &widen,
-             std::initializer_list<std::uint32_t> allowed)
+             std::initializer_list<uint32_t> allowed)
 {
     dice roll{1};
     contents all;
@@ -77,8 +76,8 @@ void run_out(const std::function<void()> &narrow, const std::function<void()> &w
     for (const bool batch : {false, true}) {
         contents tried = all;
         narrow();
-        std::uint32_t status = batch ? kvs_batch_begin(g_kvs_hdl_vs_objects_db) : 0;
-        for (std::uint32_t key = 100; status == 0 && key < 300; ++key)
+        uint32_t status = batch ? kvs_batch_begin(g_kvs_hdl_vs_objects_db) : 0;
+        for (uint32_t key = 100; status == 0 && key < 300; ++key)
             status = insert(roll, 0, batch ? key + 200 : key, 50'000, tried, true);
         if (batch)
             status = status == 0 ? kvs_batch_commit() : (kvs_batch_abort(), status);
@@ -130,7 +129,7 @@ void no_descriptors()
         return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
     };
     const auto open_before = count_open();
-    std::uint32_t status = KVS_RC_NO_DESCRIPTORS;
+    uint32_t status = KVS_RC_NO_DESCRIPTORS;
     rlim_t most = 3;
     for (; status == KVS_RC_NO_DESCRIPTORS && most < 64; ++most) {
         const rlim_t before = limit(RLIMIT_NOFILE, most);
@@ -177,7 +176,7 @@ void other_users()
              entry.path().c_str());
     for (const mode_t mode : {0700u, 0755u}) {
         set_mode(state, mode);
-        const std::uint32_t expected = mode == 0700 ? KVS_RC_STATE_DIR : KVS_RC_ACCESS;
+        const uint32_t expected = mode == 0700 ? KVS_RC_STATE_DIR : KVS_RC_ACCESS;
         need(in_child([&] { become_somebody(), _exit(bind() != expected); }) == 0, "another user");
     }
     set_mode(state, 0777);
@@ -199,7 +198,7 @@ void planted_files()
             const int planted =
                 is_link ? symlink(victim.c_str(), place.c_str()) : mkfifo(place.c_str(), 0600);
             need(planted == 0, "planting");
-            const std::uint32_t expected = name.ends_with(".new") ? 0 : KVS_RC_STATE_DIR;
+            const uint32_t expected = name.ends_with(".new") ? 0 : KVS_RC_STATE_DIR;
             need(in_child([&] { alarm(patience), _exit(bind("../outside/db") != expected); }) == 0,
                  name.c_str());
             need(content_of(victim) == "secret" &&
@@ -251,17 +250,17 @@ bool go_through(const char *what, std::initializer_list<ordeal> ordeals)
         skipped += status == not_here;
         if (status == 0 || status == not_here)
             continue;
-        std::fprintf(stderr, "torture %s: %s: exit status %d\n", what, it.name, status);
+        fprintf(stderr, "torture %s: %s: exit status %d\n", what, it.name, status);
         ++failed;
     }
-    std::printf("torture %s: %zu ordeals, %u skipped, %u failed\n", what, ordeals.size(), skipped,
-                failed);
+    printf("torture %s: %zu ordeals, %u skipped, %u failed\n", what, ordeals.size(), skipped,
+           failed);
     return failed == 0;
 }
 
 } // namespace
 
-bool exhaustion(unsigned, std::uint64_t)
+bool exhaustion(unsigned, uint64_t)
 {
     return go_through("exhaustion", {{"a limit on the file's size", file_size_limit},
                                      {"a full disk", full_disk},
@@ -270,7 +269,7 @@ bool exhaustion(unsigned, std::uint64_t)
                                      {"no permission", no_permission}});
 }
 
-bool privilege(unsigned, std::uint64_t)
+bool privilege(unsigned, uint64_t)
 {
     return go_through("privilege", {{"other users", other_users},
                                     {"planted files", planted_files},

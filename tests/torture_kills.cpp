@@ -11,29 +11,29 @@ namespace torture {
 namespace {
 
 constexpr unsigned writers = 3, rounds_on_one_store = 10;
-constexpr std::uint32_t key_range = 1u << 20; // of each writer
+constexpr uint32_t key_range = 1u << 20; // of each writer
 
 // What outlives a writer: its word about its changes, which are numbered. And what an inspection
 // tells.
 struct board {
     struct {
-        std::atomic<std::uint64_t> started, acknowledged;
+        std::atomic<uint64_t> started, acknowledged;
     } by[writers];
     finding found[writers];
 };
 
 struct totals {
     unsigned kills = 0, kept = 0, wrong = 0, failed = 0;
-    std::uint64_t acknowledged = 0;
+    uint64_t acknowledged = 0;
 
     bool all_well() const { return wrong + failed == 0; }
 };
 
 struct writer {
-    std::uint32_t first_key;
-    std::uint64_t seed;
-    contents before, after;  // the change in flight, if there is one
-    std::uint64_t known = 0; // the number of the last change that is in `before`
+    uint32_t first_key;
+    uint64_t seed;
+    contents before, after; // the change in flight, if there is one
+    uint64_t known = 0;     // the number of the last change that is in `before`
 };
 
 void take_job(const char *id) // so that all its incarnations share its trace buffers
@@ -49,7 +49,7 @@ void take_job(const char *id) // so that all its incarnations share its trace bu
     for (;;) {
         alarm(patience);
         told.by[number].started = ++me.known;
-        const std::uint32_t status = change(me.seed + me.known, me.first_key, me.before, true);
+        const uint32_t status = change(me.seed + me.known, me.first_key, me.before, true);
         need(status == 0, "changing", status);
         told.by[number].acknowledged = me.known;
     }
@@ -73,7 +73,7 @@ void look_for_dead_slots(const char *store)
 
 // Looks twice, with a change between: a commit whose writer died just before it could tell the
 // engine's other processes is shown when the next writer comes.
-void inspect(const writer (&all)[writers], const fs::path &state, board &told, std::uint64_t seed)
+void inspect(const writer (&all)[writers], const fs::path &state, board &told, uint64_t seed)
 {
     take_job("100");
     contents mine;
@@ -104,7 +104,7 @@ void kill_all(dice &roll, const writer (&all)[writers], board &told, totals &sum
     const unsigned first = roll.below(writers);
     for (unsigned left = writers; left != 0; --left) {
         const unsigned i = (first + left) % writers;
-        const std::uint64_t acknowledged = told.by[i].acknowledged;
+        const uint64_t acknowledged = told.by[i].acknowledged;
         if (roll.below(4) != 0)
             sum.failed += !comes([&] { return told.by[i].acknowledged != acknowledged; });
         usleep(static_cast<useconds_t>(std::pow(30'000, roll.below(1000) / 1000.0)));
@@ -125,7 +125,7 @@ void check(writer (&all)[writers], board &told, const fs::path &state, totals &s
         if (told.by[i].started > it.known)
             change(it.seed + ++it.known, it.first_key, it.after, false);
     }
-    sum.failed += in_child([&] { inspect(all, state, told, std::uint64_t{sum.kills} << 32); }) != 0;
+    sum.failed += in_child([&] { inspect(all, state, told, uint64_t{sum.kills} << 32); }) != 0;
     for (unsigned i = 0; i < writers; ++i) {
         sum.wrong += told.found[i] == finding::wrong;
         sum.kept += told.found[i] == finding::after;
@@ -137,7 +137,7 @@ void check(writer (&all)[writers], board &told, const fs::path &state, totals &s
 
 } // namespace
 
-bool kills(unsigned count, std::uint64_t seed)
+bool kills(unsigned count, uint64_t seed)
 {
     dice roll{seed};
     totals sum;
@@ -146,7 +146,7 @@ bool kills(unsigned count, std::uint64_t seed)
         auto &told = shared<board>();
         writer all[writers];
         for (unsigned i = 0; i < writers; ++i)
-            all[i] = {(i + 1) * key_range, std::uint64_t{roll()} << 32, {}, {}};
+            all[i] = {(i + 1) * key_range, uint64_t{roll()} << 32, {}, {}};
         // Somebody who keeps the readers' table from being made anew. Comes after the first round,
         // in which the store is made under the kills.
         pid_t keeper = 0;
@@ -170,10 +170,10 @@ bool kills(unsigned count, std::uint64_t seed)
             sum.failed += finish(keeper) != 128 + SIGKILL;
         }
     }
-    std::printf("torture kills: %u kills, %llu acknowledged changes, %u kept in flight, %u lost or "
-                "torn, %u failed (seed %llu)\n",
-                sum.kills, static_cast<unsigned long long>(sum.acknowledged), sum.kept, sum.wrong,
-                sum.failed, static_cast<unsigned long long>(seed));
+    printf("torture kills: %u kills, %llu acknowledged changes, %u kept in flight, %u lost or "
+           "torn, %u failed (seed %llu)\n",
+           sum.kills, static_cast<unsigned long long>(sum.acknowledged), sum.kept, sum.wrong,
+           sum.failed, static_cast<unsigned long long>(seed));
     return sum.all_well();
 }
 

@@ -21,8 +21,8 @@ enum class what { start, write, return_synced, sync, rename, sync_names };
 
 struct event {
     what kind;
-    std::size_t offset;     // of a write
-    std::size_t first, end; // of its bytes, among all that were written
+    size_t offset;     // of a write
+    size_t first, end; // of its bytes, among all that were written
 };
 
 struct recording {
@@ -36,13 +36,13 @@ bool is_recording = false; // in this process
 
 const event &record(what kind, off_t offset = 0, const iovec *parts = nullptr, int count = 0)
 {
-    const std::size_t first = tape->count != 0 ? tape->events[tape->count - 1].end : 0;
+    const size_t first = tape->count != 0 ? tape->events[tape->count - 1].end : 0;
     need(tape->count < std::size(tape->events), "room to record");
     event &it = tape->events[tape->count++];
-    it = {kind, static_cast<std::size_t>(offset), first, first};
-    for (const iovec &part : std::span(parts, static_cast<std::size_t>(count))) {
+    it = {kind, static_cast<size_t>(offset), first, first};
+    for (const iovec &part : std::span(parts, static_cast<size_t>(count))) {
         need(part.iov_len <= sizeof tape->bytes - it.end, "room to record");
-        std::memcpy(tape->bytes + it.end, part.iov_base, part.iov_len);
+        memcpy(tape->bytes + it.end, part.iov_base, part.iov_len);
         it.end += part.iov_len;
     }
     return it;
@@ -53,7 +53,7 @@ bool leads_to(int fd, const char *name)
 {
     std::error_code none;
     return fs::read_symlink("/proc/self/fd/" + std::to_string(fd), none) ==
-           std::getenv("VS_STATE_DIR") + std::string(name);
+           getenv("VS_STATE_DIR") + std::string(name);
 }
 
 bool is_recorded(int fd)
@@ -108,7 +108,7 @@ int fsync(int fd) { return torture::record_sync(fd, SYS_fsync); }
 
 int renameat(int from_dir, const char *from, int to_dir, const char *to) noexcept
 {
-    if (torture::is_recording && std::strcmp(to, "store.mdb") == 0)
+    if (torture::is_recording && strcmp(to, "store.mdb") == 0)
         torture::record(torture::what::rename);
     return static_cast<int>(syscall(SYS_renameat, from_dir, from, to_dir, to));
 }
@@ -147,13 +147,13 @@ public:
     // What a cut leaves of the file.
     file after_cut(dice &roll) const
     {
-        const std::size_t sector = roll.below(2) == 0 ? 512 : 4096;
-        const std::uint32_t shares[] = {0, 5, 50, 95, 100}, share = shares[roll.below(5)];
+        const size_t sector = roll.below(2) == 0 ? 512 : 4096;
+        const uint32_t shares[] = {0, 5, 50, 95, 100}, share = shares[roll.below(5)];
         file result = file_;
         if (roll.below(2) == 0) // the length may be there and the bytes not
             result.resize(everything().size());
         for (const auto &[write, synced] : pending_)
-            for (std::size_t from = write->first, end; from < write->end; from = end) {
+            for (size_t from = write->first, end; from < write->end; from = end) {
                 end = std::min(from + sector - (write->offset + from - write->first) % sector,
                                write->end);
                 if (synced || roll.below(100) < share)
@@ -173,9 +173,9 @@ private:
         bool synced;
     };
 
-    static void put(file &to, const event &write, std::size_t from, std::size_t end)
+    static void put(file &to, const event &write, size_t from, size_t end)
     {
-        const std::size_t at = write.offset + from - write.first;
+        const size_t at = write.offset + from - write.first;
         to.resize(std::max(to.size(), at + end - from));
         to.replace(at, end - from, tape->bytes + from, end - from);
     }
@@ -186,9 +186,9 @@ private:
 };
 
 constexpr unsigned changes_of_a_session = 60, states_of_a_session = 100;
-constexpr std::uint32_t first_key = 1;
+constexpr uint32_t first_key = 1;
 
-void record_session(std::uint64_t seed)
+void record_session(uint64_t seed)
 {
     tape->count = 0;
     const fs::path state = use_new_state("recorded");
@@ -230,7 +230,7 @@ void record_session(std::uint64_t seed)
 
 } // namespace
 
-bool powercut(unsigned states, std::uint64_t seed)
+bool powercut(unsigned states, uint64_t seed)
 {
     tape = &shared<recording>();
     setenv("VS_JOB_ID", "1", 1); // so that all share their trace buffers
@@ -238,7 +238,7 @@ bool powercut(unsigned states, std::uint64_t seed)
     dice roll{seed};
     unsigned done = 0, without = 0, with = 0;
     while (done < states && done == without + with) {
-        const std::uint64_t change_seed = std::uint64_t{roll()} << 32;
+        const uint64_t change_seed = uint64_t{roll()} << 32;
         record_session(change_seed);
         const fs::path state = use_new_state("replayed");
         fs::create_directory(state);
@@ -265,10 +265,9 @@ bool powercut(unsigned states, std::uint64_t seed)
             show_progress("powercut", ++done, states);
         }
     }
-    std::printf(
-        "torture powercut: %u states, %u without and %u with the change in flight, %u lost, "
-        "torn or failed (seed %llu)\n",
-        done, without, with, done - without - with, static_cast<unsigned long long>(seed));
+    printf("torture powercut: %u states, %u without and %u with the change in flight, %u lost, "
+           "torn or failed (seed %llu)\n",
+           done, without, with, done - without - with, static_cast<unsigned long long>(seed));
     return done == without + with;
 }
 

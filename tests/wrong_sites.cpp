@@ -1,5 +1,5 @@
 // Sites that must not compile: one for each WRONG, and none for 0.
-#include "frame/sites.h"
+#include "core/messages.h"
 
 using namespace vs_kvs;
 

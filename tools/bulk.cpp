@@ -1,16 +1,16 @@
 // The commands on many records: each validates all of its input before the first change, and makes
 // its changes in one batch of the store, so that they come about together or not at all.
+#include "tools/commands.h"
+#include "vs_kvs.h"
+
 #include <algorithm>
 #include <array>
 #include <unordered_map>
 
-#include "tools/commands.h"
-#include "vs_kvs.h"
-
 namespace vskvs {
 namespace {
 
-constexpr std::size_t chunk_size = 4096; // elements of one bulk call
+constexpr size_t chunk_size = 4096; // elements of one bulk call
 
 // What a bulk population stores, and the fields of a line that selects a version.
 constexpr fixed_value population[] = {
@@ -20,12 +20,12 @@ constexpr shape selection{selection_fields, nullptr, false};
 
 constexpr const char dump_header[] = "vskvs_dump";
 constexpr const char dump_end[] = "vskvs_dump_end";
-constexpr std::uint32_t dump_format = 1;
+constexpr uint32_t dump_format = 1;
 
 // The keys that a file has given so far, each with its line.
 class key_set {
 public:
-    void add(const database &db, const json_line &line, std::uint32_t key)
+    void add(const database &db, const json_line &line, uint32_t key)
     {
         const auto [at, is_new] = lines_.emplace(key, line.number());
         if (!is_new)
@@ -35,10 +35,10 @@ public:
     }
 
 private:
-    std::unordered_map<std::uint32_t, std::size_t> lines_;
+    std::unordered_map<uint32_t, size_t> lines_;
 };
 
-void refuse_invalid_object(const json_line &line, std::uint32_t id)
+void refuse_invalid_object(const json_line &line, uint32_t id)
 {
     if (id == 0)
         line.refuse("/vs_object_id", "vs_object_id must not be 0");
@@ -58,14 +58,14 @@ std::vector<words> read_objects(const arguments &given)
 }
 
 // One call of the library's bulk operation.
-std::uint32_t apply(std::span<const words> chunk, bool update)
+uint32_t apply(std::span<const words> chunk, bool update)
 {
     std::vector<vs_object_sel_entry> entries;
-    std::vector<const std::uint32_t *> versions;
-    std::vector<std::uint32_t> counts;
+    std::vector<const uint32_t *> versions;
+    std::vector<uint32_t> counts;
     for (const words &record : chunk)
         entries.push_back({record[0], record[1], {}});
-    const auto count = static_cast<std::uint32_t>(chunk.size());
+    const auto count = static_cast<uint32_t>(chunk.size());
     if (update)
         return vs_kvs_update_vs_objects(entries.data(), count);
     for (const words &record : chunk) {
@@ -75,13 +75,13 @@ std::uint32_t apply(std::span<const words> chunk, bool update)
     return vs_kvs_insert_vs_objects(entries.data(), count, versions.data(), counts.data());
 }
 
-using record_map = std::unordered_map<std::uint32_t, words>;
+using record_map = std::unordered_map<uint32_t, words>;
 
 record_map stored_objects()
 {
     record_map stored;
     for (words &record : read_all(objects)) {
-        const std::uint32_t id = record[0];
+        const uint32_t id = record[0];
         stored.emplace(id, std::move(record));
     }
     return stored;
@@ -89,7 +89,7 @@ record_map stored_objects()
 
 // A bulk operation does not say which element it failed at. When it was one that is stored already,
 // with other contents, its name is what the user needs.
-[[noreturn]] void explain_failure(std::uint32_t status, const arguments &given,
+[[noreturn]] void explain_failure(uint32_t status, const arguments &given,
                                   const std::vector<words> &records, const record_map &stored)
 {
     if (status == KVS_RC_RECORD_EXISTS)
@@ -101,7 +101,7 @@ record_map stored_objects()
 }
 
 void insert_all(const database &db, const std::vector<words> &records, const progress_bar &progress,
-                std::size_t &done)
+                size_t &done)
 {
     for (const words &record : records) {
         require(db.insert(record), db, record[0]);
@@ -121,7 +121,7 @@ using all_records = std::array<dumped, std::size(databases)>;
 all_records no_records()
 {
     all_records all;
-    for (std::size_t i = 0; i < all.size(); ++i)
+    for (size_t i = 0; i < all.size(); ++i)
         all[i].db = databases[i];
     return all;
 }
@@ -187,16 +187,16 @@ void import_objects(const arguments &given)
     initialize("object import");
     const char *const verb = given.update ? "selecting" : "importing";
     const progress_bar progress(verb, records.size());
-    std::size_t without_record = 0;
+    size_t without_record = 0;
     change_all([&] {
         const record_map stored = stored_objects();
-        without_record = static_cast<std::size_t>(std::ranges::count_if(
+        without_record = static_cast<size_t>(std::ranges::count_if(
             records, [&](const words &record) { return !stored.contains(record[0]); }));
-        std::size_t done = 0;
+        size_t done = 0;
         do {
-            const std::size_t size = std::min(chunk_size, records.size() - done);
+            const size_t size = std::min(chunk_size, records.size() - done);
             const auto chunk = std::span(records).subspan(done, size);
-            if (const std::uint32_t rc = apply(chunk, given.update); rc == KVS_RC_BATCH_FULL)
+            if (const uint32_t rc = apply(chunk, given.update); rc == KVS_RC_BATCH_FULL)
                 require(rc, given.file);
             else if (rc != 0)
                 explain_failure(rc, given, records, stored);
@@ -204,7 +204,7 @@ void import_objects(const arguments &given)
             progress.show(done);
         } while (done < records.size());
     });
-    const std::size_t known = records.size() - without_record;
+    const size_t known = records.size() - without_record;
     if (given.update)
         print("selected the versions of " + counted(known, "object") + "; " +
               counted(without_record, "object") + " skipped that no record has\n");
@@ -237,7 +237,7 @@ void restore(const arguments &given)
 {
     const all_records all = read_dump(given.file);
     initialize("restore");
-    std::size_t total = 0;
+    size_t total = 0;
     for (const dumped &of : all)
         total += of.records.size();
     const progress_bar progress("restoring", total);
@@ -246,7 +246,7 @@ void restore(const arguments &given)
             if (!read_all(*db).empty())
                 throw failure(std::string("restore: the store is not empty: ") + db->name +
                               " has records");
-        std::size_t done = 0;
+        size_t done = 0;
         for (const dumped &of : all)
             insert_all(*of.db, of.records, progress, done);
     });

@@ -2,15 +2,15 @@
 // identifier alone is not enough, since operations share identifiers where they share steps.
 #include "tools/catalogue.h"
 
+#include "clients/messages.h"
+#include "core/messages.h"
+#include "fault.h"
+#include "objects/messages.h"
+#include "registrations/messages.h"
+
 #include <cstring>
 #include <tuple>
 #include <vector>
-
-#include "clients/sites.h"
-#include "fault.h"
-#include "frame/sites.h"
-#include "objects/sites.h"
-#include "registrations/sites.h"
 
 namespace vskvs {
 namespace {
@@ -23,7 +23,7 @@ struct fact {
 
 struct catalogued_site {
     const char *operation; // null in the messages that all operations share
-    std::uint64_t id;
+    uint64_t id;
     const char *text;
     std::vector<fact> facts;
 };
@@ -33,7 +33,7 @@ using catalogue = std::vector<catalogued_site>;
 template <vs_kvs::channel To, class... Facts>
 void add_site(catalogue &to, const char *operation, const vs_kvs::site<To, Facts...> &site)
 {
-    const char *const text = site.text + (site.names_operation ? std::strlen("%s: ") : 0);
+    const char *const text = site.text + (site.names_operation ? strlen("%s: ") : 0);
     to.push_back(
         {operation, site.id, text, {{Facts::name, Facts::traced_as, Facts::printed_as}...}});
 }
@@ -55,7 +55,7 @@ const catalogue &all_sites()
     static const catalogue sites = [] {
         catalogue all;
         add_sites(all, nullptr, vs_kvs::common_messages);
-        add_operations(all, vs_kvs::frame::operations{});
+        add_operations(all, vs_kvs::startup::operations{});
         add_operations(all, vs_kvs::objects::operations{});
         add_operations(all, vs_kvs::clients::operations{});
         add_operations(all, vs_kvs::registrations::operations{});
@@ -67,13 +67,13 @@ const catalogue &all_sites()
 // The arguments before the facts: the operation's name, and before it the process id in the
 // messages that all operations share.
 struct heading {
-    std::uint32_t length = 0;
+    uint32_t length = 0;
     const char *operation = nullptr;
 };
 
 heading heading_of(const ringlog_record &record)
 {
-    for (std::uint32_t i = 0; i < record.argument_count && i < 2; ++i)
+    for (uint32_t i = 0; i < record.argument_count && i < 2; ++i)
         if (record.arguments[i].text)
             return {i + 1, record.arguments[i].text};
     return {};
@@ -84,30 +84,30 @@ const catalogued_site *find_site(const ringlog_record &record, const heading &he
     for (const catalogued_site &site : all_sites()) {
         const bool is_common = site.operation == nullptr;
         if (site.id == record.id && head.length == (is_common ? 2 : 1) &&
-            (is_common || std::strcmp(site.operation, head.operation) == 0) &&
+            (is_common || strcmp(site.operation, head.operation) == 0) &&
             site.facts.size() == record.argument_count - head.length)
             return &site;
     }
     return nullptr;
 }
 
-std::string formatted(char conversion, std::uint64_t number)
+std::string formatted(char conversion, uint64_t number)
 {
     char text[24];
-    const auto value = static_cast<std::uint32_t>(number);
+    const auto value = static_cast<uint32_t>(number);
     if (conversion == 'X')
-        std::snprintf(text, sizeof text, "%X", value);
+        snprintf(text, sizeof text, "%X", value);
     else if (conversion == 'd')
-        std::snprintf(text, sizeof text, "%d", static_cast<std::int32_t>(value));
+        snprintf(text, sizeof text, "%d", static_cast<int32_t>(value));
     else
-        std::snprintf(text, sizeof text, "%u", value);
+        snprintf(text, sizeof text, "%u", value);
     return text;
 }
 
 std::string sentence_of(const catalogued_site &site, const ringlog_argument *arguments)
 {
     std::string sentence;
-    std::size_t next = 0;
+    size_t next = 0;
     for (const char *at = site.text; *at != '\0'; ++at) {
         if (*at != '%') {
             sentence += *at;
@@ -121,7 +121,7 @@ std::string sentence_of(const catalogued_site &site, const ringlog_argument *arg
         else if (argument.text)
             sentence += argument.text;
         else
-            sentence += fault_strerror(static_cast<std::uint32_t>(argument.number));
+            sentence += fault_strerror(static_cast<uint32_t>(argument.number));
     }
     return sentence;
 }
@@ -137,7 +137,7 @@ void add_fact(json &facts, const std::string &name, const ringlog_argument &argu
 told_record tell_raw(const ringlog_record &record, const heading &head)
 {
     told_record told{head.operation ? head.operation : "", hex(record.id), json::object()};
-    for (std::uint32_t i = head.length; i < record.argument_count; ++i) {
+    for (uint32_t i = head.length; i < record.argument_count; ++i) {
         const ringlog_argument &argument = record.arguments[i];
         told.sentence +=
             " " + (argument.text ? '"' + std::string(argument.text) + '"' : hex(argument.number));
@@ -155,11 +155,11 @@ told_record tell(const ringlog_record &record)
     if (!site)
         return tell_raw(record, head);
     const ringlog_argument *const arguments = record.arguments + head.length;
-    for (std::size_t i = 0; i < site->facts.size(); ++i)
+    for (size_t i = 0; i < site->facts.size(); ++i)
         if ((site->facts[i].traced_as == vs_kvs::fact_kind::text) != (arguments[i].text != nullptr))
             return tell_raw(record, head);
     told_record told{head.operation, sentence_of(*site, arguments), json::object()};
-    for (std::size_t i = 0; i < site->facts.size(); ++i)
+    for (size_t i = 0; i < site->facts.size(); ++i)
         add_fact(told.facts, site->facts[i].name, arguments[i]);
     return told;
 }

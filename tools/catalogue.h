@@ -1,10 +1,10 @@
 // The library's reporting sites, flattened into one table, and trace records told with their help.
 #pragma once
 
-#include <string>
-
 #include "ringlog.h"
 #include "tools/output.h"
+
+#include <string>
 
 namespace vskvs {
 

@@ -2,6 +2,9 @@
 //
 // The library reads a whole database or nothing of it, and refuses records that are too short. To
 // say which record is at fault, the check goes to the store itself.
+#include "tools/commands.h"
+#include "vs_kvs.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -9,19 +12,16 @@
 #include <map>
 #include <set>
 
-#include "tools/commands.h"
-#include "vs_kvs.h"
-
 namespace vskvs {
 namespace {
 
 // Records by key; those that are too short to be read are there without words.
-using record_map = std::map<std::uint32_t, words>;
+using record_map = std::map<uint32_t, words>;
 
 class findings {
 public:
     // A finding about the record of `key`. The facts are its fields in the JSON document.
-    void add(const char *kind, const database &db, std::uint32_t key, const std::string &message,
+    void add(const char *kind, const database &db, uint32_t key, const std::string &message,
              json facts)
     {
         lines_.push_back(red(kind) + "  " + subject(db, key) + ": " + message);
@@ -41,7 +41,7 @@ public:
             print("everything fits together\n");
     }
 
-    std::size_t count() const { return lines_.size(); }
+    size_t count() const { return lines_.size(); }
 
 private:
     std::vector<std::string> lines_;
@@ -49,11 +49,11 @@ private:
 };
 
 // The stored bytes of one record, as words; `length` is what the store says.
-words stored_words(const database &db, kvs_hdl hdl, kvs_rec_hdl handle, std::uint32_t &length)
+words stored_words(const database &db, kvs_hdl hdl, kvs_rec_hdl handle, uint32_t &length)
 {
     require(kvs_get_object_size(hdl, &handle, &length), db.name);
     words record(std::max((length + 3) / 4, 1u));
-    std::uint32_t got = length;
+    uint32_t got = length;
     require(kvs_read_object(hdl, &handle, 0, record.data(), &got), db.name);
     return record;
 }
@@ -64,16 +64,16 @@ record_map all_records(const database &db, findings &found)
 {
     const kvs_hdl hdl = bind(db, "check");
     kvs_rec_hdl *array = nullptr;
-    std::uint32_t count = 0;
+    uint32_t count = 0;
     require(kvs_find_objects(hdl, nullptr, 0, 0, &array, &count), db.name);
-    const std::unique_ptr<kvs_rec_hdl, decltype(&std::free)> owner(array, &std::free);
+    const std::unique_ptr<kvs_rec_hdl, decltype(&free)> owner(array, &free);
     record_map all;
-    for (std::uint32_t i = 0; i < count; ++i) {
-        std::uint32_t length = 0;
+    for (uint32_t i = 0; i < count; ++i) {
+        uint32_t length = 0;
         words record = stored_words(db, hdl, array[i], length);
-        const std::uint32_t key = record[0];
+        const uint32_t key = record[0];
         const bool has_count = length >= 4 * db.shape.fields.size();
-        const std::size_t wanted =
+        const size_t wanted =
             has_count ? 4 * db.shape.length(db.shape.count(record)) : 4 * db.shape.fields.size();
         if (length != wanted) {
             const std::string claim =
@@ -93,13 +93,13 @@ record_map all_records(const database &db, findings &found)
 
 void check_selections(const record_map &all, findings &found)
 {
-    const std::size_t fixed = objects.shape.fields.size();
+    const size_t fixed = objects.shape.fields.size();
     for (const auto &[id, record] : all) {
         if (record.empty())
             continue;
-        const std::uint32_t selected = record[1];
+        const uint32_t selected = record[1];
         const bool selects_nothing = selected == 0 && record.size() == fixed;
-        if (!selects_nothing && std::find(record.begin() + static_cast<std::ptrdiff_t>(fixed),
+        if (!selects_nothing && std::find(record.begin() + static_cast<ptrdiff_t>(fixed),
                                           record.end(), selected) == record.end())
             found.add("unsupported-selection", objects, id,
                       "version " + std::to_string(selected) +
@@ -109,14 +109,14 @@ void check_selections(const record_map &all, findings &found)
 }
 
 // The elements of a record, without those that stand in it twice, which are findings.
-std::vector<std::span<const std::uint32_t>> distinct_elements(const database &db,
-                                                              const words &record, const char *kind,
-                                                              const char *name, findings &found)
+std::vector<std::span<const uint32_t>> distinct_elements(const database &db, const words &record,
+                                                         const char *kind, const char *name,
+                                                         findings &found)
 {
-    std::vector<std::span<const std::uint32_t>> elements;
-    std::set<std::uint32_t> seen;
-    const std::size_t count = record.empty() ? 0 : db.shape.count(record);
-    for (std::size_t i = 0; i < count; ++i) {
+    std::vector<std::span<const uint32_t>> elements;
+    std::set<uint32_t> seen;
+    const size_t count = record.empty() ? 0 : db.shape.count(record);
+    for (size_t i = 0; i < count; ++i) {
         const auto element = db.shape.element(record, i);
         if (seen.insert(element[0]).second)
             elements.push_back(element);
@@ -128,7 +128,7 @@ std::vector<std::span<const std::uint32_t>> distinct_elements(const database &db
     return elements;
 }
 
-void check_process(std::uint32_t id, std::span<const std::uint32_t> client, findings &found)
+void check_process(uint32_t id, std::span<const uint32_t> client, findings &found)
 {
     const auto pid = static_cast<pid_t>(client[1]);
     if (pid > 0 && (kill(pid, 0) == 0 || errno != ESRCH))
@@ -139,7 +139,7 @@ void check_process(std::uint32_t id, std::span<const std::uint32_t> client, find
               {{"jid", client[0]}, {"pid", client[1]}});
 }
 
-void check_known(const database &db, std::uint32_t key, std::uint32_t id, const record_map &all,
+void check_known(const database &db, uint32_t key, uint32_t id, const record_map &all,
                  findings &found)
 {
     if (!all.contains(id))
@@ -148,13 +148,13 @@ void check_known(const database &db, std::uint32_t key, std::uint32_t id, const 
 }
 
 // Whether there is a record of `key`, but not one that says what it lists.
-bool is_unreadable(const record_map &all, std::uint32_t key)
+bool is_unreadable(const record_map &all, uint32_t key)
 {
     const auto at = all.find(key);
     return at != all.end() && at->second.empty();
 }
 
-using pairs = std::set<std::pair<std::uint32_t, std::uint32_t>>; // job id, VS object id
+using pairs = std::set<std::pair<uint32_t, uint32_t>>; // job id, VS object id
 
 void check_all(findings &found)
 {

@@ -1,33 +1,33 @@
 // The commands of the tool, each a function of the arguments that the command line gave.
 #pragma once
 
+#include "tools/records.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "tools/records.h"
-
 namespace vskvs {
 
 struct arguments {
-    std::uint32_t id = 0;
-    std::vector<std::uint32_t> ids;
-    std::uint32_t jid = 0;
-    std::uint32_t pid = 0;
+    uint32_t id = 0;
+    std::vector<uint32_t> ids;
+    uint32_t jid = 0;
+    uint32_t pid = 0;
     std::string data;
-    std::uint32_t version = 0;
-    std::vector<std::uint32_t> versions;
-    std::uint32_t optional_compatible = 0;
-    std::uint32_t scope = 0;
-    std::uint32_t changed = 1;
+    uint32_t version = 0;
+    std::vector<uint32_t> versions;
+    uint32_t optional_compatible = 0;
+    uint32_t scope = 0;
+    uint32_t changed = 1;
     std::string file;
     bool update = false;
-    std::optional<std::uint32_t> code;
+    std::optional<uint32_t> code;
     std::vector<std::string> buffers;
-    std::optional<std::uint32_t> job;
+    std::optional<uint32_t> job;
     std::string operation;
-    std::int64_t since = INT64_MIN; // ns since the epoch
+    int64_t since = INT64_MIN; // ns since the epoch
     bool follow = false;
     bool as_json = false;
 };

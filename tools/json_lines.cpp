@@ -20,7 +20,7 @@ class watched_iterator {
 public:
     using iterator_category = std::input_iterator_tag;
     using value_type = char;
-    using difference_type = std::ptrdiff_t;
+    using difference_type = ptrdiff_t;
     using pointer = const char *;
     using reference = const char &;
 
@@ -54,7 +54,7 @@ json parse_watched(const std::string &text, const char **reached,
 // Where the parser is in nested values.
 struct level {
     bool is_array;
-    std::size_t index;
+    size_t index;
     std::string name; // of the current field
 };
 
@@ -68,17 +68,17 @@ std::string path_of(const std::vector<level> &levels)
 
 // The column, counted from 1, at which the value at `path` begins, or the name of a field. Of a
 // field that is there more than once it is the last.
-std::size_t column_of(const std::string &text, const std::string &path)
+size_t column_of(const std::string &text, const std::string &path)
 {
     using event = json::parse_event_t;
     const char *reached = text.data();
-    std::size_t token_end = 0; // of the token before
-    std::size_t found = 0;
+    size_t token_end = 0; // of the token before
+    size_t found = 0;
     std::vector<level> levels;
 
     const auto look = [&](int, event what, const json &parsed) {
-        const std::size_t start = text.find_first_not_of(" \t,:", token_end);
-        token_end = static_cast<std::size_t>(reached - text.data());
+        const size_t start = text.find_first_not_of(" \t,:", token_end);
+        token_end = static_cast<size_t>(reached - text.data());
         // After a number the parser has read one character more than belongs to it.
         if (what == event::value && parsed.is_number())
             --token_end;
@@ -102,16 +102,16 @@ std::size_t column_of(const std::string &text, const std::string &path)
 }
 
 struct close_file {
-    void operator()(std::FILE *file) const
+    void operator()(FILE *file) const
     {
         if (file != stdin)
-            std::fclose(file);
+            fclose(file);
     }
 };
 
 } // namespace
 
-json_line::json_line(const std::string &file, std::size_t number, std::string text)
+json_line::json_line(const std::string &file, size_t number, std::string text)
     : file_(file), number_(number), text_(std::move(text))
 {
     std::vector<std::vector<std::string>> names; // of the fields seen, for each open object
@@ -135,9 +135,9 @@ json_line::json_line(const std::string &file, std::size_t number, std::string te
     } catch (const json::exception &error) {
         // The library's text says the place in its own way, then what is wrong.
         const std::string what = error.what();
-        const std::size_t reason = what.find(": ");
-        const auto column = static_cast<std::size_t>(reached - text_.data());
-        refuse_at(std::max<std::size_t>(column, 1),
+        const size_t reason = what.find(": ");
+        const auto column = static_cast<size_t>(reached - text_.data());
+        refuse_at(std::max<size_t>(column, 1),
                   "not JSON: " + what.substr(reason == what.npos ? 0 : reason + 2));
     }
     if (!value_.is_object())
@@ -151,33 +151,32 @@ void json_line::refuse(const std::string &path, const std::string &message) cons
     refuse_at(column_of(text_, path), message);
 }
 
-void json_line::refuse_at(std::size_t column, const std::string &message) const
+void json_line::refuse_at(size_t column, const std::string &message) const
 {
     throw failure(file_ + ":" + std::to_string(number_) + ":" + std::to_string(column) + ": " +
                   printable(message));
 }
 
-std::uint32_t json_line::number_at(const std::string &path) const
+uint32_t json_line::number_at(const std::string &path) const
 {
     const json &value = value_.at(json::json_pointer(path));
-    if (!value.is_number_unsigned() || value.get<std::uint64_t>() > UINT32_MAX)
+    if (!value.is_number_unsigned() || value.get<uint64_t>() > UINT32_MAX)
         refuse(path, path.substr(1) + " must be a whole number from 0 to 4294967295");
-    return value.get<std::uint32_t>();
+    return value.get<uint32_t>();
 }
 
 void read_json_lines(const std::string &file, const std::function<void(const json_line &)> &take)
 {
-    const std::unique_ptr<std::FILE, close_file> from(file == "-" ? stdin
-                                                                  : std::fopen(file.c_str(), "re"));
+    const std::unique_ptr<FILE, close_file> from(file == "-" ? stdin : fopen(file.c_str(), "re"));
     if (!from)
         throw failure(file + ": " + std::strerror(errno));
     char *text = nullptr;
-    std::size_t room = 0;
-    const auto release = [](char **block) { std::free(*block); };
+    size_t room = 0;
+    const auto release = [](char **block) { free(*block); };
     const std::unique_ptr<char *, decltype(release)> owner(&text, release);
     ssize_t length = 0;
-    for (std::size_t number = 1; (length = getline(&text, &room, from.get())) >= 0; ++number) {
-        std::string line(text, static_cast<std::size_t>(length));
+    for (size_t number = 1; (length = getline(&text, &room, from.get())) >= 0; ++number) {
+        std::string line(text, static_cast<size_t>(length));
         line.erase(line.find_last_not_of("\r\n") + 1);
         if (line.find_first_not_of(" \t") != line.npos)
             take(json_line(file, number, std::move(line)));

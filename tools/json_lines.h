@@ -1,33 +1,33 @@
 // Files of JSON objects, one a line, and exact places for what is wrong in them.
 #pragma once
 
+#include "tools/output.h"
+
 #include <cstdint>
 #include <functional>
 #include <string>
-
-#include "tools/output.h"
 
 namespace vskvs {
 
 class json_line {
 public:
-    json_line(const std::string &file, std::size_t number, std::string text);
+    json_line(const std::string &file, size_t number, std::string text);
 
     const json &value() const { return value_; }
-    std::size_t number() const { return number_; }
+    size_t number() const { return number_; }
 
     // Throws a failure that names the place of the value at `path` ("/clients/2/jid", "" for the
     // whole line), or of its name when it is a field.
     [[noreturn]] void refuse(const std::string &path, const std::string &message) const;
 
     // The 32-bit number at `path`.
-    std::uint32_t number_at(const std::string &path) const;
+    uint32_t number_at(const std::string &path) const;
 
 private:
-    [[noreturn]] void refuse_at(std::size_t column, const std::string &message) const;
+    [[noreturn]] void refuse_at(size_t column, const std::string &message) const;
 
     std::string file_;
-    std::size_t number_;
+    size_t number_;
     std::string text_;
     json value_;
 };

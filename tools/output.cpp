@@ -1,15 +1,14 @@
 // Writing, with every error noticed.
 #include "tools/output.h"
 
+#include "fault.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
 #include <unistd.h>
-
-#include "fault.h"
 
 namespace vskvs {
 namespace {
@@ -22,15 +21,15 @@ namespace {
 std::string styled(const char *code, const std::string &text)
 {
     static const bool is_on = [] {
-        const char *const no_color = std::getenv("NO_COLOR");
-        const char *const term = std::getenv("TERM");
+        const char *const no_color = getenv("NO_COLOR");
+        const char *const term = getenv("TERM");
         return isatty(STDOUT_FILENO) && !(no_color && *no_color) && term &&
-               std::strcmp(term, "dumb") != 0;
+               strcmp(term, "dumb") != 0;
     }();
     return is_on ? std::string("\033[") + code + "m" + text + "\033[0m" : text;
 }
 
-std::string padded(const std::string &text, std::size_t width, bool to_the_right)
+std::string padded(const std::string &text, size_t width, bool to_the_right)
 {
     const std::string space(width - std::min(width, text.size()), ' ');
     return to_the_right ? space + text : text + space;
@@ -57,13 +56,13 @@ void print_pretty(const json &document)
 
 void flush()
 {
-    if (std::fflush(stdout) != 0)
+    if (fflush(stdout) != 0)
         output_failed();
 }
 
-void complain(const std::string &message) { std::fprintf(stderr, "vskvs: %s\n", message.c_str()); }
+void complain(const std::string &message) { fprintf(stderr, "vskvs: %s\n", message.c_str()); }
 
-std::string status_name(std::uint32_t status)
+std::string status_name(uint32_t status)
 {
     if (const fault_entry *const entry = fault_find(status))
         return entry->name;
@@ -71,34 +70,34 @@ std::string status_name(std::uint32_t status)
     return name ? name : "";
 }
 
-std::string status_code(std::uint32_t status)
+std::string status_code(uint32_t status)
 {
     char text[16];
-    std::snprintf(text, sizeof text, "0x%08X", status);
+    snprintf(text, sizeof text, "0x%08X", status);
     return text;
 }
 
-std::string describe(std::uint32_t status)
+std::string describe(uint32_t status)
 {
     const std::string name = status_name(status);
     return fault_strerror(status) + (" (" + name) + (name.empty() ? "" : ", ") +
            status_code(status) + ")";
 }
 
-void require(std::uint32_t status, const std::string &subject)
+void require(uint32_t status, const std::string &subject)
 {
     if (status != 0)
         throw status_failure(status, subject + ": " + describe(status));
 }
 
-std::string hex(std::uint64_t number)
+std::string hex(uint64_t number)
 {
     char text[24];
-    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(number));
+    snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(number));
     return text;
 }
 
-std::string counted(std::size_t count, const std::string &noun)
+std::string counted(size_t count, const std::string &noun)
 {
     return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
@@ -117,26 +116,26 @@ std::string red(const std::string &text) { return styled("31", text); }
 void print_table(const std::vector<column> &columns,
                  const std::vector<std::vector<std::string>> &rows)
 {
-    std::vector<std::size_t> widths;
-    for (std::size_t i = 0; i < columns.size(); ++i) {
-        std::size_t width = columns[i].header.size();
+    std::vector<size_t> widths;
+    for (size_t i = 0; i < columns.size(); ++i) {
+        size_t width = columns[i].header.size();
         for (const auto &row : rows)
             width = std::max(width, row[i].size());
         widths.push_back(width);
     }
     const auto line_of = [&](const auto &text_of) {
         std::string line;
-        for (std::size_t i = 0; i < columns.size(); ++i)
+        for (size_t i = 0; i < columns.size(); ++i)
             line += (i == 0 ? "" : "  ") + padded(text_of(i), widths[i], columns[i].is_number);
         line.erase(line.find_last_not_of(' ') + 1);
         return line;
     };
-    print(bold(line_of([&](std::size_t i) { return columns[i].header; })) + "\n");
+    print(bold(line_of([&](size_t i) { return columns[i].header; })) + "\n");
     for (const auto &row : rows)
-        print(line_of([&](std::size_t i) { return row[i]; }) + "\n");
+        print(line_of([&](size_t i) { return row[i]; }) + "\n");
 }
 
-progress_bar::progress_bar(std::string label, std::size_t total)
+progress_bar::progress_bar(std::string label, size_t total)
     : label_(std::move(label)), total_(total), is_visible_(isatty(STDERR_FILENO) && total != 0)
 {
 }
@@ -144,17 +143,17 @@ progress_bar::progress_bar(std::string label, std::size_t total)
 progress_bar::~progress_bar()
 {
     if (is_visible_)
-        std::fprintf(stderr, "\r\033[K");
+        fprintf(stderr, "\r\033[K");
 }
 
-void progress_bar::show(std::size_t done) const
+void progress_bar::show(size_t done) const
 {
-    constexpr std::size_t width = 40;
+    constexpr size_t width = 40;
     if (!is_visible_)
         return;
-    const std::size_t filled = width * done / total_;
-    std::fprintf(stderr, "\r%s [%s%s] %zu of %zu", label_.c_str(), std::string(filled, '#').c_str(),
-                 std::string(width - filled, '.').c_str(), done, total_);
+    const size_t filled = width * done / total_;
+    fprintf(stderr, "\r%s [%s%s] %zu of %zu", label_.c_str(), std::string(filled, '#').c_str(),
+            std::string(width - filled, '.').c_str(), done, total_);
 }
 
 } // namespace vskvs

@@ -5,12 +5,11 @@
 #pragma once
 
 #include <cstdint>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 namespace vskvs {
 
@@ -23,11 +22,11 @@ struct failure : std::runtime_error {
 
 // A failure of an operation that gave a status.
 struct status_failure : failure {
-    status_failure(std::uint32_t failed_with, const std::string &message)
+    status_failure(uint32_t failed_with, const std::string &message)
         : failure(message), status(failed_with)
     {
     }
-    std::uint32_t status;
+    uint32_t status;
 };
 
 // A command line that cannot be carried out. The tool prints why and exits with status 2.
@@ -44,17 +43,17 @@ void flush();                            // everything printed so far reaches it
 void complain(const std::string &message);
 
 // A status as "no such object (VS_FAULT_NO_SUCH_OBJECT, 0xC5322600)".
-std::string describe(std::uint32_t status);
-std::string status_name(std::uint32_t status); // empty when it has none
-std::string status_code(std::uint32_t status); // as 0xC5322600
+std::string describe(uint32_t status);
+std::string status_name(uint32_t status); // empty when it has none
+std::string status_code(uint32_t status); // as 0xC5322600
 
 // Throws a status_failure about `subject` unless the status is 0.
-void require(std::uint32_t status, const std::string &subject);
+void require(uint32_t status, const std::string &subject);
 
-std::string hex(std::uint64_t number); // as 0x2a
+std::string hex(uint64_t number); // as 0x2a
 
 // "1 object", "2 objects".
-std::string counted(std::size_t count, const std::string &noun);
+std::string counted(size_t count, const std::string &noun);
 
 // Text as a terminal may be given it: control characters become '?'.
 std::string printable(std::string text);
@@ -74,16 +73,16 @@ void print_table(const std::vector<column> &columns,
 // A bar on standard error, when that is a terminal, that is gone when the work is done.
 class progress_bar {
 public:
-    progress_bar(std::string label, std::size_t total);
+    progress_bar(std::string label, size_t total);
     progress_bar(const progress_bar &) = delete;
     progress_bar &operator=(const progress_bar &) = delete;
     ~progress_bar();
 
-    void show(std::size_t done) const;
+    void show(size_t done) const;
 
 private:
     std::string label_;
-    std::size_t total_;
+    size_t total_;
     bool is_visible_;
 };
 

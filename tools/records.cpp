@@ -1,21 +1,21 @@
 // What the tool knows of the three databases, and what it does with records of any of them.
 #include "tools/records.h"
 
+#include "vs_kvs.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
-#include "vs_kvs.h"
-
 namespace vskvs {
 namespace {
 
-using status = std::uint32_t;
+using status = uint32_t;
 
 struct free_block {
-    void operator()(void *address) const { std::free(address); }
+    void operator()(void *address) const { free(address); }
 };
 
 template <class Record>
@@ -24,14 +24,14 @@ using block = std::unique_ptr<Record, free_block>;
 words copy_of(const shape &of, const void *record)
 {
     words copy(of.fields.size());
-    std::memcpy(copy.data(), record, copy.size() * sizeof copy[0]);
+    memcpy(copy.data(), record, copy.size() * sizeof copy[0]);
     copy.resize(of.length(of.count(copy)));
-    std::memcpy(copy.data(), record, copy.size() * sizeof copy[0]);
+    memcpy(copy.data(), record, copy.size() * sizeof copy[0]);
     return copy;
 }
 
-template <class Record, status (*Get)(std::uint32_t, Record **)>
-status get(const shape &of, std::uint32_t key, words &record)
+template <class Record, status (*Get)(uint32_t, Record **)>
+status get(const shape &of, uint32_t key, words &record)
 {
     Record *found = nullptr;
     const status rc = Get(key, &found);
@@ -41,14 +41,14 @@ status get(const shape &of, std::uint32_t key, words &record)
     return rc;
 }
 
-template <class Record, status (*List)(std::uint32_t *, Record ***)>
+template <class Record, status (*List)(uint32_t *, Record ***)>
 status list(const shape &of, std::vector<words> &records)
 {
-    std::uint32_t count = 0;
+    uint32_t count = 0;
     Record **found = nullptr;
     const status rc = List(&count, &found);
     const block<Record *> array(found);
-    for (std::uint32_t i = 0; rc == 0 && i < count; ++i) {
+    for (uint32_t i = 0; rc == 0 && i < count; ++i) {
         const block<Record> owner(found[i]);
         records.push_back(copy_of(of, found[i]));
     }
@@ -70,23 +70,23 @@ constexpr const char *registration_fields[] = {"jid", "vs_count"};
 constexpr const char *client_fields[] = {"jid", "pid", "client_data"};
 
 constexpr char hex_digits[] = "0123456789abcdef";
-constexpr std::size_t client_data_size = 12;
+constexpr size_t client_data_size = 12;
 
-std::string join(std::span<const std::uint32_t> numbers, std::string (*text_of)(std::uint64_t))
+std::string join(std::span<const uint32_t> numbers, std::string (*text_of)(uint64_t))
 {
     std::string joined;
-    for (const std::uint32_t number : numbers)
+    for (const uint32_t number : numbers)
         joined += (joined.empty() ? "" : ",") + text_of(number);
     return joined.empty() ? "-" : joined;
 }
 
-std::string decimal(std::uint64_t number) { return std::to_string(number); }
+std::string decimal(uint64_t number) { return std::to_string(number); }
 
 // The rows of a record in its table: one for each client, or one with all its numbers.
 std::vector<std::vector<std::string>> rows_of(const database &db, const words &record)
 {
     std::vector<std::string> start{(db.key_is_object ? hex : decimal)(record[0])};
-    for (std::size_t i = 1; i + 1 < db.shape.fields.size(); ++i)
+    for (size_t i = 1; i + 1 < db.shape.fields.size(); ++i)
         start.push_back(std::to_string(record[i]));
     if (!db.shape.elements_are_clients) {
         start.push_back(join(std::span(record).subspan(db.shape.fields.size()),
@@ -94,7 +94,7 @@ std::vector<std::vector<std::string>> rows_of(const database &db, const words &r
         return {start};
     }
     std::vector<std::vector<std::string>> rows;
-    for (std::size_t i = 0; i < db.shape.count(record); ++i) {
+    for (size_t i = 0; i < db.shape.count(record); ++i) {
         const auto client = db.shape.element(record, i);
         rows.push_back(
             {start[0], decimal(client[0]), decimal(client[1]), client_data_text(client)});
@@ -150,7 +150,7 @@ void append_elements(const shape &of, const json_line &line, words &record)
     const json &elements = line.value()[of.elements];
     if (!elements.is_array())
         line.refuse(path, std::string(of.elements) + " must be an array");
-    for (std::size_t i = 0; i < elements.size(); ++i) {
+    for (size_t i = 0; i < elements.size(); ++i) {
         const std::string at = path + "/" + std::to_string(i);
         if (of.elements_are_clients)
             append_client(line, at, record);
@@ -158,7 +158,7 @@ void append_elements(const shape &of, const json_line &line, words &record)
             record.push_back(line.number_at(at));
     }
     const char *const count_name = of.fields.back();
-    record[of.fields.size() - 1] = static_cast<std::uint32_t>(elements.size());
+    record[of.fields.size() - 1] = static_cast<uint32_t>(elements.size());
     const std::string count_path = std::string("/") + count_name;
     if (line.value().contains(count_name) && line.number_at(count_path) != elements.size())
         line.refuse(count_path, std::string(count_name) + " is not the number of " + of.elements);
@@ -239,12 +239,12 @@ const database registrations{
     .erase = nullptr,
 };
 
-std::string subject(const database &db, std::uint32_t key)
+std::string subject(const database &db, uint32_t key)
 {
     return std::string(db.subject) + " " + (db.key_is_object ? hex : decimal)(key);
 }
 
-words read(const database &db, std::uint32_t key)
+words read(const database &db, uint32_t key)
 {
     words record;
     require(db.get(db.shape, key, record), db, key);
@@ -266,17 +266,17 @@ std::vector<words> read_all(const database &db)
     return records;
 }
 
-void require(status rc, const database &db, std::uint32_t key)
+void require(status rc, const database &db, uint32_t key)
 {
     if (rc == VS_FAULT_KVS_DB_LOOKUP)
         bind(db, subject(db, key));
     require(rc, subject(db, key));
 }
 
-std::string client_data_text(std::span<const std::uint32_t> client)
+std::string client_data_text(std::span<const uint32_t> client)
 {
     unsigned char bytes[client_data_size];
-    std::memcpy(bytes, &client[2], sizeof bytes);
+    memcpy(bytes, &client[2], sizeof bytes);
     std::string text;
     for (const unsigned char byte : bytes) {
         text += hex_digits[byte >> 4];
@@ -285,30 +285,30 @@ std::string client_data_text(std::span<const std::uint32_t> client)
     return text;
 }
 
-bool parse_client_data(const std::string &text, std::span<std::uint32_t> client)
+bool parse_client_data(const std::string &text, std::span<uint32_t> client)
 {
     unsigned char bytes[client_data_size] = {};
     if (text.size() > 2 * client_data_size || text.size() % 2 != 0)
         return false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const int letter = std::tolower(static_cast<unsigned char>(text[i]));
-        const char *const digit = std::strchr(hex_digits, letter);
+    for (size_t i = 0; i < text.size(); ++i) {
+        const int letter = tolower(static_cast<unsigned char>(text[i]));
+        const char *const digit = strchr(hex_digits, letter);
         if (!digit || letter == '\0')
             return false;
         const auto value = static_cast<unsigned>(digit - hex_digits);
         bytes[i / 2] = static_cast<unsigned char>(bytes[i / 2] * 16u + value);
     }
-    std::memcpy(&client[2], bytes, sizeof bytes);
+    memcpy(&client[2], bytes, sizeof bytes);
     return true;
 }
 
 json to_json(const shape &of, const words &record)
 {
     json result;
-    for (std::size_t i = 0; i < of.fields.size(); ++i)
+    for (size_t i = 0; i < of.fields.size(); ++i)
         result[of.fields[i]] = record[i];
     json &elements = result[of.elements] = json::array();
-    for (std::size_t i = 0; i < of.count(record); ++i) {
+    for (size_t i = 0; i < of.count(record); ++i) {
         const auto element = of.element(record, i);
         if (of.elements_are_clients)
             elements.push_back({{"jid", element[0]},
@@ -333,8 +333,8 @@ words from_json(const shape &of, const json_line &line, std::span<const fixed_va
 {
     refuse_others(line, "", of.fields, {of.elements, tag});
     words record(of.fields.size());
-    const std::size_t plain = of.fields.size() - (of.elements ? 1 : 0);
-    for (std::size_t i = 0; i < plain; ++i) {
+    const size_t plain = of.fields.size() - (of.elements ? 1 : 0);
+    for (size_t i = 0; i < plain; ++i) {
         const std::string name = of.fields[i];
         const auto only = std::ranges::find_if(
             fixed, [&](const fixed_value &value) { return name == value.field; });
@@ -357,7 +357,7 @@ void initialize(const std::string &command)
     const status rc = vs_kvs_initialize(0);
     if (rc == 0)
         return;
-    std::fputc('\n', stderr); // the library leaves its own line open
+    fputc('\n', stderr); // the library leaves its own line open
     require(rc, command);
 }
 

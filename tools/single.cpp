@@ -1,8 +1,8 @@
 // The commands that change one record.
-#include <algorithm>
-
 #include "tools/commands.h"
 #include "vs_kvs.h"
+
+#include <algorithm>
 
 namespace vskvs {
 namespace {
@@ -13,9 +13,9 @@ void insert(const database &db, const words &record)
 }
 
 // The fixed fields up to the count, the count, and the numbers.
-words record_of(words fields, const std::vector<std::uint32_t> &numbers)
+words record_of(words fields, const std::vector<uint32_t> &numbers)
 {
-    fields.push_back(static_cast<std::uint32_t>(numbers.size()));
+    fields.push_back(static_cast<uint32_t>(numbers.size()));
     fields.insert(fields.end(), numbers.begin(), numbers.end());
     return fields;
 }
@@ -68,7 +68,7 @@ void update_client(const arguments &given)
     words client = client_words(given);
     words stored;
     if (given.data.empty() && clients.get(clients.shape, given.id, stored) == 0 && !stored.empty())
-        for (std::size_t i = clients.shape.count(stored); i-- > 0;)
+        for (size_t i = clients.shape.count(stored); i-- > 0;)
             if (const auto old = clients.shape.element(stored, i); old[0] == given.jid)
                 std::ranges::copy(old.subspan(2), client.begin() + 2);
     const vs_client_info_entry entry = entry_of(client);

@@ -3,24 +3,23 @@
 // A buffer's records come in the order in which their places were given out, which is that of time
 // but for writers that were interrupted in between. So each buffer has one record waiting, and the
 // earliest of those is told next.
+#include "ringlog.h"
+#include "tools/catalogue.h"
+#include "tools/commands.h"
+
 #include <algorithm>
 #include <csignal>
 #include <ctime>
 #include <map>
 #include <memory>
-
 #include <poll.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include "ringlog.h"
-#include "tools/catalogue.h"
-#include "tools/commands.h"
-
 namespace vskvs {
 namespace {
 
-constexpr std::int64_t second = 1'000'000'000;
+constexpr int64_t second = 1'000'000'000;
 constexpr int poll_interval_ms = 100;
 
 volatile std::sig_atomic_t is_interrupted = 0;
@@ -38,18 +37,18 @@ struct buffer {
 };
 
 // Local time as 2026-11-22 22:07:31, followed by as many digits of the second as asked for.
-std::string time_text(std::uint64_t time_ns, const char *format, int digits)
+std::string time_text(uint64_t time_ns, const char *format, int digits)
 {
     const auto seconds = static_cast<std::time_t>(time_ns / second);
-    std::tm parts{};
+    tm parts{};
     localtime_r(&seconds, &parts);
     char date[64], fraction[16], zone[16] = "";
     std::strftime(date, sizeof date, format, &parts);
-    std::snprintf(fraction, sizeof fraction, "%09llu",
-                  static_cast<unsigned long long>(time_ns % second));
+    snprintf(fraction, sizeof fraction, "%09llu",
+             static_cast<unsigned long long>(time_ns % second));
     if (digits == 9)
         std::strftime(zone, sizeof zone, "%z", &parts);
-    return std::string(date) + "." + std::string(fraction, static_cast<std::size_t>(digits)) + zone;
+    return std::string(date) + "." + std::string(fraction, static_cast<size_t>(digits)) + zone;
 }
 
 class viewer {
@@ -90,7 +89,7 @@ private:
         if (buffers_.contains(name))
             return;
         ringlog_reader *reader = nullptr;
-        const std::uint32_t rc = ringlog_open(name.c_str(), &reader);
+        const uint32_t rc = ringlog_open(name.c_str(), &reader);
         if (rc != 0 && (is_asked_for || rc != RINGLOG_RC_NO_SUCH_BUFFER))
             give_up(name, rc);
         buffer &one = buffers_[name];
@@ -102,7 +101,7 @@ private:
     void open_new_buffers()
     {
         std::vector<std::string> names;
-        const std::uint32_t rc = ringlog_list(
+        const uint32_t rc = ringlog_list(
             [](const char *name, void *context) {
                 static_cast<std::vector<std::string> *>(context)->push_back(name);
                 return 0;
@@ -110,15 +109,14 @@ private:
             &names);
         require(rc, "trace buffers");
         const std::string job =
-            given_.job
-                ? "install/vs/kvs/" + std::to_string(static_cast<std::int32_t>(*given_.job)) + "/"
-                : "";
+            given_.job ? "install/vs/kvs/" + std::to_string(static_cast<int32_t>(*given_.job)) + "/"
+                       : "";
         for (const std::string &name : names)
             if (name.starts_with(job) && !name.ends_with(".damaged"))
                 open(name, false);
     }
 
-    void give_up(const std::string &name, std::uint32_t rc)
+    void give_up(const std::string &name, uint32_t rc)
     {
         ++damaged_;
         flush();
@@ -128,14 +126,14 @@ private:
     void advance(buffer &one)
     {
         while (one.reader && !one.is_waiting) {
-            const std::uint32_t rc = ringlog_read(one.reader.get(), one.record.get());
+            const uint32_t rc = ringlog_read(one.reader.get(), one.record.get());
             if (rc == RINGLOG_RC_NO_RECORD)
                 return;
             if (rc != 0) {
                 give_up(one.name, rc);
                 one.reader.reset();
             } else {
-                one.is_waiting = static_cast<std::int64_t>(one.record->time_ns) >= given_.since;
+                one.is_waiting = static_cast<int64_t>(one.record->time_ns) >= given_.since;
             }
         }
     }
@@ -164,7 +162,7 @@ private:
                                {"buffer", from.name},
                                {"sequence", record.sequence},
                                {"id", hex(record.id)},
-                               {"message_id", static_cast<std::uint32_t>(record.id)},
+                               {"message_id", static_cast<uint32_t>(record.id)},
                                {"operation", told.operation},
                                {"text", told.sentence},
                                {"facts", told.facts}});
@@ -175,7 +173,7 @@ private:
 
     const arguments &given_;
     std::map<std::string, buffer> buffers_;
-    std::size_t damaged_ = 0;
+    size_t damaged_ = 0;
 };
 
 // Nobody writes to standard output while it waits, so it asks whether there is still a reader.

@@ -2,20 +2,19 @@
 //
 // This file is the command line: what commands there are and what their words mean. Each command is
 // a function of commands.h.
+#include "fault.h"
+#include "tools/commands.h"
+#include "vs_kvs.h"
+
+#include <CLI/CLI.hpp>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <functional>
-
-#include <CLI/CLI.hpp>
 #include <fcntl.h>
+#include <functional>
 #include <unistd.h>
-
-#include "fault.h"
-#include "tools/commands.h"
-#include "vs_kvs.h"
 
 namespace vskvs {
 namespace {
@@ -40,28 +39,28 @@ std::string check_number(std::string &text)
 const CLI::Validator as_number(check_number, "");
 
 // A moment: "90s", "10m", "2h" or "3d" ago, "2026-11-22 22:00[:00]", or seconds since the epoch.
-std::int64_t parse_moment(const std::string &text)
+int64_t parse_moment(const std::string &text)
 {
-    constexpr std::int64_t second = 1'000'000'000;
+    constexpr int64_t second = 1'000'000'000;
     char *end = nullptr;
-    const double number = std::strtod(text.c_str(), &end);
+    const double number = strtod(text.c_str(), &end);
     const std::string unit = end;
     if (end != text.c_str() && number >= 0 && number < 1e10) {
         if (unit.empty())
-            return static_cast<std::int64_t>(number * 1e9);
+            return static_cast<int64_t>(number * 1e9);
         const std::string units = "smhd";
         constexpr int lengths[] = {1, 60, 3600, 86400};
         if (unit.size() == 1 && units.find(unit) != units.npos)
-            return (std::time(nullptr) * second) -
-                   static_cast<std::int64_t>(number * lengths[units.find(unit)] * 1e9);
+            return (time(nullptr) * second) -
+                   static_cast<int64_t>(number * lengths[units.find(unit)] * 1e9);
     }
     for (const char *const format :
          {"%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
-        std::tm parts{};
+        tm parts{};
         parts.tm_isdst = -1;
         const char *const rest = strptime(text.c_str(), format, &parts);
         if (rest && *rest == '\0')
-            return std::mktime(&parts) * second;
+            return mktime(&parts) * second;
     }
     throw CLI::ValidationError("--since", "not a moment: " + text);
 }
@@ -129,8 +128,7 @@ private:
         return verb;
     }
 
-    CLI::Option *number(CLI::App *to, const char *name, std::uint32_t &into,
-                        const char *description)
+    CLI::Option *number(CLI::App *to, const char *name, uint32_t &into, const char *description)
     {
         CLI::Option *const option = to->add_option(name, into, description)
                                         ->transform(as_number)
@@ -301,34 +299,34 @@ void choose_state_dir(int argc, char **argv, char **environment)
     close(spare);
 
     static char setting[PATH_MAX + 16] = "VS_STATE_DIR=";
-    constexpr std::size_t name_length = sizeof "VS_STATE_DIR=" - 1;
+    constexpr size_t name_length = sizeof "VS_STATE_DIR=" - 1;
     constexpr char option[] = "--state-dir";
-    constexpr std::size_t option_length = sizeof option - 1;
+    constexpr size_t option_length = sizeof option - 1;
     static char *changed[4096];
     const char *dir = nullptr;
-    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i)
-        if (std::strncmp(argv[i], option, option_length) == 0) {
+    for (int i = 1; i < argc && strcmp(argv[i], "--") != 0; ++i)
+        if (strncmp(argv[i], option, option_length) == 0) {
             if (argv[i][option_length] == '=')
                 dir = argv[i] + option_length + 1;
             else if (argv[i][option_length] == '\0' && i + 1 < argc)
                 dir = argv[i + 1];
         }
-    if (!dir || *dir == '\0' || std::strlen(dir) >= PATH_MAX / 2)
+    if (!dir || *dir == '\0' || strlen(dir) >= PATH_MAX / 2)
         return;
     char *to = setting + name_length;
     if (*dir != '/' && getcwd(to, PATH_MAX / 2)) {
-        to += std::strlen(to);
+        to += strlen(to);
         *to++ = '/';
     }
-    std::strcpy(to, dir);
-    std::size_t count = 0;
+    strcpy(to, dir);
+    size_t count = 0;
     changed[count++] = setting;
     for (char **at = environment; *at && count < std::size(changed) - 1; ++at) {
-        if (std::strcmp(*at, setting) == 0) {
+        if (strcmp(*at, setting) == 0) {
             chosen_state_dir = dir;
             return;
         }
-        if (std::strncmp(*at, setting, name_length) != 0)
+        if (strncmp(*at, setting, name_length) != 0)
             changed[count++] = *at;
     }
     execve("/proc/self/exe", argv, changed);
@@ -347,7 +345,7 @@ void name_the_job()
 // command has to say.
 void set_up_reports()
 {
-    std::fflush(stderr);
+    fflush(stderr);
     const int stderr_copy = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (stderr_copy >= 0 && nowhere >= 0 && dup2(nowhere, STDERR_FILENO) >= 0) {
@@ -391,7 +389,7 @@ int run(int argc, char **argv)
     } catch (const std::bad_alloc &) {
         complain("out of memory");
     } catch (const std::exception &error) {
-        std::fflush(stdout);
+        fflush(stdout);
         complain(error.what());
     }
     return 1;
@@ -401,18 +399,18 @@ int run(int argc, char **argv)
 
 void status(const arguments &given)
 {
-    std::vector<std::uint32_t> codes;
+    std::vector<uint32_t> codes;
     if (given.code) {
         codes.push_back(*given.code);
     } else {
-        std::size_t count = 0;
+        size_t count = 0;
         const fault_entry *const all = fault_catalogue(&count);
-        for (std::size_t i = 0; i < count; ++i)
+        for (size_t i = 0; i < count; ++i)
             codes.push_back(all[i].status);
     }
     json document = json::array();
     std::vector<std::vector<std::string>> rows;
-    for (const std::uint32_t code : codes) {
+    for (const uint32_t code : codes) {
         rows.push_back({status_code(code), status_name(code), fault_strerror(code)});
         document.push_back(
             {{"status", code}, {"name", status_name(code)}, {"text", rows.back()[2]}});

@@ -15,9 +15,9 @@
 extern "C" {
 #endif
 
-#define JOBCTL_RC_NULL_ARG UINT32_C(0xA6980200)      /* an out-parameter is null */
-#define JOBCTL_RC_NOT_A_JOB UINT32_C(0xC6980400)     /* the job manager did not start this process */
-#define JOBCTL_RC_BAD_JOB_ID UINT32_C(0xC6980600)    /* VS_JOB_ID is no number from 1 to 2^32 - 1 */
+#define JOBCTL_RC_NULL_ARG UINT32_C(0xA6980200)   /* an out-parameter is null */
+#define JOBCTL_RC_NOT_A_JOB UINT32_C(0xC6980400)  /* the job manager did not start this process */
+#define JOBCTL_RC_BAD_JOB_ID UINT32_C(0xC6980600) /* VS_JOB_ID is no number from 1 to 2^32 - 1 */
 #define JOBCTL_RC_NAME_TOO_LONG UINT32_C(0xC6980800) /* the job's name does not fit the buffer */
 
 /* Writes the job id of the calling process. On failure *job_id_p is untouched. */

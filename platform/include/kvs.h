@@ -7,16 +7,16 @@
  * are plain values; they may be kept, copied, and handed to other threads and processes.
  *
  * Every function returns a 32-bit status, 0 for success (texts: fault_strerror in fault.h), and
- * writes its out-parameters on success only, where nothing else is said. Where a failure has a cause
- * in the system below, one line in the debug category `platform` explains it.
+ * writes its out-parameters on success only, where nothing else is said. Where a failure has a
+ * cause in the system below, one line in the debug category `platform` explains it.
  *
  * What holds, at any time:
  *  - Any number of threads and processes use one store at once. A read sees the last commit made
  *    before it, whole.
  *  - When a change returns 0 outside a batch it is on disk. A process killed at any instruction
  *    leaves a store that opens and holds every change that was acknowledged.
- *  - A forked child goes on using the store through the handles it inherited. A batch stays with the
- *    thread that began it; the child does not inherit it.
+ *  - A forked child goes on using the store through the handles it inherited. A batch stays with
+ * the thread that began it; the child does not inherit it.
  *  - A full disk, a damaged file or a lack of memory gives a status; the store stays as it was, and
  *    works again when the cause is gone.
  *
@@ -40,40 +40,51 @@ typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
 #endif
 
 /* Mistakes of the caller. */
-#define KVS_RC_NULL_ARG UINT32_C(0xA6960200)      /* a required pointer is null */
-#define KVS_RC_BAD_HDL UINT32_C(0xA6960400)       /* no database of this process has this handle */
-#define KVS_RC_BAD_KEY UINT32_C(0xA6960600)       /* a key descriptor names no 4-byte key at offset 0 */
-#define KVS_RC_KEY_CHANGED UINT32_C(0xA6960800)   /* a write would change the record's key */
-#define KVS_RC_BAD_OFFSET UINT32_C(0xA6960A00)    /* a read or write starts beyond the record's end */
-#define KVS_RC_BAD_NAME UINT32_C(0xA6960C00)      /* a database name is empty or longer than 64 bytes */
-#define KVS_RC_UNSUPPORTED UINT32_C(0xA6960E00)   /* an argument asks for what this store does not do */
-#define KVS_RC_RECORD_TOO_BIG UINT32_C(0xA6961000) /* a record would be longer than 2^32 - 5 bytes */
-#define KVS_RC_BATCH_ACTIVE UINT32_C(0xA6961200)  /* the thread has a batch, which does not allow this */
-#define KVS_RC_NO_BATCH UINT32_C(0xA6961400)      /* the thread has no batch */
+#define KVS_RC_NULL_ARG UINT32_C(0xA6960200) /* a required pointer is null */
+#define KVS_RC_BAD_HDL UINT32_C(0xA6960400)  /* no database of this process has this handle */
+#define KVS_RC_BAD_KEY UINT32_C(0xA6960600)  /* a key descriptor names no 4-byte key at offset 0 */
+#define KVS_RC_KEY_CHANGED UINT32_C(0xA6960800) /* a write would change the record's key */
+#define KVS_RC_BAD_OFFSET UINT32_C(0xA6960A00)  /* a read or write starts beyond the record's end  \
+                                                 */
+#define KVS_RC_BAD_NAME UINT32_C(0xA6960C00) /* a database name is empty or longer than 64 bytes   \
+                                              */
+#define KVS_RC_UNSUPPORTED                                                                         \
+    UINT32_C(0xA6960E00) /* an argument asks for what this store does not do */
+#define KVS_RC_RECORD_TOO_BIG                                                                      \
+    UINT32_C(0xA6961000) /* a record would be longer than 2^32 - 5 bytes */
+#define KVS_RC_BATCH_ACTIVE                                                                        \
+    UINT32_C(0xA6961200)                     /* the thread has a batch, which does not allow this */
+#define KVS_RC_NO_BATCH UINT32_C(0xA6961400) /* the thread has no batch */
 
 /* An insert of a record that is stored already, byte for byte: nothing to do. */
 #define KVS_RC_TOLERATED_ON_INSERT UINT32_C(0xA6962A00)
 
 /* What the store found, or could not do. */
-#define KVS_RC_NO_SUCH_DB UINT32_C(0xC6960200)     /* no process has created a database of this name */
-#define KVS_RC_NO_SUCH_RECORD UINT32_C(0xC6960400) /* the record of this handle is not stored any more */
-#define KVS_RC_RECORD_EXISTS UINT32_C(0xC6960600)  /* another record is stored under this key */
-#define KVS_RC_NO_MEMORY UINT32_C(0xC6960800)      /* a memory allocation failed */
-#define KVS_RC_NO_SPACE UINT32_C(0xC6960A00)       /* the disk, a quota or a file size limit is full */
-#define KVS_RC_STATE_DIR UINT32_C(0xC6960C00)      /* the state directory cannot be made or trusted */
-#define KVS_RC_ACCESS UINT32_C(0xC6960E00)         /* the store's files may not be opened */
-#define KVS_RC_DAMAGED UINT32_C(0xC6961000)        /* the store's file is damaged */
-#define KVS_RC_IO UINT32_C(0xC6961200)             /* a read or write of the store's file failed */
-#define KVS_RC_READERS_FULL UINT32_C(0xC6961400)   /* too many threads read the store at once */
-#define KVS_RC_NO_DESCRIPTORS UINT32_C(0xC6961600) /* the process or system has no descriptor left */
-#define KVS_RC_TOO_MANY_DBS UINT32_C(0xC6961800)   /* the store or process holds no more databases */
-#define KVS_RC_BATCH_FULL UINT32_C(0xC6961A00)     /* the batch outgrew its room; abort, begin again */
-#define KVS_RC_BATCH_BROKEN UINT32_C(0xC6961C00)   /* a change in the batch failed; it can only abort */
-#define KVS_RC_EXHAUSTED UINT32_C(0xC6961E00)      /* the database has given out all its handles */
+#define KVS_RC_NO_SUCH_DB UINT32_C(0xC6960200) /* no process has created a database of this name   \
+                                                */
+#define KVS_RC_NO_SUCH_RECORD                                                                      \
+    UINT32_C(0xC6960400) /* the record of this handle is not stored any more */
+#define KVS_RC_RECORD_EXISTS UINT32_C(0xC6960600) /* another record is stored under this key */
+#define KVS_RC_NO_MEMORY UINT32_C(0xC6960800)     /* a memory allocation failed */
+#define KVS_RC_NO_SPACE UINT32_C(0xC6960A00)  /* the disk, a quota or a file size limit is full */
+#define KVS_RC_STATE_DIR UINT32_C(0xC6960C00) /* the state directory cannot be made or trusted */
+#define KVS_RC_ACCESS UINT32_C(0xC6960E00)    /* the store's files may not be opened */
+#define KVS_RC_DAMAGED UINT32_C(0xC6961000)   /* the store's file is damaged */
+#define KVS_RC_IO UINT32_C(0xC6961200)        /* a read or write of the store's file failed */
+#define KVS_RC_READERS_FULL UINT32_C(0xC6961400) /* too many threads read the store at once */
+#define KVS_RC_NO_DESCRIPTORS                                                                      \
+    UINT32_C(0xC6961600)                         /* the process or system has no descriptor left */
+#define KVS_RC_TOO_MANY_DBS UINT32_C(0xC6961800) /* the store or process holds no more databases   \
+                                                  */
+#define KVS_RC_BATCH_FULL UINT32_C(0xC6961A00)   /* the batch outgrew its room; abort, begin again \
+                                                  */
+#define KVS_RC_BATCH_BROKEN                                                                        \
+    UINT32_C(0xC6961C00)                      /* a change in the batch failed; it can only abort */
+#define KVS_RC_EXHAUSTED UINT32_C(0xC6961E00) /* the database has given out all its handles */
 
 /*
- * Where a key is. To find a record: `key_p` points at the key. To insert one: `key_offset` says where
- * in the record it lies. `key_flags` must be 0, `key_len` 4, `key_offset` 0.
+ * Where a key is. To find a record: `key_p` points at the key. To insert one: `key_offset` says
+ * where in the record it lies. `key_flags` must be 0, `key_len` 4, `key_offset` 0.
  */
 typedef struct kvs_key_attr {
     uint8_t key_flags[3];
@@ -89,7 +100,8 @@ typedef struct kvs_data_desc {
     uint64_t data_len;
 } kvs_data_desc;
 
-/* How a database is to be bound. This store has one way: one key a record, and nothing else asked. */
+/* How a database is to be bound. This store has one way: one key a record, and nothing else asked.
+ */
 typedef struct kvs_appdesc {
     uint64_t mark; /* set by kvs_appdesc_init */
     uint32_t key_count;
@@ -150,9 +162,9 @@ uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p, uint32_t offset
                           kvs_write_result *result_p);
 
 /*
- * Stores a new record and writes its handle. When a record with this key is stored already: byte for
- * byte the same gives KVS_RC_TOLERATED_ON_INSERT and the handle of the stored one, another gives
- * KVS_RC_RECORD_EXISTS and leaves both untouched. `key_count` is 1, both reserved numbers 0.
+ * Stores a new record and writes its handle. When a record with this key is stored already: byte
+ * for byte the same gives KVS_RC_TOLERATED_ON_INSERT and the handle of the stored one, another
+ * gives KVS_RC_RECORD_EXISTS and leaves both untouched. `key_count` is 1, both reserved numbers 0.
  */
 uint32_t kvs_insert_object(kvs_hdl hdl, const kvs_data_desc *data_p, uint32_t data_count,
                            const kvs_key_attr *keys_p, uint32_t key_count, uint32_t reserved_1,

@@ -17,10 +17,10 @@ extern "C" {
 /* One waiting thread. */
 typedef struct lockwatch_wait {
     const void *mutex;
-    const char *place;  /* the text that the thread gave; it must stay valid while the note stands */
-    uint32_t code;      /* the number that the thread gave */
-    int32_t tid;        /* the waiting thread */
-    uint64_t since_ns;  /* when the note was set, CLOCK_MONOTONIC */
+    const char *place; /* the text that the thread gave; it must stay valid while the note stands */
+    uint32_t code;     /* the number that the thread gave */
+    int32_t tid;       /* the waiting thread */
+    uint64_t since_ns; /* when the note was set, CLOCK_MONOTONIC */
 } lockwatch_wait;
 
 /* The calling thread is about to block on `mutex`. When the table of 128 notes is full the note is

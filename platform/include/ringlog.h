@@ -3,8 +3,8 @@
  *
  * A trace buffer is a file of fixed-size slots below the state directory, mapped by each process
  * that opens it. Any number of threads and processes write to it at once, without a lock, an
- * allocation or a system call; when the slots are used up the oldest record is overwritten. A record
- * carries a 64-bit identifier,
+ * allocation or a system call; when the slots are used up the oldest record is overwritten. A
+ * record carries a 64-bit identifier,
  *
  *     bits 63..40   string mask: bit 40 + i is set when argument i is a string
  *     bits 39..32   number of arguments
@@ -21,14 +21,16 @@
 extern "C" {
 #endif
 
-#define RINGLOG_RC_NULL_ARG UINT32_C(0xA6970200)       /* a required pointer is null */
-#define RINGLOG_RC_BAD_NAME UINT32_C(0xA6970400)       /* empty, absolute, too long, or leaves its folder */
-#define RINGLOG_RC_BAD_SIZE UINT32_C(0xA6970600)       /* a sizing number is 0 or beyond reason */
-#define RINGLOG_RC_STATE_DIR UINT32_C(0xC6970800)      /* no usable state directory */
-#define RINGLOG_RC_IO UINT32_C(0xC6970A00)             /* the file cannot be made, opened or mapped */
-#define RINGLOG_RC_NO_SPACE UINT32_C(0xC6970C00)       /* the disk has no room for the buffer */
-#define RINGLOG_RC_TOO_MANY UINT32_C(0xC6970E00)       /* the process has 256 buffers open */
-#define RINGLOG_RC_DAMAGED UINT32_C(0xC6971000)        /* the file is no trace buffer, or a damaged one */
+#define RINGLOG_RC_NULL_ARG UINT32_C(0xA6970200) /* a required pointer is null */
+#define RINGLOG_RC_BAD_NAME                                                                        \
+    UINT32_C(0xA6970400) /* empty, absolute, too long, or leaves its folder */
+#define RINGLOG_RC_BAD_SIZE UINT32_C(0xA6970600)  /* a sizing number is 0 or beyond reason */
+#define RINGLOG_RC_STATE_DIR UINT32_C(0xC6970800) /* no usable state directory */
+#define RINGLOG_RC_IO UINT32_C(0xC6970A00)        /* the file cannot be made, opened or mapped */
+#define RINGLOG_RC_NO_SPACE UINT32_C(0xC6970C00)  /* the disk has no room for the buffer */
+#define RINGLOG_RC_TOO_MANY UINT32_C(0xC6970E00)  /* the process has 256 buffers open */
+#define RINGLOG_RC_DAMAGED UINT32_C(0xC6971000)   /* the file is no trace buffer, or a damaged one \
+                                                   */
 #define RINGLOG_RC_NO_SUCH_BUFFER UINT32_C(0xC6971200) /* no buffer has this name */
 #define RINGLOG_RC_NO_MEMORY UINT32_C(0xC6971400)      /* a memory allocation failed */
 #define RINGLOG_RC_NO_RECORD UINT32_C(0x46971600)      /* no record is left to read for now */
@@ -46,10 +48,10 @@ enum {
  * again; in a forked child the handles of the parent go on working.
  *
  * `name` is a path below the folder of the buffers: components separated by single '/', each of 1
- * to 240 bytes and not beginning with '.'. The smaller of the two sizing numbers is the number of records kept, the
- * larger the least number of bytes for their contents. An existing buffer keeps its own sizes; one
- * whose file is damaged is set aside under the name with ".damaged" appended, and made anew. The
- * three reserved numbers are not interpreted.
+ * to 240 bytes and not beginning with '.'. The smaller of the two sizing numbers is the number of
+ * records kept, the larger the least number of bytes for their contents. An existing buffer keeps
+ * its own sizes; one whose file is damaged is set aside under the name with ".damaged" appended,
+ * and made anew. The three reserved numbers are not interpreted.
  */
 uint32_t ringlog_init2(const char *name, uint32_t reserved_1, uint32_t reserved_2, uint32_t size_1,
                        uint32_t size_2, uint32_t reserved_3, uint64_t *handle_p);
@@ -83,8 +85,8 @@ typedef struct ringlog_record {
 typedef struct ringlog_reader ringlog_reader;
 
 /*
- * Opens a buffer for reading; on success the caller releases *reader_pp with ringlog_close. A reader
- * never changes the buffer. It is used by one thread at a time.
+ * Opens a buffer for reading; on success the caller releases *reader_pp with ringlog_close. A
+ * reader never changes the buffer. It is used by one thread at a time.
  */
 uint32_t ringlog_open(const char *name, ringlog_reader **reader_pp);
 

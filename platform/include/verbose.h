@@ -6,10 +6,10 @@
  *
  *     2026-11-22 22:07:31.123456 [1234] kvs: the text
  *
- * (date and time in UTC, then the process) to standard error, or to the end of the file that VS_VERBOSE_FILE names (created with mode 0600).
- * A line goes out in one write, so lines of several threads and processes do not mix; text beyond
- * 4000 bytes is cut. Control characters other than tabs are shown as '?', and a newline at the end
- * of the text is not doubled.
+ * (date and time in UTC, then the process) to standard error, or to the end of the file that
+ * VS_VERBOSE_FILE names (created with mode 0600). A line goes out in one write, so lines of several
+ * threads and processes do not mix; text beyond 4000 bytes is cut. Control characters other than
+ * tabs are shown as '?', and a newline at the end of the text is not doubled.
  *
  * Any thread may print at any time, also before verbose_init and in a forked child. A print that is
  * off costs a load and a branch; one that is on leaves errno as it was.
@@ -25,15 +25,16 @@ extern "C" {
 
 #define DBG_VS_KVS UINT32_C(0x40000000)      /* `kvs`: every message of the library's own */
 #define DBG_VS_COMMON UINT32_C(0x20000000)   /* `common`: messages that go with common records */
-#define DBG_VS_PLATFORM UINT32_C(0x10000000) /* `platform`: what the platform explains of itself */
+#define DBG_VS_PLATFORM UINT32_C(0x10000000) /* `platform`: what the platform explains of itself   \
+                                              */
 
 #define VERBOSE_RC_BAD_CATEGORY UINT32_C(0x469A0200) /* VS_VERBOSE names an unknown category */
-#define VERBOSE_RC_FILE UINT32_C(0xC69A0400)         /* VS_VERBOSE_FILE cannot be opened for writing */
+#define VERBOSE_RC_FILE UINT32_C(0xC69A0400) /* VS_VERBOSE_FILE cannot be opened for writing */
 
 /*
  * Reads the environment again and prepares the process's debug prints. The environment is also read
- * when the platform is loaded, so prints work before this call. `evm` is not interpreted. On failure
- * the prints go on as they were.
+ * when the platform is loaded, so prints work before this call. `evm` is not interpreted. On
+ * failure the prints go on as they were.
  */
 uint32_t verbose_init(uint64_t evm);
 

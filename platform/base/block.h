@@ -1,0 +1,16 @@
+// Blocks of the C allocator, held until they are released to a caller.
+#pragma once
+
+#include <cstdlib>
+#include <memory>
+
+namespace platform {
+
+struct free_block {
+    void operator()(void *address) const { free(address); }
+};
+
+template <class T>
+using block = std::unique_ptr<T, free_block>;
+
+} // namespace platform

@@ -1,0 +1,30 @@
+// A mutex that a forked child finds free.
+//
+// The forking thread holds it across the fork, so that in the child nobody who is gone owns it and
+// what it guards is whole.
+#pragma once
+
+#include <pthread.h>
+
+namespace platform {
+
+// Returns 0, or an error number when there is no memory for the handlers.
+template <pthread_mutex_t &Mutex>
+int keep_across_fork()
+{
+    return pthread_atfork([] { pthread_mutex_lock(&Mutex); }, [] { pthread_mutex_unlock(&Mutex); },
+                          [] { pthread_mutex_unlock(&Mutex); });
+}
+
+class scoped_lock {
+public:
+    explicit scoped_lock(pthread_mutex_t &mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
+    scoped_lock(const scoped_lock &) = delete;
+    scoped_lock &operator=(const scoped_lock &) = delete;
+    ~scoped_lock() { pthread_mutex_unlock(&mutex_); }
+
+private:
+    pthread_mutex_t &mutex_;
+};
+
+} // namespace platform

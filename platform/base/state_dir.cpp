@@ -1,0 +1,138 @@
+// The state directory, found from the environment and opened without trusting what lies in it.
+//
+// The way to the directory is the user's own and may lead over links; whether the directory itself
+// can be trusted is told by its owner and mode, looked up on the open descriptor so that nothing
+// can be exchanged between the look and the use.
+#include "platform/base/state_dir.h"
+
+#include "platform/base/descriptor.h"
+#include "verbose.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace platform {
+namespace {
+
+constexpr int folder_flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+
+int refuse(const char *path, int error)
+{
+    verbose_printf_local(DBG_VS_PLATFORM, "state directory \"%s\": %s", path, error_text(error));
+    errno = error;
+    return -1;
+}
+
+// Writes the path into `path` and returns 0, or an error number when there is no usable one.
+int find_path(char (&path)[PATH_MAX])
+{
+    const char *base = secure_getenv("VS_STATE_DIR");
+    const char *below = "";
+    if (base == nullptr && geteuid() == 0)
+        base = "/var/lib/vs";
+    // By convention an empty one counts as unset.
+    const char *const user_base = secure_getenv("XDG_STATE_HOME");
+    if (base == nullptr && user_base != nullptr && user_base[0] != '\0') {
+        base = user_base;
+        below = "/vs";
+    }
+    if (base == nullptr) {
+        base = secure_getenv("HOME");
+        below = "/.local/state/vs";
+    }
+    const int length = snprintf(path, sizeof path, "%s%s", base != nullptr ? base : "", below);
+    if (base == nullptr || base[0] != '/')
+        return EINVAL;
+    return length >= 0 && static_cast<size_t>(length) < sizeof path ? 0 : ENAMETOOLONG;
+}
+
+int make_with_parents(char *path)
+{
+    for (char *end = path; end != nullptr;) {
+        end = strchr(end + 1, '/');
+        if (end != nullptr)
+            *end = '\0';
+        const int error = mkdir(path, S_IRWXU) == 0 || errno == EEXIST ? 0 : errno;
+        if (end != nullptr)
+            *end = '/';
+        if (error != 0)
+            return error;
+    }
+    return 0;
+}
+
+int check_trust(int dir)
+{
+    struct stat about;
+    if (fstat(dir, &about) != 0)
+        return errno;
+    const bool own = about.st_uid == geteuid() || about.st_uid == 0;
+    return own && (about.st_mode & (S_IWGRP | S_IWOTH)) == 0 ? 0 : EPERM;
+}
+
+bool is_link(int dir, const char *name)
+{
+    struct stat about;
+    return fstatat(dir, name, &about, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(about.st_mode);
+}
+
+int open_component(int dir, const char *name, bool create)
+{
+    constexpr int flags = folder_flags | O_NOFOLLOW;
+    int fd = openat(dir, name, flags);
+    if (fd < 0 && errno == ENOENT && create) {
+        if (mkdirat(dir, name, S_IRWXU) != 0 && errno != EEXIST)
+            return -1;
+        fd = openat(dir, name, flags);
+    }
+    // Of a link the system says "not a directory", as of a file.
+    if (fd < 0 && errno == ENOTDIR)
+        errno = is_link(dir, name) ? ELOOP : ENOTDIR;
+    return fd;
+}
+
+} // namespace
+
+int open_state_dir(bool create)
+{
+    char path[PATH_MAX];
+    if (const int error = find_path(path); error != 0)
+        return refuse(path, error);
+    descriptor dir(open(path, folder_flags));
+    if (!dir.valid() && errno == ENOENT && create) {
+        if (const int error = make_with_parents(path); error != 0)
+            return refuse(path, error);
+        dir = descriptor(open(path, folder_flags));
+    }
+    if (!dir.valid())
+        return refuse(path, errno);
+    if (const int error = check_trust(dir.get()); error != 0)
+        return refuse(path, error);
+    return dir.release();
+}
+
+int open_folder_below(int dir, const char *path, bool create)
+{
+    descriptor folder(openat(dir, ".", folder_flags));
+    while (folder.valid() && path[0] != '\0') {
+        const size_t length = strcspn(path, "/");
+        if (length > NAME_MAX) {
+            errno = ENAMETOOLONG;
+            return -1;
+        }
+        char name[NAME_MAX + 1];
+        memcpy(name, path, length);
+        name[length] = '\0';
+        folder = descriptor(open_component(folder.get(), name, create));
+        path += length + (path[length] == '/');
+    }
+    return folder.release();
+}
+
+} // namespace platform

@@ -1,0 +1,36 @@
+// The job manager as its jobs see it: it leaves their id and name in the environment.
+#include "jobctl.h"
+
+#include "platform/base/export.h"
+#include "platform/base/number.h"
+
+#include <cstdlib>
+#include <cstring>
+
+PLATFORM_EXPORT uint32_t jobctl_get_job_id(uint32_t *job_id_p)
+{
+    if (job_id_p == nullptr)
+        return JOBCTL_RC_NULL_ARG;
+    const char *const text = secure_getenv("VS_JOB_ID");
+    if (text == nullptr)
+        return JOBCTL_RC_NOT_A_JOB;
+    uint32_t job_id = 0;
+    if (!platform::parse_number(text, 10, job_id) || job_id == 0)
+        return JOBCTL_RC_BAD_JOB_ID;
+    *job_id_p = job_id;
+    return 0;
+}
+
+PLATFORM_EXPORT uint32_t jobctl_get_jobctl_name(char *name, uint32_t size)
+{
+    if (name == nullptr || size == 0)
+        return JOBCTL_RC_NULL_ARG;
+    const char *const text = secure_getenv("VS_JOB_NAME");
+    if (text == nullptr || text[0] == '\0')
+        return JOBCTL_RC_NOT_A_JOB;
+    const size_t length = strlen(text);
+    if (length >= size)
+        return JOBCTL_RC_NAME_TOO_LONG;
+    memcpy(name, text, length + 1);
+    return 0;
+}
