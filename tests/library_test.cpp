@@ -13,6 +13,7 @@
 #include "tests/scripted_platform.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -263,6 +264,8 @@ const scenario special[] = {
     {"update client: record grown meanwhile", update_client,
      before_nth("kvs_get_object_size", 2,
                 replaced("vs_clients_info", {A, 3, 4, 4, 0, 0, 0, 5, 5, 0, 0, 0, 6, 6, 0, 0, 0}))},
+    {"update client: longer than counted", update_client,
+     replaced("vs_clients_info", {A, 1, 5, 5, 0, 0, 0, 6, 6, 0, 0, 0, 7})},
     {"update client: another pid read back", update_client,
      before_nth("kvs_get_object_size", 3,
                 replaced("vs_clients_info", {A, 2, 4, 4, 0, 0, 0, 5, 8, 0, 0, 0}))},
@@ -293,6 +296,8 @@ const scenario special[] = {
     {"db_init: open, set up", plain(vs_kvs_db_init, 5, 0),
      [] { g_vs_kvs_debug_initialized = 1, g_kvs_hdl_vs_objects_db = 1; }},
     {"db_init: open, not set up", plain(vs_kvs_db_init, 5, 0), [] { g_kvs_hdl_vs_objects_db = 1; }},
+    {"db_init: opened on demand during the set-up", plain(vs_kvs_db_init, 5, 0),
+     before_nth("verbose_init", 1, [] { g_kvs_hdl_vs_objects_db = 0x103; })},
     {"initialize: two failures", initialize, [] { now.fail_call = 6, now.calls_to_fail = 2; }},
     {"initialize: three failures", initialize,
      [] { now.fail_call = 7, now.calls_to_fail = 3, g_vs_kvs_dbs_initialized = 0; }},
@@ -313,14 +318,14 @@ const scenario special[] = {
 
 using lines = std::vector<std::string>;
 
-// What is told of a run: what came of it, and its log from a line on.
-std::string told(const std::string &name, const outcome &result, size_t from = 0)
+// A run in full: its outcome and its log.
+std::string course(const std::string &name, const outcome &result)
 {
     std::ostringstream text;
     text << "== " << name << ": " << std::hex << std::uppercase << "0x" << result.status << ' '
          << result.handed_out << '\n';
-    for (size_t i = from; i < now.log.size(); ++i)
-        text << now.log[i] << '\n';
+    for (const std::string &line : now.log)
+        text << line << '\n';
     return text.str();
 }
 
@@ -369,7 +374,7 @@ TEST(library, reports_what_it_does)
         for (const scenario &s : table) {
             start(s);
             const outcome result = run(s, s.name);
-            found += told(s.name, result);
+            found += course(s.name, result);
         }
     compare("reports", found);
 }
@@ -432,12 +437,35 @@ const trouble troubles[] = {
      at_call([] { now.insert_tolerated = now.insert_without_handle = true; })},
 };
 
+// A course of events on one line, from the place where it leaves the regular one. A print is given
+// in full where its text appears for the first time, so that a text stands in the file once.
+std::string summary(const std::string &name, const outcome &result, size_t from,
+                    std::set<std::string> &texts)
+{
+    std::ostringstream line;
+    line << name << ": " << std::hex << std::uppercase << "0x" << result.status << ' '
+         << result.handed_out;
+    for (size_t i = from; i < now.log.size(); ++i) {
+        std::string event = now.log[i];
+        if (event.starts_with("print ")) {
+            std::string text = event;
+            std::erase_if(text,
+                          [](char c) { return std::isxdigit(static_cast<unsigned char>(c)); });
+            if (!texts.insert(text).second)
+                event = "print";
+        }
+        line << "; " << event;
+    }
+    return line.str() + '\n';
+}
+
 // Brings each trouble to the n-th call, or the n-th allocation, of every regular run, for every n
 // until a run does not meet it. Each course of events is told once, from where it leaves the
 // regular one. A failure leaves the store as one of the changes made before it did.
 TEST(library, survives_trouble_at_every_point)
 {
     std::string found;
+    std::set<std::string> texts;
     for (const scenario &s : regular) {
         start(s);
         std::vector<databases> stores{now.store};
@@ -445,7 +473,7 @@ TEST(library, survives_trouble_at_every_point)
             if (stores.size() == static_cast<size_t>(now.changes))
                 stores.push_back(now.store);
         };
-        std::set<std::string> seen{told("", run(s, s.name))};
+        std::set<std::string> seen{course("", run(s, s.name))};
         stores.push_back(now.store);
         const lines usual = now.log;
 
@@ -463,8 +491,9 @@ TEST(library, survives_trouble_at_every_point)
                 EXPECT_TRUE(!is_failure || now.store == stores.at(changes)) << name;
                 const auto ways =
                     std::mismatch(now.log.begin(), now.log.end(), usual.begin(), usual.end());
-                if (seen.insert(told("", result)).second)
-                    found += told(name, result, static_cast<size_t>(ways.first - now.log.begin()));
+                if (seen.insert(course("", result)).second)
+                    found += summary(name, result,
+                                     static_cast<size_t>(ways.first - now.log.begin()), texts);
             }
     }
     compare("failures", found);
@@ -474,13 +503,13 @@ TEST(library, survives_trouble_at_every_point)
 TEST(library, refuses_to_outgrow_a_record)
 {
     reset();
-    vs_kvs::block<vs_client_objects_reg_kvs_rec> record(
-        static_cast<vs_client_objects_reg_kvs_rec *>(calloc(1, 8)));
-    record->vs_count = 0x3FFFFFFD;
+    vs_kvs::sized_record<vs_client_objects_reg_kvs_rec> record;
+    record.data.reset(static_cast<vs_client_objects_reg_kvs_rec *>(calloc(1, 8)));
+    record.data->vs_count = 0x3FFFFFFD;
     const auto rc =
         vs_kvs::grow<vs_kvs::registrations::database, vs_kvs::registrations::add_object>(record);
     EXPECT_EQ(rc, VS_FAULT_NO_MEMORY);
-    EXPECT_EQ(record->vs_count, 0x3FFFFFFDu);
+    EXPECT_EQ(record.data->vs_count, 0x3FFFFFFDu);
     EXPECT_EQ(now.log[1], "trace errors 0x1030001026b "
                           "\"vs_kvs_add_new_client_objects_reg_object\" 4294967295 12");
 }

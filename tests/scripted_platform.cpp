@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <map>
 #include <pthread.h>
 #include <sstream>
@@ -267,9 +268,24 @@ int __wrap_fprintf(FILE *, const char *text, ...)
     return 0;
 }
 
-unsigned __wrap_sleep(unsigned seconds)
+// The first sleep is cut short by a signal; the caller goes on sleeping until the same time.
+int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec *until, timespec *)
 {
-    note("sleep " + std::to_string(seconds));
+    static bool is_interrupted = false;
+    static timespec first;
+    timespec start{};
+    clock_gettime(clock, &start);
+    is_interrupted = !is_interrupted;
+    if (is_interrupted) {
+        first = *until;
+        const auto left =
+            (until->tv_sec - start.tv_sec) * 1000 + (until->tv_nsec - start.tv_nsec) / 1'000'000;
+        note("sleep " + std::to_string((left + 500) / 1000));
+        return EINTR;
+    }
+    expect(flags == TIMER_ABSTIME && until->tv_sec == first.tv_sec &&
+               until->tv_nsec == first.tv_nsec,
+           "an interrupted sleep was not continued");
     return 0;
 }
 

@@ -3,9 +3,9 @@
 // Where a test needs to stand between two steps of an operation, it stands in the way of the
 // store's write, as any other platform could.
 #include "kvs.h"
-#include "state_dir.h"
 #include "ringlog.h"
 #include "scratch.h"
+#include "state_dir.h"
 #include "vs_kvs.h"
 
 #include <atomic>

@@ -72,7 +72,7 @@ uint32_t insert(dice &roll, unsigned db, uint32_t key, uint32_t count, contents 
     for (uint32_t &word : record)
         word = roll();
     record[0] = key;
-    record[into.shape.fields.size() - 1] = count;
+    record[into.shape.fixed() - 1] = count;
     const uint32_t status = for_real ? into.insert(record) : 0;
     if (status == 0)
         all[{db, key}] = std::move(record);

@@ -4,7 +4,6 @@
 #include "vs_kvs.h"
 
 #include <algorithm>
-#include <array>
 #include <unordered_map>
 
 namespace vskvs {
@@ -15,8 +14,11 @@ constexpr size_t chunk_size = 4096; // elements of one bulk call
 // What a bulk population stores, and the fields of a line that selects a version.
 constexpr fixed_value population[] = {
     {"is_optional_compatible", 0}, {"scope", 0}, {"is_changed", 1}};
-constexpr const char *selection_fields[] = {"vs_object_id", "selected_version"};
-constexpr shape selection{selection_fields, nullptr, false};
+constexpr vs_kvs::field selection_fields[] = {VS_KVS_FIELD(vs_object_sel_entry, vs_object_id),
+                                              VS_KVS_FIELD(vs_object_sel_entry, selected_version)};
+constexpr vs_kvs::record_layout selection_layout{
+    selection_fields, {nullptr, offsetof(vs_object_sel_entry, caller_data), 0}, {}};
+constexpr shape selection{selection_layout};
 
 constexpr const char dump_header[] = "vskvs_dump";
 constexpr const char dump_end[] = "vskvs_dump_end";
@@ -29,9 +31,9 @@ public:
     {
         const auto [at, is_new] = lines_.emplace(key, line.number());
         if (!is_new)
-            line.refuse(std::string("/") + db.shape.fields[0], subject(db, key) + " is on line " +
-                                                                   std::to_string(at->second) +
-                                                                   " already");
+            line.refuse(std::string("/") + db.shape.key_name(), subject(db, key) + " is on line " +
+                                                                    std::to_string(at->second) +
+                                                                    " already");
     }
 
 private:
@@ -51,10 +53,17 @@ std::vector<words> read_objects(const arguments &given)
     read_json_lines(given.file, [&](const json_line &line) {
         records.push_back(given.update ? from_json(selection, line)
                                        : from_json(objects.shape, line, population));
-        refuse_invalid_object(line, records.back()[0]);
-        keys.add(objects, line, records.back()[0]);
+        refuse_invalid_object(line, key_of(records.back()));
+        keys.add(objects, line, key_of(records.back()));
     });
     return records;
+}
+
+template <class Record>
+vs_object_sel_entry selection_of(const words &record)
+{
+    const Record &from = as<Record>(record);
+    return {from.vs_object_id, from.selected_version, {}};
 }
 
 // One call of the library's bulk operation.
@@ -64,12 +73,13 @@ uint32_t apply(std::span<const words> chunk, bool update)
     std::vector<const uint32_t *> versions;
     std::vector<uint32_t> counts;
     for (const words &record : chunk)
-        entries.push_back({record[0], record[1], {}});
+        entries.push_back(update ? selection_of<vs_object_sel_entry>(record)
+                                 : selection_of<vs_objects_kvs_rec>(record));
     const auto count = static_cast<uint32_t>(chunk.size());
     if (update)
         return vs_kvs_update_vs_objects(entries.data(), count);
     for (const words &record : chunk) {
-        versions.push_back(record.data() + objects.shape.fields.size());
+        versions.push_back(record.data() + objects.shape.fixed());
         counts.push_back(objects.shape.count(record));
     }
     return vs_kvs_insert_vs_objects(entries.data(), count, versions.data(), counts.data());
@@ -81,7 +91,7 @@ record_map stored_objects()
 {
     record_map stored;
     for (words &record : read_all(objects)) {
-        const uint32_t id = record[0];
+        const uint32_t id = key_of(record);
         stored.emplace(id, std::move(record));
     }
     return stored;
@@ -94,8 +104,9 @@ record_map stored_objects()
 {
     if (status == KVS_RC_RECORD_EXISTS)
         for (const words &record : records)
-            if (const auto at = stored.find(record[0]); at != stored.end() && at->second != record)
-                require(status, objects, record[0]);
+            if (const auto at = stored.find(key_of(record));
+                at != stored.end() && at->second != record)
+                require(status, objects, key_of(record));
     require(status, given.file);
     throw failure(given.file + ": failed");
 }
@@ -104,7 +115,7 @@ void insert_all(const database &db, const std::vector<words> &records, const pro
                 size_t &done)
 {
     for (const words &record : records) {
-        require(db.insert(record), db, record[0]);
+        require(db.insert(record), db, key_of(record));
         if (++done % chunk_size == 0)
             progress.show(done);
     }
@@ -116,13 +127,13 @@ struct dumped {
     key_set keys;
 };
 
-using all_records = std::array<dumped, std::size(databases)>;
+using all_records = std::vector<dumped>;
 
 all_records no_records()
 {
     all_records all;
-    for (size_t i = 0; i < all.size(); ++i)
-        all[i].db = databases[i];
+    for (const database *const db : databases)
+        all.push_back({db, {}, {}});
     return all;
 }
 
@@ -153,8 +164,8 @@ void read_dumped_record(const json_line &line, all_records &all)
         line.refuse(name == value.end() ? "" : "/database", "no record of a known database");
     of->records.push_back(from_json(of->db->shape, line, {}, "database"));
     if (of->db == &objects)
-        refuse_invalid_object(line, of->records.back()[0]);
-    of->keys.add(*of->db, line, of->records.back()[0]);
+        refuse_invalid_object(line, key_of(of->records.back()));
+    of->keys.add(*of->db, line, key_of(of->records.back()));
 }
 
 all_records read_dump(const std::string &file)
@@ -191,15 +202,15 @@ void import_objects(const arguments &given)
     change_all([&] {
         const record_map stored = stored_objects();
         without_record = static_cast<size_t>(std::ranges::count_if(
-            records, [&](const words &record) { return !stored.contains(record[0]); }));
+            records, [&](const words &record) { return !stored.contains(key_of(record)); }));
         size_t done = 0;
         do {
             const size_t size = std::min(chunk_size, records.size() - done);
             const auto chunk = std::span(records).subspan(done, size);
-            if (const uint32_t rc = apply(chunk, given.update); rc == KVS_RC_BATCH_FULL)
-                require(rc, given.file);
-            else if (rc != 0)
-                explain_failure(rc, given, records, stored);
+            if (const uint32_t status = apply(chunk, given.update); status == KVS_RC_BATCH_FULL)
+                require(status, given.file);
+            else if (status != 0)
+                explain_failure(status, given, records, stored);
             done += size;
             progress.show(done);
         } while (done < records.size());

@@ -1,12 +1,9 @@
-// A record carries no text: its identifier and the operation that it names lead to its site. The
+// A record carries no text: its identifier and the operation that it names lead to its message. The
 // identifier alone is not enough, since operations share identifiers where they share steps.
 #include "tools/catalogue.h"
 
-#include "clients/messages.h"
-#include "core/messages.h"
+#include "databases.h"
 #include "fault.h"
-#include "objects/messages.h"
-#include "registrations/messages.h"
 
 #include <cstring>
 #include <tuple>
@@ -21,47 +18,40 @@ struct fact {
     vs_kvs::fact_kind printed_as;
 };
 
-struct catalogued_site {
+struct catalogued_message {
     const char *operation; // null in the messages that all operations share
     uint64_t id;
     const char *text;
     std::vector<fact> facts;
 };
 
-using catalogue = std::vector<catalogued_site>;
+using catalogue = std::vector<catalogued_message>;
 
 template <vs_kvs::channel To, class... Facts>
-void add_site(catalogue &to, const char *operation, const vs_kvs::site<To, Facts...> &site)
+void add_message(catalogue &to, const char *operation, const vs_kvs::message<To, Facts...> &message)
 {
-    const char *const text = site.text + (site.names_operation ? strlen("%s: ") : 0);
+    const char *const text = message.text + (message.names_operation ? strlen("%s: ") : 0);
     to.push_back(
-        {operation, site.id, text, {{Facts::name, Facts::traced_as, Facts::printed_as}...}});
+        {operation, message.id, text, {{Facts::name, Facts::traced_as, Facts::printed_as}...}});
 }
 
-template <class Sites>
-void add_sites(catalogue &to, const char *operation, const Sites &sites)
+template <class Messages>
+void add_messages(catalogue &to, const char *operation, const Messages &messages)
 {
-    std::apply([&](const auto &...site) { (add_site(to, operation, site), ...); }, sites);
+    std::apply([&](const auto &...each) { (add_message(to, operation, each), ...); }, messages);
 }
 
-template <class... Operations>
-void add_operations(catalogue &to, vs_kvs::operation_list<Operations...>)
+const catalogue &all_messages()
 {
-    (add_sites(to, Operations::operation, Operations::traced), ...);
-}
-
-const catalogue &all_sites()
-{
-    static const catalogue sites = [] {
+    static const catalogue messages = [] {
         catalogue all;
-        add_sites(all, nullptr, vs_kvs::common_messages);
-        add_operations(all, vs_kvs::startup::operations{});
-        add_operations(all, vs_kvs::objects::operations{});
-        add_operations(all, vs_kvs::clients::operations{});
-        add_operations(all, vs_kvs::registrations::operations{});
+        add_messages(all, nullptr, vs_kvs::common_messages);
+        vs_kvs::for_each_operation([&]<class Operation>(Operation) {
+            add_messages(all, Operation::operation, Operation::traced);
+        });
         return all;
     }();
-    return sites;
+    return messages;
 }
 
 // The arguments before the facts: the operation's name, and before it the process id in the
@@ -79,14 +69,14 @@ heading heading_of(const ringlog_record &record)
     return {};
 }
 
-const catalogued_site *find_site(const ringlog_record &record, const heading &head)
+const catalogued_message *find_message(const ringlog_record &record, const heading &head)
 {
-    for (const catalogued_site &site : all_sites()) {
-        const bool is_common = site.operation == nullptr;
-        if (site.id == record.id && head.length == (is_common ? 2 : 1) &&
-            (is_common || strcmp(site.operation, head.operation) == 0) &&
-            site.facts.size() == record.argument_count - head.length)
-            return &site;
+    for (const catalogued_message &message : all_messages()) {
+        const bool is_common = message.operation == nullptr;
+        if (message.id == record.id && head.length == (is_common ? 2 : 1) &&
+            (is_common || strcmp(message.operation, head.operation) == 0) &&
+            message.facts.size() == record.argument_count - head.length)
+            return &message;
     }
     return nullptr;
 }
@@ -104,19 +94,19 @@ std::string formatted(char conversion, uint64_t number)
     return text;
 }
 
-std::string sentence_of(const catalogued_site &site, const ringlog_argument *arguments)
+std::string sentence_of(const catalogued_message &message, const ringlog_argument *arguments)
 {
     std::string sentence;
     size_t next = 0;
-    for (const char *at = site.text; *at != '\0'; ++at) {
+    for (const char *at = message.text; *at != '\0'; ++at) {
         if (*at != '%') {
             sentence += *at;
             continue;
         }
         ++at;
-        const fact &told = site.facts[next];
+        const fact &shown = message.facts[next];
         const ringlog_argument &argument = arguments[next++];
-        if (told.printed_as != vs_kvs::fact_kind::text)
+        if (shown.printed_as != vs_kvs::fact_kind::text)
             sentence += formatted(*at, argument.number);
         else if (argument.text)
             sentence += argument.text;
@@ -134,34 +124,35 @@ void add_fact(json &facts, const std::string &name, const ringlog_argument &argu
         facts[name] = argument.number;
 }
 
-told_record tell_raw(const ringlog_record &record, const heading &head)
+trace_sentence decode_raw(const ringlog_record &record, const heading &head)
 {
-    told_record told{head.operation ? head.operation : "", hex(record.id), json::object()};
+    trace_sentence result{head.operation ? head.operation : "", hex(record.id), json::object()};
     for (uint32_t i = head.length; i < record.argument_count; ++i) {
         const ringlog_argument &argument = record.arguments[i];
-        told.sentence +=
+        result.sentence +=
             " " + (argument.text ? '"' + std::string(argument.text) + '"' : hex(argument.number));
-        add_fact(told.facts, "argument_" + std::to_string(i), argument);
+        add_fact(result.facts, "argument_" + std::to_string(i), argument);
     }
-    return told;
+    return result;
 }
 
 } // namespace
 
-told_record tell(const ringlog_record &record)
+trace_sentence decode(const ringlog_record &record)
 {
     const heading head = heading_of(record);
-    const catalogued_site *const site = find_site(record, head);
-    if (!site)
-        return tell_raw(record, head);
+    const catalogued_message *const message = find_message(record, head);
+    if (message == nullptr)
+        return decode_raw(record, head);
     const ringlog_argument *const arguments = record.arguments + head.length;
-    for (size_t i = 0; i < site->facts.size(); ++i)
-        if ((site->facts[i].traced_as == vs_kvs::fact_kind::text) != (arguments[i].text != nullptr))
-            return tell_raw(record, head);
-    told_record told{head.operation, sentence_of(*site, arguments), json::object()};
-    for (size_t i = 0; i < site->facts.size(); ++i)
-        add_fact(told.facts, site->facts[i].name, arguments[i]);
-    return told;
+    for (size_t i = 0; i < message->facts.size(); ++i)
+        if ((message->facts[i].traced_as == vs_kvs::fact_kind::text) !=
+            (arguments[i].text != nullptr))
+            return decode_raw(record, head);
+    trace_sentence result{head.operation, sentence_of(*message, arguments), json::object()};
+    for (size_t i = 0; i < message->facts.size(); ++i)
+        add_fact(result.facts, message->facts[i].name, arguments[i]);
+    return result;
 }
 
 } // namespace vskvs

@@ -1,4 +1,4 @@
-// The library's reporting sites, flattened into one table, and trace records told with their help.
+// The library's messages, flattened into one table, and trace records as sentences with their help.
 #pragma once
 
 #include "ringlog.h"
@@ -9,13 +9,13 @@
 namespace vskvs {
 
 // A trace record as a person reads it.
-struct told_record {
+struct trace_sentence {
     std::string operation; // empty when the record does not name one
-    std::string sentence;  // what the debug print of the same site says, without the operation
-    json facts;            // by name, or "argument_1" and so on where the site is unknown
+    std::string sentence;  // the debug print of the same message, without the operation
+    json facts;            // by name, or "argument_1" and so on where the message is unknown
 };
 
-// A record of an unknown site, or one that does not fit its site, is told raw.
-told_record tell(const ringlog_record &record);
+// A record of an unknown message, or one that does not fit its message, is shown raw.
+trace_sentence decode(const ringlog_record &record);
 
 } // namespace vskvs

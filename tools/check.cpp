@@ -25,7 +25,7 @@ public:
              json facts)
     {
         lines_.push_back(red(kind) + "  " + subject(db, key) + ": " + message);
-        json finding{{"finding", kind}, {"database", db.name}, {db.shape.fields[0], key}};
+        json finding{{"finding", kind}, {"database", db.name}, {db.shape.key_name(), key}};
         finding.update(facts);
         finding["message"] = message;
         document_.push_back(std::move(finding));
@@ -71,13 +71,13 @@ record_map all_records(const database &db, findings &found)
     for (uint32_t i = 0; i < count; ++i) {
         uint32_t length = 0;
         words record = stored_words(db, hdl, array[i], length);
-        const uint32_t key = record[0];
-        const bool has_count = length >= 4 * db.shape.fields.size();
+        const uint32_t key = key_of(record);
+        const bool has_count = length >= 4 * db.shape.fixed();
         const size_t wanted =
-            has_count ? 4 * db.shape.length(db.shape.count(record)) : 4 * db.shape.fields.size();
+            has_count ? 4 * db.shape.length(db.shape.count(record)) : 4 * db.shape.fixed();
         if (length != wanted) {
             const std::string claim =
-                has_count ? "its " + std::string(db.shape.fields.back()) + " of " +
+                has_count ? "its " + std::string(db.shape.count_name()) + " of " +
                                 std::to_string(db.shape.count(record)) + " asks for "
                           : "its fixed part alone has ";
             found.add("record-length", db, key,
@@ -93,11 +93,11 @@ record_map all_records(const database &db, findings &found)
 
 void check_selections(const record_map &all, findings &found)
 {
-    const size_t fixed = objects.shape.fields.size();
+    const size_t fixed = objects.shape.fixed();
     for (const auto &[id, record] : all) {
         if (record.empty())
             continue;
-        const uint32_t selected = record[1];
+        const uint32_t selected = as<vs_objects_kvs_rec>(record).selected_version;
         const bool selects_nothing = selected == 0 && record.size() == fixed;
         if (!selects_nothing && std::find(record.begin() + static_cast<ptrdiff_t>(fixed),
                                           record.end(), selected) == record.end())
@@ -121,22 +121,22 @@ std::vector<std::span<const uint32_t>> distinct_elements(const database &db, con
         if (seen.insert(element[0]).second)
             elements.push_back(element);
         else
-            found.add(kind, db, record[0],
+            found.add(kind, db, key_of(record),
                       std::string(name) + " " + std::to_string(element[0]) + " is listed twice",
                       {{name, element[0]}});
     }
     return elements;
 }
 
-void check_process(uint32_t id, std::span<const uint32_t> client, findings &found)
+void check_process(uint32_t id, const vs_client_info_entry &client, findings &found)
 {
-    const auto pid = static_cast<pid_t>(client[1]);
+    const auto pid = static_cast<pid_t>(client.pid);
     if (pid > 0 && (kill(pid, 0) == 0 || errno != ESRCH))
         return;
     found.add("dead-client", clients, id,
-              "process " + std::to_string(client[1]) + " of job " + std::to_string(client[0]) +
+              "process " + std::to_string(client.pid) + " of job " + std::to_string(client.jid) +
                   " does not exist",
-              {{"jid", client[0]}, {"pid", client[1]}});
+              {{"jid", client.jid}, {"pid", client.pid}});
 }
 
 void check_known(const database &db, uint32_t key, uint32_t id, const record_map &all,
@@ -166,8 +166,10 @@ void check_all(findings &found)
     pairs used, registered;
     for (const auto &[id, record] : lists) {
         check_known(clients, id, id, all, found);
-        for (const auto client : distinct_elements(clients, record, "repeated-jid", "jid", found)) {
-            used.emplace(client[0], id);
+        for (const auto element :
+             distinct_elements(clients, record, "repeated-jid", "jid", found)) {
+            const auto &client = as<vs_client_info_entry>(element);
+            used.emplace(client.jid, id);
             check_process(id, client, found);
         }
     }

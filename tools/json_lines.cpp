@@ -15,7 +15,7 @@
 namespace vskvs {
 namespace {
 
-// An iterator over text that tells how far the parser has read.
+// An iterator over text that records how far the parser has read.
 class watched_iterator {
 public:
     using iterator_category = std::input_iterator_tag;

@@ -70,7 +70,7 @@ struct column {
 void print_table(const std::vector<column> &columns,
                  const std::vector<std::vector<std::string>> &rows);
 
-// A bar on standard error, when that is a terminal, that is gone when the work is done.
+// A bar on standard error, when that is a terminal, that is removed when the work is done.
 class progress_bar {
 public:
     progress_bar(std::string label, size_t total);

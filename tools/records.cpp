@@ -1,9 +1,11 @@
 // What the tool knows of the three databases, and what it does with records of any of them.
 #include "tools/records.h"
 
+#include "databases.h"
 #include "vs_kvs.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,8 +13,6 @@
 
 namespace vskvs {
 namespace {
-
-using status = uint32_t;
 
 struct free_block {
     void operator()(void *address) const { free(address); }
@@ -23,54 +23,46 @@ using block = std::unique_ptr<Record, free_block>;
 
 words copy_of(const shape &of, const void *record)
 {
-    words copy(of.fields.size());
+    words copy(of.fixed());
     memcpy(copy.data(), record, copy.size() * sizeof copy[0]);
     copy.resize(of.length(of.count(copy)));
     memcpy(copy.data(), record, copy.size() * sizeof copy[0]);
     return copy;
 }
 
-template <class Record, status (*Get)(uint32_t, Record **)>
-status get(const shape &of, uint32_t key, words &record)
+template <class Record, uint32_t (*Get)(uint32_t, Record **)>
+uint32_t get(const shape &of, uint32_t key, words &record)
 {
     Record *found = nullptr;
-    const status rc = Get(key, &found);
+    const uint32_t status = Get(key, &found);
     const block<Record> owner(found);
-    if (rc == 0)
+    if (status == 0)
         record = found ? copy_of(of, found) : words{};
-    return rc;
+    return status;
 }
 
-template <class Record, status (*List)(uint32_t *, Record ***)>
-status list(const shape &of, std::vector<words> &records)
+template <class Record, uint32_t (*List)(uint32_t *, Record ***)>
+uint32_t list(const shape &of, std::vector<words> &records)
 {
     uint32_t count = 0;
     Record **found = nullptr;
-    const status rc = List(&count, &found);
+    const uint32_t status = List(&count, &found);
     const block<Record *> array(found);
-    for (uint32_t i = 0; rc == 0 && i < count; ++i) {
+    for (uint32_t i = 0; status == 0 && i < count; ++i) {
         const block<Record> owner(found[i]);
         records.push_back(copy_of(of, found[i]));
     }
-    return rc;
+    return status;
 }
 
-template <class Record, status (*Insert)(const Record *, kvs_rec_hdl *)>
-status insert(const words &record)
+template <class Record, uint32_t (*Insert)(const Record *, kvs_rec_hdl *)>
+uint32_t insert(const words &record)
 {
     kvs_rec_hdl handle = 0;
     return Insert(reinterpret_cast<const Record *>(record.data()), &handle);
 }
 
-constexpr const char *object_fields[] = {
-    "vs_object_id", "selected_version", "is_optional_compatible",
-    "scope",        "is_changed",       "supp_count"};
-constexpr const char *client_list_fields[] = {"vs_object_id", "clients_count"};
-constexpr const char *registration_fields[] = {"jid", "vs_count"};
-constexpr const char *client_fields[] = {"jid", "pid", "client_data"};
-
 constexpr char hex_digits[] = "0123456789abcdef";
-constexpr size_t client_data_size = 12;
 
 std::string join(std::span<const uint32_t> numbers, std::string (*text_of)(uint64_t))
 {
@@ -82,40 +74,59 @@ std::string join(std::span<const uint32_t> numbers, std::string (*text_of)(uint6
 
 std::string decimal(uint64_t number) { return std::to_string(number); }
 
-// The rows of a record in its table: one for each client, or one with all its numbers.
+// The bytes of a field of an element.
+std::span<const unsigned char> bytes_of(const vs_kvs::field &field,
+                                        std::span<const uint32_t> element)
+{
+    return {reinterpret_cast<const unsigned char *>(element.data()) + field.offset, field.length};
+}
+
+std::string field_text(const vs_kvs::field &field, std::span<const uint32_t> element)
+{
+    return field.length == shape::word ? decimal(element[field.offset / shape::word])
+                                       : hex_bytes(bytes_of(field, element));
+}
+
+// The rows of a record in its table: one for each element that has fields, or one with all numbers.
 std::vector<std::vector<std::string>> rows_of(const database &db, const words &record)
 {
-    std::vector<std::string> start{(db.key_is_object ? hex : decimal)(record[0])};
-    for (size_t i = 1; i + 1 < db.shape.fields.size(); ++i)
-        start.push_back(std::to_string(record[i]));
-    if (!db.shape.elements_are_clients) {
-        start.push_back(join(std::span(record).subspan(db.shape.fields.size()),
-                             db.key_is_object ? decimal : hex));
+    std::vector<std::string> start{(db.key_is_object ? hex : decimal)(key_of(record))};
+    for (const vs_kvs::field &field : db.shape.fields().subspan(1))
+        if (field.name != db.shape.count_name())
+            start.push_back(decimal(record[field.offset / shape::word]));
+    if (db.shape.element_fields().empty()) {
+        start.push_back(
+            join(std::span(record).subspan(db.shape.fixed()), db.key_is_object ? decimal : hex));
         return {start};
     }
     std::vector<std::vector<std::string>> rows;
     for (size_t i = 0; i < db.shape.count(record); ++i) {
-        const auto client = db.shape.element(record, i);
-        rows.push_back(
-            {start[0], decimal(client[0]), decimal(client[1]), client_data_text(client)});
+        rows.push_back(start);
+        for (const vs_kvs::field &field : db.shape.element_fields())
+            rows.back().push_back(field_text(field, db.shape.element(record, i)));
     }
-    if (rows.empty())
-        rows.push_back({start[0], "-", "-", "-"});
+    if (rows.empty()) {
+        rows.push_back(start);
+        rows.back().resize(db.columns.size(), "-");
+    }
     return rows;
 }
 
-bool is_among(const json &name, std::span<const char *const> names)
+bool is_among(const json &name, std::span<const vs_kvs::field> fields)
 {
-    return std::ranges::any_of(names, [&](const char *known) { return known && name == known; });
+    return std::ranges::any_of(fields, [&](const auto &field) { return name == field.name; });
 }
 
-// Throws when the object at `path` has other fields than these.
+// Throws when the object at `path` has other fields than these, `more` included.
 void refuse_others(const json_line &line, const std::string &path,
-                   std::span<const char *const> names,
+                   std::span<const vs_kvs::field> fields,
                    std::initializer_list<const char *> more = {})
 {
+    const auto is_more = [&](const json &name) {
+        return std::ranges::any_of(more, [&](const char *known) { return known && name == known; });
+    };
     for (const auto &[name, value] : line.value().at(json::json_pointer(path)).items())
-        if (!is_among(name, names) && !is_among(name, std::span(more)))
+        if (!is_among(name, fields) && !is_more(name))
             line.refuse(path + "/" + name, "unknown field \"" + name + "\"");
 }
 
@@ -125,43 +136,52 @@ void refuse_missing(const json_line &line, const std::string &path, const char *
         line.refuse(path, std::string("field \"") + name + "\" is missing");
 }
 
-void append_client(const json_line &line, const std::string &path, words &record)
+// Reads bytes that are given in full, as hex digits.
+void read_bytes(const json_line &line, const std::string &path, const vs_kvs::field &field,
+                std::span<unsigned char> bytes)
 {
-    if (!line.value().at(json::json_pointer(path)).is_object())
-        line.refuse(path, "a client must be an object");
-    refuse_others(line, path, client_fields);
-    for (const char *const name : client_fields)
-        refuse_missing(line, path, name);
-    record.push_back(line.number_at(path + "/jid"));
-    record.push_back(line.number_at(path + "/pid"));
-    record.resize(record.size() + client_data_size / sizeof record[0]);
-    const json &data = line.value().at(json::json_pointer(path + "/client_data"));
-    const auto client = std::span(record).last(5);
-    if (!data.is_string() || data.get<std::string>().size() != 2 * client_data_size ||
-        !parse_client_data(data.get<std::string>(), client))
-        line.refuse(path + "/client_data", "client_data must be 24 hex digits");
+    const json &data = line.value().at(json::json_pointer(path));
+    if (!data.is_string() || data.get<std::string>().size() != 2 * bytes.size() ||
+        !parse_hex_bytes(data.get<std::string>(), bytes))
+        line.refuse(path, std::string(field.name) + " must be " + decimal(2 * bytes.size()) +
+                              " hex digits");
 }
 
-// Reads the elements behind the fixed fields, and sets the count.
+void append_element(const shape &of, const json_line &line, const std::string &path, words &record)
+{
+    if (of.element_fields().empty())
+        return record.push_back(line.number_at(path));
+    if (!line.value().at(json::json_pointer(path)).is_object())
+        line.refuse(path, std::string("an element of ") + of.elements() + " must be an object");
+    refuse_others(line, path, of.element_fields());
+    const size_t start = record.size();
+    record.resize(start + of.element_words());
+    for (const vs_kvs::field &field : of.element_fields()) {
+        refuse_missing(line, path, field.name);
+        const std::string at = path + "/" + field.name;
+        uint32_t *const to = &record[start + field.offset / shape::word];
+        if (field.length == shape::word)
+            *to = line.number_at(at);
+        else
+            read_bytes(line, at, field, {reinterpret_cast<unsigned char *>(to), field.length});
+    }
+}
+
+// Reads the elements behind the fixed fields, and sets their number.
 void append_elements(const shape &of, const json_line &line, words &record)
 {
-    const std::string path = std::string("/") + of.elements;
-    refuse_missing(line, "", of.elements);
-    const json &elements = line.value()[of.elements];
+    const std::string path = std::string("/") + of.elements();
+    refuse_missing(line, "", of.elements());
+    const json &elements = line.value()[of.elements()];
     if (!elements.is_array())
-        line.refuse(path, std::string(of.elements) + " must be an array");
-    for (size_t i = 0; i < elements.size(); ++i) {
-        const std::string at = path + "/" + std::to_string(i);
-        if (of.elements_are_clients)
-            append_client(line, at, record);
-        else
-            record.push_back(line.number_at(at));
-    }
-    const char *const count_name = of.fields.back();
-    record[of.fields.size() - 1] = static_cast<uint32_t>(elements.size());
-    const std::string count_path = std::string("/") + count_name;
-    if (line.value().contains(count_name) && line.number_at(count_path) != elements.size())
-        line.refuse(count_path, std::string(count_name) + " is not the number of " + of.elements);
+        line.refuse(path, std::string(of.elements()) + " must be an array");
+    for (size_t i = 0; i < elements.size(); ++i)
+        append_element(of, line, path + "/" + std::to_string(i), record);
+    of.set_count(record, static_cast<uint32_t>(elements.size()));
+    const std::string count_path = std::string("/") + of.count_name();
+    if (line.value().contains(of.count_name()) && line.number_at(count_path) != elements.size())
+        line.refuse(count_path,
+                    std::string(of.count_name()) + " is not the number of " + of.elements());
 }
 
 // A batch that is aborted unless it is committed. Within it nothing can be bound, so all databases
@@ -196,17 +216,17 @@ private:
 } // namespace
 
 const database objects{
-    .name = "vs_objects",
+    .name = vs_kvs::objects::database::name,
     .subject = "object",
     .key_is_object = true,
-    .shape = {object_fields, "supp_versions", false},
+    .shape = shape(vs_kvs::objects::database::layout),
     .columns = {{"OBJECT", true},
                 {"SELECTED", true},
                 {"COMPATIBLE", true},
                 {"SCOPE", true},
                 {"CHANGED", true},
                 {"SUPPORTED", false}},
-    .invalid_key = VS_FAULT_INVALID_OBJECT_ID,
+    .invalid_key = vs_kvs::objects::database::invalid_key,
     .get = get<vs_objects_kvs_rec, vs_kvs_get_vs_object_rec>,
     .list = list<vs_objects_kvs_rec, vs_kvs_get_vs_objects_all_recs>,
     .insert = insert<vs_objects_kvs_rec, vs_kvs_insert_vs_object_rec>,
@@ -214,12 +234,12 @@ const database objects{
 };
 
 const database clients{
-    .name = "vs_clients_info",
+    .name = vs_kvs::clients::database::name,
     .subject = "clients of object",
     .key_is_object = true,
-    .shape = {client_list_fields, "clients", true},
+    .shape = shape(vs_kvs::clients::database::layout),
     .columns = {{"OBJECT", true}, {"JID", true}, {"PID", true}, {"DATA", false}},
-    .invalid_key = VS_FAULT_INVALID_OBJECT_ID,
+    .invalid_key = vs_kvs::clients::database::invalid_key,
     .get = get<vs_clients_info_kvs_rec, vs_kvs_get_clients_info_rec>,
     .list = list<vs_clients_info_kvs_rec, vs_kvs_get_clients_info_all_recs>,
     .insert = insert<vs_clients_info_kvs_rec, vs_kvs_insert_clients_info_rec>,
@@ -227,17 +247,42 @@ const database clients{
 };
 
 const database registrations{
-    .name = "vs_clientobjectsreg",
+    .name = vs_kvs::registrations::database::name,
     .subject = "registration of job",
     .key_is_object = false,
-    .shape = {registration_fields, "vs_array", false},
+    .shape = shape(vs_kvs::registrations::database::layout),
     .columns = {{"JID", true}, {"OBJECTS", false}},
-    .invalid_key = VS_FAULT_INVALID_CLIENT_JID,
+    .invalid_key = vs_kvs::registrations::database::invalid_key,
     .get = get<vs_client_objects_reg_kvs_rec, vs_kvs_get_client_objects_reg_rec>,
     .list = list<vs_client_objects_reg_kvs_rec, vs_kvs_get_client_objects_reg_all_recs>,
     .insert = insert<vs_client_objects_reg_kvs_rec, vs_kvs_insert_client_objects_reg_rec>,
     .erase = nullptr,
 };
+
+namespace {
+
+// What the tool adds to each database of the library's list.
+template <class Db>
+constexpr const database *view_of = nullptr;
+template <>
+constexpr const database *view_of<vs_kvs::objects::database> = &objects;
+template <>
+constexpr const database *view_of<vs_kvs::clients::database> = &clients;
+template <>
+constexpr const database *view_of<vs_kvs::registrations::database> = &registrations;
+
+template <class... Dbs>
+constexpr std::array<const database *, sizeof...(Dbs)> views_of(vs_kvs::database_list<Dbs...>)
+{
+    static_assert((... && (view_of<Dbs> != nullptr)), "a database that the tool does not show");
+    return {view_of<Dbs>...};
+}
+
+constexpr auto all_views = views_of(vs_kvs::databases{});
+
+} // namespace
+
+const std::span<const database *const> databases = all_views;
 
 std::string subject(const database &db, uint32_t key)
 {
@@ -256,27 +301,25 @@ words read(const database &db, uint32_t key)
 std::vector<words> read_all(const database &db)
 {
     std::vector<words> records;
-    const status rc = db.list(db.shape, records);
-    if (rc == VS_FAULT_KVS_DB_LOOKUP)
+    const uint32_t status = db.list(db.shape, records);
+    if (status == VS_FAULT_KVS_DB_LOOKUP)
         bind(db, db.name);
-    if (rc == VS_FAULT_KVS_READ_NULL_REC)
-        throw failure(std::string(db.name) + ": " + describe(rc) + "; 'vskvs check' finds it");
-    if (rc != VS_FAULT_KVS_DB_EMPTY)
-        require(rc, db.name);
+    if (status == VS_FAULT_KVS_READ_NULL_REC)
+        throw failure(std::string(db.name) + ": " + describe(status) + "; 'vskvs check' finds it");
+    if (status != VS_FAULT_KVS_DB_EMPTY)
+        require(status, db.name);
     return records;
 }
 
-void require(status rc, const database &db, uint32_t key)
+void require(uint32_t status, const database &db, uint32_t key)
 {
-    if (rc == VS_FAULT_KVS_DB_LOOKUP)
+    if (status == VS_FAULT_KVS_DB_LOOKUP)
         bind(db, subject(db, key));
-    require(rc, subject(db, key));
+    require(status, subject(db, key));
 }
 
-std::string client_data_text(std::span<const uint32_t> client)
+std::string hex_bytes(std::span<const unsigned char> bytes)
 {
-    unsigned char bytes[client_data_size];
-    memcpy(bytes, &client[2], sizeof bytes);
     std::string text;
     for (const unsigned char byte : bytes) {
         text += hex_digits[byte >> 4];
@@ -285,37 +328,40 @@ std::string client_data_text(std::span<const uint32_t> client)
     return text;
 }
 
-bool parse_client_data(const std::string &text, std::span<uint32_t> client)
+bool parse_hex_bytes(const std::string &text, std::span<unsigned char> bytes)
 {
-    unsigned char bytes[client_data_size] = {};
-    if (text.size() > 2 * client_data_size || text.size() % 2 != 0)
+    if (text.size() > 2 * bytes.size() || text.size() % 2 != 0)
         return false;
+    std::ranges::fill(bytes, static_cast<unsigned char>(0));
     for (size_t i = 0; i < text.size(); ++i) {
         const int letter = tolower(static_cast<unsigned char>(text[i]));
         const char *const digit = strchr(hex_digits, letter);
-        if (!digit || letter == '\0')
+        if (digit == nullptr || letter == '\0')
             return false;
         const auto value = static_cast<unsigned>(digit - hex_digits);
         bytes[i / 2] = static_cast<unsigned char>(bytes[i / 2] * 16u + value);
     }
-    memcpy(&client[2], bytes, sizeof bytes);
     return true;
 }
 
 json to_json(const shape &of, const words &record)
 {
     json result;
-    for (size_t i = 0; i < of.fields.size(); ++i)
-        result[of.fields[i]] = record[i];
-    json &elements = result[of.elements] = json::array();
+    for (const vs_kvs::field &field : of.fields())
+        result[field.name] = record[field.offset / shape::word];
+    json &elements = result[of.elements()] = json::array();
     for (size_t i = 0; i < of.count(record); ++i) {
         const auto element = of.element(record, i);
-        if (of.elements_are_clients)
-            elements.push_back({{"jid", element[0]},
-                                {"pid", element[1]},
-                                {"client_data", client_data_text(element)}});
-        else
+        if (of.element_fields().empty()) {
             elements.push_back(element[0]);
+            continue;
+        }
+        json &fields = elements.emplace_back();
+        for (const vs_kvs::field &field : of.element_fields())
+            if (field.length == shape::word)
+                fields[field.name] = element[field.offset / shape::word];
+            else
+                fields[field.name] = hex_bytes(bytes_of(field, element));
     }
     return result;
 }
@@ -331,21 +377,23 @@ void print_records(const database &db, const std::vector<words> &records)
 words from_json(const shape &of, const json_line &line, std::span<const fixed_value> fixed,
                 const char *tag)
 {
-    refuse_others(line, "", of.fields, {of.elements, tag});
-    words record(of.fields.size());
-    const size_t plain = of.fields.size() - (of.elements ? 1 : 0);
-    for (size_t i = 0; i < plain; ++i) {
-        const std::string name = of.fields[i];
+    refuse_others(line, "", of.fields(), {of.elements(), tag});
+    words record(of.fixed());
+    for (const vs_kvs::field &field : of.fields()) {
+        const std::string name = field.name;
+        if (of.elements() != nullptr && name == of.count_name())
+            continue;
         const auto only = std::ranges::find_if(
             fixed, [&](const fixed_value &value) { return name == value.field; });
         if (only == fixed.end())
-            refuse_missing(line, "", of.fields[i]);
-        record[i] = line.value().contains(name) ? line.number_at("/" + name) : only->value;
-        if (only != fixed.end() && record[i] != only->value)
+            refuse_missing(line, "", field.name);
+        uint32_t &number = record[field.offset / shape::word];
+        number = line.value().contains(name) ? line.number_at("/" + name) : only->value;
+        if (only != fixed.end() && number != only->value)
             line.refuse("/" + name, "bulk population stores " + name + " " +
                                         std::to_string(only->value) + " and nothing else");
     }
-    if (of.elements)
+    if (of.elements() != nullptr)
         append_elements(of, line, record);
     return record;
 }
@@ -354,22 +402,22 @@ words from_json(const shape &of, const json_line &line, std::span<const fixed_va
 
 void initialize(const std::string &command)
 {
-    const status rc = vs_kvs_initialize(0);
-    if (rc == 0)
+    const uint32_t status = vs_kvs_initialize(0);
+    if (status == 0)
         return;
     fputc('\n', stderr); // the library leaves its own line open
-    require(rc, command);
+    require(status, command);
 }
 
 kvs_hdl bind(const database &db, const std::string &subject)
 {
     kvs_hdl handle = 0;
-    const status rc = kvs_lookup_db_handle(db.name, &handle);
-    if (rc == 0)
+    const uint32_t status = kvs_lookup_db_handle(db.name, &handle);
+    if (status == 0)
         return handle;
-    throw failure(
-        subject + ": " + describe(VS_FAULT_KVS_DB_LOOKUP) +
-        (rc == KVS_RC_NO_SUCH_DB ? ": no store here yet; run 'vskvs init'" : ": " + describe(rc)));
+    throw failure(subject + ": " + describe(VS_FAULT_KVS_DB_LOOKUP) +
+                  (status == KVS_RC_NO_SUCH_DB ? ": no store here yet; run 'vskvs init'"
+                                               : ": " + describe(status)));
 }
 
 void change_all(const std::function<void()> &work)

@@ -1,10 +1,12 @@
 // The three databases as the tool sees them: alike but for their data.
 //
-// Each stored record is a row of 32-bit words: the fixed fields, key first and element count last,
-// then the elements. A `database` names the words and the library's operations, so that showing,
-// dumping, restoring and checking records are written once.
+// A stored record is held as a row of 32-bit words. Its layout, which comes from the library's list
+// of databases, names the fields; where one field is meant it is read through the record's own
+// type. A `database` holds the layout and the library's operations, so that showing, dumping,
+// restoring and checking records are written once.
 #pragma once
 
+#include "core/layout.h"
 #include "kvs.h"
 #include "tools/json_lines.h"
 #include "tools/output.h"
@@ -25,19 +27,52 @@ struct fixed_value {
     uint32_t value;
 };
 
-// The words of a record and their names.
-struct shape {
-    std::span<const char *const> fields; // with elements, the last one counts them
-    const char *elements;                // null when there are none
-    bool elements_are_clients;           // otherwise each is one number
+// A record, or an element of one, as the type that it has in the public header.
+template <class Type>
+const Type &as(std::span<const uint32_t> of)
+{
+    return *reinterpret_cast<const Type *>(of.data());
+}
 
-    size_t element_words() const { return elements_are_clients ? 5 : 1; }
-    size_t length(size_t count) const { return fields.size() + count * element_words(); }
-    uint32_t count(const words &record) const { return record[fields.size() - 1]; }
-    std::span<const uint32_t> element(const words &record, size_t i) const
+inline uint32_t key_of(const words &record) { return record[0]; }
+
+// A layout, counted in words.
+class shape {
+public:
+    constexpr explicit shape(const vs_kvs::record_layout &layout) : layout_(&layout) {}
+
+    [[nodiscard]] std::span<const vs_kvs::field> fields() const { return layout_->fields; }
+    [[nodiscard]] const char *key_name() const { return fields()[0].name; }
+    [[nodiscard]] size_t fixed() const { return layout_->fixed() / word; }
+
+    // The elements: their name, null if the record has none; the fields of one, none if it is a
+    // number; and the name of their number.
+    [[nodiscard]] const char *elements() const { return layout_->elements.name; }
+    [[nodiscard]] std::span<const vs_kvs::field> element_fields() const
+    {
+        return layout_->element_fields;
+    }
+    [[nodiscard]] const char *count_name() const { return layout_->count().name; }
+
+    [[nodiscard]] size_t element_words() const { return layout_->element() / word; }
+    [[nodiscard]] size_t length(size_t count) const { return fixed() + count * element_words(); }
+    [[nodiscard]] uint32_t count(const words &record) const
+    {
+        return record[layout_->count().offset / word];
+    }
+    void set_count(words &record, uint32_t count) const
+    {
+        record[layout_->count().offset / word] = count;
+    }
+    [[nodiscard]] std::span<const uint32_t> element(const words &record, size_t i) const
     {
         return std::span(record).subspan(length(i), element_words());
     }
+
+    static constexpr size_t word = sizeof(uint32_t);
+
+private:
+    const vs_kvs::record_layout *layout_;
 };
 
 struct database {
@@ -56,7 +91,9 @@ struct database {
 };
 
 extern const database objects, clients, registrations;
-inline const database *const databases[] = {&objects, &clients, &registrations};
+
+// All of them, in the order of the library's list.
+extern const std::span<const database *const> databases;
 
 std::string subject(const database &db, uint32_t key); // "object 0x2a"
 
@@ -78,10 +115,10 @@ void print_records(const database &db, const std::vector<words> &records);
 words from_json(const shape &of, const json_line &line, std::span<const fixed_value> fixed = {},
                 const char *tag = nullptr);
 
-// Twelve bytes of client data as 24 hex digits, and back. Fewer digits are filled up with zeros;
-// returns false when the text is no such digits.
-std::string client_data_text(std::span<const uint32_t> client);
-bool parse_client_data(const std::string &text, std::span<uint32_t> client);
+// Bytes as hex digits, and back. Fewer digits are filled up with zeros; returns false if the text
+// is no such digits, or too many.
+std::string hex_bytes(std::span<const unsigned char> bytes);
+[[nodiscard]] bool parse_hex_bytes(const std::string &text, std::span<unsigned char> bytes);
 
 // ---- the store as a whole ----
 
@@ -96,7 +133,7 @@ kvs_hdl bind(const database &db, const std::string &subject);
 // it throws. `work` is done a second time when the batch outgrew its room.
 void change_all(const std::function<void()> &work);
 
-// Does the work while nobody else can change the store.
+// Does the work while no other thread or process can change the store.
 void look_at_all(const std::function<void()> &work);
 
 } // namespace vskvs

@@ -9,32 +9,32 @@ namespace {
 
 void insert(const database &db, const words &record)
 {
-    require(record[0] == 0 ? db.invalid_key : db.insert(record), db, record[0]);
+    require(key_of(record) == 0 ? db.invalid_key : db.insert(record), db, key_of(record));
 }
 
-// The fixed fields up to the count, the count, and the numbers.
-words record_of(words fields, const std::vector<uint32_t> &numbers)
+// A record of the database with these elements, which are numbers; its other fields are set after.
+words new_record(const database &db, uint32_t key, const std::vector<uint32_t> &elements)
 {
-    fields.push_back(static_cast<uint32_t>(numbers.size()));
-    fields.insert(fields.end(), numbers.begin(), numbers.end());
-    return fields;
+    words record(db.shape.fixed());
+    record[0] = key;
+    db.shape.set_count(record, static_cast<uint32_t>(elements.size()));
+    record.insert(record.end(), elements.begin(), elements.end());
+    return record;
 }
 
-words client_words(const arguments &given)
+std::span<unsigned char> data_of(vs_client_info_entry &client)
 {
-    words client{given.jid, given.pid, 0, 0, 0};
-    if (!parse_client_data(given.data, client))
+    return {reinterpret_cast<unsigned char *>(client.client_data), sizeof client.client_data};
+}
+
+vs_client_info_entry client_of(const arguments &given)
+{
+    vs_client_info_entry client{};
+    client.jid = given.jid;
+    client.pid = given.pid;
+    if (!parse_hex_bytes(given.data, data_of(client)))
         throw wrong_usage("--data: not an even number of at most 24 hex digits: " + given.data);
     return client;
-}
-
-vs_client_info_entry entry_of(const words &client)
-{
-    vs_client_info_entry entry;
-    static_assert(sizeof entry == 5 * sizeof client[0]);
-    std::copy_n(reinterpret_cast<const char *>(client.data()), sizeof entry,
-                reinterpret_cast<char *>(&entry));
-    return entry;
 }
 
 } // namespace
@@ -43,9 +43,13 @@ void init(const arguments &) { initialize("init"); }
 
 void add_object(const arguments &given)
 {
-    insert(objects, record_of({given.id, given.version, given.optional_compatible, given.scope,
-                               given.changed},
-                              given.versions));
+    words record = new_record(objects, given.id, given.versions);
+    auto &object = *reinterpret_cast<vs_objects_kvs_rec *>(record.data());
+    object.selected_version = given.version;
+    object.is_optional_compatible = given.optional_compatible;
+    object.scope = given.scope;
+    object.is_changed = given.changed;
+    insert(objects, record);
 }
 
 void select_version(const arguments &given)
@@ -53,31 +57,34 @@ void select_version(const arguments &given)
     require(vs_kvs_update_vs_object_selected_version(given.id, given.version), objects, given.id);
 }
 
-void create_client_list(const arguments &given) { insert(clients, record_of({given.id}, {})); }
+void create_client_list(const arguments &given)
+{
+    insert(clients, new_record(clients, given.id, {}));
+}
 
 void add_client(const arguments &given)
 {
-    const vs_client_info_entry entry = entry_of(client_words(given));
-    require(vs_kvs_add_new_client_info(given.id, &entry), clients, given.id);
+    const vs_client_info_entry client = client_of(given);
+    require(vs_kvs_add_new_client_info(given.id, &client), clients, given.id);
 }
 
 // The library replaces the whole entry. Data that the user does not give is to stay as it is, so it
 // is read first; where there is nothing to read, the update itself says what is wrong.
 void update_client(const arguments &given)
 {
-    words client = client_words(given);
+    vs_client_info_entry client = client_of(given);
     words stored;
     if (given.data.empty() && clients.get(clients.shape, given.id, stored) == 0 && !stored.empty())
         for (size_t i = clients.shape.count(stored); i-- > 0;)
-            if (const auto old = clients.shape.element(stored, i); old[0] == given.jid)
-                std::ranges::copy(old.subspan(2), client.begin() + 2);
-    const vs_client_info_entry entry = entry_of(client);
-    require(vs_kvs_update_client_info(given.id, &entry), clients, given.id);
+            if (const auto &old = as<vs_client_info_entry>(clients.shape.element(stored, i));
+                old.jid == given.jid)
+                std::ranges::copy(old.client_data, client.client_data);
+    require(vs_kvs_update_client_info(given.id, &client), clients, given.id);
 }
 
 void create_registration(const arguments &given)
 {
-    insert(registrations, record_of({given.id}, given.ids));
+    insert(registrations, new_record(registrations, given.id, given.ids));
 }
 
 void add_to_registration(const arguments &given)

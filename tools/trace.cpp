@@ -2,7 +2,7 @@
 //
 // A buffer's records come in the order in which their places were given out, which is that of time
 // but for writers that were interrupted in between. So each buffer has one record waiting, and the
-// earliest of those is told next.
+// earliest of those is printed next.
 #include "ringlog.h"
 #include "tools/catalogue.h"
 #include "tools/commands.h"
@@ -33,7 +33,7 @@ struct buffer {
     std::string name;
     std::unique_ptr<ringlog_reader, close_reader> reader;
     std::unique_ptr<ringlog_record> record = std::make_unique<ringlog_record>();
-    bool is_waiting = false; // whether the record is still to be told
+    bool is_waiting = false; // whether the record is still to be printed
 };
 
 // Local time as 2026-11-22 22:07:31, followed by as many digits of the second as asked for.
@@ -64,16 +64,16 @@ public:
     {
         if (given_.buffers.empty())
             open_new_buffers();
-        bool told = false;
+        bool printed = false;
         for (auto &[name, one] : buffers_)
             advance(one);
         while (buffer *const earliest = find_earliest()) {
-            tell(*earliest);
+            print_record(*earliest);
             advance(*earliest);
-            told = true;
+            printed = true;
         }
         flush();
-        return told;
+        return printed;
     }
 
     // Throws when a buffer could not be read.
@@ -89,9 +89,9 @@ private:
         if (buffers_.contains(name))
             return;
         ringlog_reader *reader = nullptr;
-        const uint32_t rc = ringlog_open(name.c_str(), &reader);
-        if (rc != 0 && (is_asked_for || rc != RINGLOG_RC_NO_SUCH_BUFFER))
-            give_up(name, rc);
+        const uint32_t status = ringlog_open(name.c_str(), &reader);
+        if (status != 0 && (is_asked_for || status != RINGLOG_RC_NO_SUCH_BUFFER))
+            give_up(name, status);
         buffer &one = buffers_[name];
         one.name = name;
         one.reader.reset(reader);
@@ -101,13 +101,13 @@ private:
     void open_new_buffers()
     {
         std::vector<std::string> names;
-        const uint32_t rc = ringlog_list(
+        const uint32_t status = ringlog_list(
             [](const char *name, void *context) {
                 static_cast<std::vector<std::string> *>(context)->push_back(name);
                 return 0;
             },
             &names);
-        require(rc, "trace buffers");
+        require(status, "trace buffers");
         const std::string job =
             given_.job ? "install/vs/kvs/" + std::to_string(static_cast<int32_t>(*given_.job)) + "/"
                        : "";
@@ -116,21 +116,21 @@ private:
                 open(name, false);
     }
 
-    void give_up(const std::string &name, uint32_t rc)
+    void give_up(const std::string &name, uint32_t status)
     {
         ++damaged_;
         flush();
-        complain("trace buffer " + name + ": " + describe(rc));
+        complain("trace buffer " + name + ": " + describe(status));
     }
 
     void advance(buffer &one)
     {
         while (one.reader && !one.is_waiting) {
-            const uint32_t rc = ringlog_read(one.reader.get(), one.record.get());
-            if (rc == RINGLOG_RC_NO_RECORD)
+            const uint32_t status = ringlog_read(one.reader.get(), one.record.get());
+            if (status == RINGLOG_RC_NO_RECORD)
                 return;
-            if (rc != 0) {
-                give_up(one.name, rc);
+            if (status != 0) {
+                give_up(one.name, status);
                 one.reader.reset();
             } else {
                 one.is_waiting = static_cast<int64_t>(one.record->time_ns) >= given_.since;
@@ -147,12 +147,12 @@ private:
         return earliest;
     }
 
-    void tell(buffer &from)
+    void print_record(buffer &from)
     {
         const ringlog_record &record = *from.record;
         from.is_waiting = false;
-        const told_record told = vskvs::tell(record);
-        if (!given_.operation.empty() && told.operation != given_.operation)
+        const trace_sentence shown = decode(record);
+        if (!given_.operation.empty() && shown.operation != given_.operation)
             return;
         if (given_.as_json)
             return print_line({{"time", time_text(record.time_ns, "%Y-%m-%dT%H:%M:%S", 9)},
@@ -163,12 +163,12 @@ private:
                                {"sequence", record.sequence},
                                {"id", hex(record.id)},
                                {"message_id", static_cast<uint32_t>(record.id)},
-                               {"operation", told.operation},
-                               {"text", told.sentence},
-                               {"facts", told.facts}});
+                               {"operation", shown.operation},
+                               {"text", shown.sentence},
+                               {"facts", shown.facts}});
         print(time_text(record.time_ns, "%Y-%m-%d %H:%M:%S", 6) + "  " + printable(record.process) +
               "[" + std::to_string(record.pid) + "]  " + from.name + "  " +
-              bold(printable(told.operation)) + ": " + printable(told.sentence) + "\n");
+              bold(printable(shown.operation)) + ": " + printable(shown.sentence) + "\n");
     }
 
     const arguments &given_;
@@ -176,7 +176,8 @@ private:
     size_t damaged_ = 0;
 };
 
-// Nobody writes to standard output while it waits, so it asks whether there is still a reader.
+// Nothing is written to standard output during the wait, so it looks whether there is still a
+// reader.
 void wait_a_moment()
 {
     pollfd output{STDOUT_FILENO, 0, 0};

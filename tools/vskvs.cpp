@@ -179,9 +179,9 @@ private:
         number(select, "ID", given_.id, "VS object id");
         number(select, "VERSION", given_.version, "Version to select");
 
-        CLI::App *const gone =
+        CLI::App *const removal =
             leaf(*object, "delete", "Delete an object", erase<objects>, "vskvs object delete 42");
-        number(gone, "ID", given_.id, "VS object id");
+        number(removal, "ID", given_.id, "VS object id");
 
         CLI::App *const import = leaf(
             *object, "import", "Store, or select, many objects at once, all or none",
@@ -220,9 +220,9 @@ private:
                 ->type_name("HEX");
         }
         add_views<clients>(client, "ID", "vskvs client show 42", "vskvs client list");
-        CLI::App *const gone = leaf(*client, "delete", "Delete an object's client list",
-                                    erase<clients>, "vskvs client delete 42");
-        number(gone, "ID", given_.id, "VS object id");
+        CLI::App *const removal = leaf(*client, "delete", "Delete an object's client list",
+                                       erase<clients>, "vskvs client delete 42");
+        number(removal, "ID", given_.id, "VS object id");
     }
 
     void add_registrations()

@@ -7,50 +7,56 @@ using namespace vs_kvs::clients;
 
 namespace {
 
-// The index of the first client with a jid, or the number of clients. Each client that is looked at
-// is told to `look`.
-template <class Look>
-uint32_t find_client(const vs_clients_info_kvs_rec &record, uint32_t jid, Look look)
+// Returns the index of the first client with a jid, or the number of clients. Calls `each` with the
+// index of every client that is compared.
+template <class Each>
+uint32_t find_client(const vs_clients_info_kvs_rec &record, uint32_t jid, Each each)
 {
     for (uint32_t i = 0; i < record.clients_count; ++i) {
-        look(i);
+        each(i);
         if (record.clients[i].jid == jid)
             return i;
     }
     return record.clients_count;
 }
 
-// Writes the list back with `client` at `index`, and reads it again. `found` receives the client
-// that is there now, all zeros when the list no longer reaches that far; `is_there` tells the two
-// apart.
-template <class S>
-uint32_t store_client(object_id key, const kvs_rec_hdl &handle,
-                      const vs_clients_info_kvs_rec &record, uint32_t length, uint32_t index,
-                      vs_client_info_entry &found, bool &is_there)
+// Both operations check their argument first.
+template <class M>
+[[nodiscard]] uint32_t load_list(object_id key, const vs_client_info_entry *client,
+                                 working_copy<database> &copy)
 {
-    const vs_client_info_entry &client = record.clients[index];
-    uint32_t status = write_back<database, S>(handle, &record, length);
-    if (status != 0)
-        return status;
-    report<S>(S::written, object_id{record.vs_object_id}, job_id{client.jid},
-              process_id{client.pid});
-
-    block<vs_clients_info_kvs_rec> stored;
-    status = read_back<database, S>(key, stored);
-    if (status != 0)
-        return status;
-    is_there = index < stored->clients_count;
-    found = is_there ? stored->clients[index] : vs_client_info_entry{};
-    return 0;
+    const uint32_t status = require_pointer<M>(client, "new_client");
+    return status != 0 ? status
+                       : load_for_update<database, M>(key, look_up_handle<database, get_rec_hdl>,
+                                                      read_list, copy);
 }
 
-// The check of the arguments that both operations start with.
-template <class S>
-uint32_t obtain_list(object_id key, const vs_client_info_entry *client, handle_array &handle,
-                     block<vs_clients_info_kvs_rec> &record)
+// The client that was read back where one was stored: all zeros, and absent, if the list no longer
+// reaches that far.
+struct stored_client {
+    bool is_present = false;
+    vs_client_info_entry client{};
+};
+
+// Writes the first `length` bytes of the list back, which has the client at `index`, and reads the
+// list again.
+template <class M>
+[[nodiscard]] uint32_t store_client(object_id key, const working_copy<database> &copy,
+                                    uint32_t length, uint32_t index, stored_client &found)
 {
-    const uint32_t status = required<S>(client, "new_client");
-    return status != 0 ? status : obtain<database, S>(key, handle, record);
+    const vs_clients_info_kvs_rec &record = *copy.record.data;
+    const vs_client_info_entry &client = record.clients[index];
+    uint32_t status = write_back<database, M>(copy.handle[0], &record, length);
+    if (status != 0)
+        return status;
+    report<M, M::written>(object_id{record.vs_object_id}, job_id{client.jid},
+                          process_id{client.pid});
+
+    sized_record<vs_clients_info_kvs_rec> stored;
+    status = read_back<database, M>(key, read_list, stored);
+    if (status == 0 && index < stored.data->clients_count)
+        found = {true, stored.data->clients[index]};
+    return status;
 }
 
 } // namespace
@@ -59,43 +65,41 @@ extern "C" {
 
 uint32_t vs_kvs_add_new_client_info(uint32_t vs_object_id, const vs_client_info_entry *new_client)
 {
-    using s = add_client;
+    using m = add_client;
     const object_id key{vs_object_id};
-    handle_array handle;
-    block<vs_clients_info_kvs_rec> record;
-    uint32_t status = obtain_list<s>(key, new_client, handle, record);
+    working_copy<database> copy;
+    uint32_t status = load_list<m>(key, new_client, copy);
     if (status != 0)
         return status;
-    if (!record)
-        return fail<s>(s::copy_failed, VS_FAULT_KVS_READ_NULL_REC, key);
+    const auto &record = copy.record.data;
+    if (record == nullptr)
+        return fail<m, m::copy_failed>(VS_FAULT_KVS_READ_NULL_REC, key);
     const uint32_t old_count = record->clients_count;
-    report<s>(s::copied, address<"record">{record.get()}, address<"clients">{record->clients},
-              client_count{old_count}, key);
+    report<m, m::copied>(record_address{record.get()}, clients_address{record->clients},
+                         client_count{old_count}, key);
 
-    const auto tell = [&](uint32_t i) {
-        report<s>(s::scanned, database::element_facts(*record, i));
+    const auto scan = [&](uint32_t i) {
+        report<m, m::scanned>(database::element_facts(*record, i));
     };
-    if (find_client(*record, new_client->jid, tell) != old_count)
+    if (find_client(*record, new_client->jid, scan) != old_count)
         return VS_FAULT_KVS_CLIENT_ALREADY_EXIST;
 
-    status = grow<database, s>(record);
+    status = grow<database, m>(copy.record);
     if (status != 0)
         return status;
     record->clients[old_count] = *new_client;
-    const object_id stored_id{record->vs_object_id};
     const job_id jid{new_client->jid};
-    const process_id pid{new_client->pid};
-    report<s>(s::appended, stored_id, jid, pid, client_count{record->clients_count});
+    report<m, m::appended>(object_id{record->vs_object_id}, jid, process_id{new_client->pid},
+                           client_count{record->clients_count});
 
-    const auto length = static_cast<uint32_t>(flat_length<database>(record->clients_count));
-    vs_client_info_entry found;
-    bool is_there = false;
-    status = store_client<s>(key, handle[0], *record, length, old_count, found, is_there);
+    stored_client found;
+    status = store_client<m>(key, copy, copy.record.length, old_count, found);
     if (status != 0)
         return status;
-    if (!is_there || found.jid != jid.value)
-        return fail<s>(s::sanity_failed, VS_FAULT_KVS_ADD_SANITY, key, jid, jid_read{found.jid});
-    report<s>(s::sanity_passed, key, jid);
+    if (!found.is_present || found.client.jid != jid.value)
+        return fail<m, m::sanity_failed>(VS_FAULT_KVS_ADD_SANITY, key, jid,
+                                         jid_read{found.client.jid});
+    report<m, m::sanity_passed>(key, jid);
     return 0;
 }
 
@@ -103,39 +107,37 @@ uint32_t vs_kvs_add_new_client_info(uint32_t vs_object_id, const vs_client_info_
 // more than the working copy holds.
 uint32_t vs_kvs_update_client_info(uint32_t vs_object_id, const vs_client_info_entry *new_client)
 {
-    using s = update_client;
+    using m = update_client;
     const object_id key{vs_object_id};
-    handle_array handle;
-    block<vs_clients_info_kvs_rec> record;
-    uint32_t status = obtain_list<s>(key, new_client, handle, record);
+    working_copy<database> copy;
+    uint32_t status = load_list<m>(key, new_client, copy);
     if (status != 0)
         return status;
-    report<s>(s::copied, address<"record">{record.get()}, key);
+    const auto &record = copy.record.data;
+    report<m, m::copied>(record_address{record.get()}, key);
 
     const job_id jid{new_client->jid};
     const process_id pid{new_client->pid};
-    const uint32_t count = record ? record->clients_count : 0;
-    const uint32_t match = record ? find_client(*record, jid.value, [](auto) {}) : 0;
+    const uint32_t count = record != nullptr ? record->clients_count : 0;
+    const uint32_t match = count != 0 ? find_client(*record, jid.value, [](auto) {}) : 0;
     if (match == count)
-        return fail<s>(s::no_match, VS_FAULT_INVALID_CLIENT_JID, jid, key);
-    const object_id stored_id{record->vs_object_id};
-    report<s>(s::match, stored_id, jid, stored_pid{record->clients[match].pid}, pid);
+        return fail<m, m::no_match>(VS_FAULT_INVALID_CLIENT_JID, jid, key);
+    report<m, m::match>(object_id{record->vs_object_id}, jid,
+                        stored_pid{record->clients[match].pid}, pid);
     record->clients[match] = *new_client;
 
     uint32_t stored_length = 0;
-    status = kvs_get_object_size(handle_of<database>(), &handle[0], &stored_length);
+    status = kvs_get_object_size(handle_of<database>(), &copy.handle[0], &stored_length);
     if (status != 0)
-        return fail<s>(s::size_failed, status, key);
-    const uint32_t length = told_length(
-        std::min<uint64_t>(stored_length, flat_length<database>(record->clients_count)));
-    vs_client_info_entry found;
-    bool is_there = false;
-    status = store_client<s>(key, handle[0], *record, length, match, found, is_there);
+        return fail<m, m::size_failed>(status, key);
+    stored_client found;
+    status = store_client<m>(key, copy, std::min(stored_length, copy.record.length), match, found);
     if (status != 0)
         return status;
-    if (!is_there || found.pid != pid.value)
-        return fail<s>(s::sanity_failed, VS_FAULT_KVS_UPDATE_SANITY, jid, pid, pid_read{found.pid});
-    report<s>(s::sanity_passed, key, jid);
+    if (!found.is_present || found.client.pid != pid.value)
+        return fail<m, m::sanity_failed>(VS_FAULT_KVS_UPDATE_SANITY, jid, pid,
+                                         pid_read{found.client.pid});
+    report<m, m::sanity_passed>(key, jid);
     return 0;
 }
 

@@ -1,15 +1,16 @@
-// The reporting sites of the clients info database.
+// The messages of the clients info database.
 #pragma once
 
-#include "core/messages.h"
+#include "core/message.h"
 
 namespace vs_kvs::clients {
 
-using client_count = number<"clients_count">;
-using client_index = number<"index">;
-using stored_pid = number<"stored_pid">;
-using jid_read = number<"jid_read">;
-using pid_read = number<"pid_read">;
+VS_KVS_FACT(client_count, number, "clients_count");
+VS_KVS_FACT(client_index, number, "index");
+VS_KVS_FACT(stored_pid, number, "stored_pid");
+VS_KVS_FACT(jid_read, number, "jid_read");
+VS_KVS_FACT(pid_read, number, "pid_read");
+VS_KVS_FACT(clients_address, address, "clients");
 
 using client_line = debug<client_index, job_id, client_index, process_id>;
 
@@ -64,7 +65,7 @@ struct get_rec {
         "%s: kvs_get_object_size returned len: %u for VS object ID: 0x%X, error: %s"};
     static constexpr debug<record_length, object_id> size_known{
         "%s: kvs_get_object_size returned len: %u for VS object ID: 0x%X"};
-    static constexpr debug<record_length, address<"record">> before_read{
+    static constexpr debug<record_length, record_address> before_read{
         "%s: before kvs_read_object, got object size: %u bytes, vs_object_kvs_rec_p: %p"};
     static constexpr errors<status_text> read_failed{0x30200010230,
                                                      "%s: failed in kvs_read_object: %s"};
@@ -126,6 +127,7 @@ struct get_all_recs {
         0x1020001023d,
         "%s: got NULL vs_clients_info_kvs_rec from kvs_read_object without error or zero record "
         "len size: %u. It should never happen"};
+    static constexpr no_message before_read{}, read_summary{}, read_line{};
 
     static constexpr auto traced = std::tuple{lookup_failed, find_failed, empty,    array_failed,
                                               size_failed,   read_failed, read_null};
@@ -140,16 +142,16 @@ struct add_client {
                                                        "%s: failed in kvs_lookup_db_handle: %s"};
     static constexpr errors<object_id, status_text> handle_failed{
         0x50300010240, "%s: failed in vs_kvs_get_clients_info_rec_hdl vs_object_id: 0x%X: %s"};
-    static constexpr debug<address<"handle">, object_id> handle_found{
+    static constexpr debug<handle_address, object_id> handle_found{
         "%s: vs_clients_info_kvs_rec_hdl ptr: %p for vs_object_id: 0x%X successfully from "
         "vs_kvs_get_clients_info_rec_hdl"};
     static constexpr errors<object_id, status_text> copy_failed{
         0x50300010241, "%s: failed in vs_kvs_get_clients_info_rec vs_object_id: 0x%X: %s"};
-    static constexpr debug<address<"record">, address<"clients">, client_count, object_id> copied{
+    static constexpr debug<record_address, clients_address, client_count, object_id> copied{
         "%s: got vs_clients_info_kvs_rec ptr: %p, clients ptr: %p, clients_count: %u for "
         "vs_object_id: 0x%X successfully"};
     static constexpr client_line scanned{"%s: clients[%d].jid:  0x%X, clients[%d].pid: 0x%X"};
-    static constexpr debug<number<"old_length">, record_length> lengths{
+    static constexpr debug<old_length, record_length> lengths{
         "%s: old vs_clients_info_kvs_rec size: %u, new vs_clients_info_kvs_rec size: %u"};
     static constexpr errors<record_length, error_number> grow_failed{
         0x10300010242, "%s: failed to allocate %u bytes, errno=%d"};
@@ -193,7 +195,7 @@ struct update_client {
     static constexpr auto handle_found = add_client::handle_found;
     static constexpr errors<object_id, status_text> copy_failed{
         0x5030001024a, "%s: failed in vs_kvs_get_clients_info_rec vs_object_id: 0x%X: %s"};
-    static constexpr debug<address<"record">, object_id> copied{
+    static constexpr debug<record_address, object_id> copied{
         "%s: Read vs_clients_info_kvs_rec ptr: %p, vs_object_id: 0x%X successfully from "
         "vs_kvs_get_clients_info_rec"};
     static constexpr errors<job_id, object_id> no_match{

@@ -1,20 +1,27 @@
-// Blocks of the C allocator, held until they are released to a caller.
+// Blocks of the C allocator with one owner, until they are released to a caller.
 #pragma once
 
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 
 namespace vs_kvs {
 
-struct free_block {
+struct deallocate {
     void operator()(void *address) const { free(address); }
 };
 
-// A record, as long as it is stored.
 template <class Record>
-using block = std::unique_ptr<Record, free_block>;
+using block = std::unique_ptr<Record, deallocate>;
+
+// A record and the number of bytes that were read of it; null for a stored record of length 0.
+template <class Record>
+struct sized_record {
+    block<Record> data;
+    uint32_t length = 0;
+};
 
 // Record handles, as the store's find allocates them.
-using handle_array = std::unique_ptr<uint64_t[], free_block>;
+using handle_array = std::unique_ptr<uint64_t[], deallocate>;
 
 } // namespace vs_kvs

@@ -1,7 +1,7 @@
 // Reading every record of a database, or none.
 #pragma once
 
-#include "core/record_steps.h"
+#include "core/steps.h"
 
 #include <utility>
 
@@ -24,7 +24,7 @@ public:
         free(records_);
     }
 
-    bool is_allocated() const { return records_ != nullptr; }
+    [[nodiscard]] bool is_allocated() const { return records_ != nullptr; }
     void append(block<Record> record) { records_[length_++] = record.release(); }
     Record **release()
     {
@@ -37,47 +37,72 @@ private:
     uint32_t length_ = 0;
 };
 
-template <class Db, class S>
-uint32_t list(uint32_t *count_p, typename Db::record ***records_ppp)
+// The handles of all records.
+struct all_handles {
+    handle_array array;
+    uint32_t count = 0;
+};
+
+template <class Db, class M>
+[[nodiscard]] uint32_t find_all(all_handles &handles)
 {
-    uint32_t status = required<S>(count_p, S::count_label);
+    kvs_key_attr no_key{}; // not read by a find of every record
+    kvs_rec_hdl *array = nullptr;
+    uint32_t count = 0;
+    const uint32_t status = kvs_find_objects(handle_of<Db>(), &no_key, 0, 0, &array, &count);
+    handles.array.reset(array);
+    if (status != 0)
+        return fail<M, M::find_failed>(status);
+    handles.count = array != nullptr ? count : 0;
+    report<M, M::found>(record_count{handles.count});
+    return handles.count != 0 ? 0 : fail<M, M::empty>(VS_FAULT_KVS_DB_EMPTY);
+}
+
+template <class Db, class M>
+[[nodiscard]] uint32_t read_all(const all_handles &handles,
+                                sized_record<typename Db::record> &record,
+                                record_list<typename Db::record> &records)
+{
+    for (uint32_t i = 0; i < handles.count; ++i) {
+        uint32_t length = 0;
+        uint32_t status = kvs_get_object_size(handle_of<Db>(), &handles.array[i], &length);
+        if (status != 0)
+            return fail<M, M::size_failed>(status, record_length{length});
+        status = read_bytes<Db, M>(handles.array[i], length, record);
+        if (status != 0)
+            return status;
+        records.append(std::move(record.data));
+    }
+    return 0;
+}
+
+template <class Db, class M>
+[[nodiscard]] uint32_t list(uint32_t *count_p, typename Db::record ***records_ppp)
+{
+    uint32_t status = require_pointer<M>(count_p, M::count_label);
     if (status == 0)
-        status = required<S>(records_ppp, S::array_label);
+        status = require_pointer<M>(records_ppp, M::array_label);
     if (status == 0)
-        status = hold<Db, S>();
+        status = ensure_open<Db, M>();
+    all_handles handles;
+    if (status == 0)
+        status = find_all<Db, M>(handles);
     if (status != 0)
         return status;
 
-    kvs_key_attr no_key{}; // not looked at by a find of every record
-    kvs_rec_hdl *array = nullptr;
-    uint32_t count = 0;
-    status = kvs_find_objects(handle_of<Db>(), &no_key, 0, 0, &array, &count);
-    const handle_array handles(array);
-    if (status != 0)
-        return fail<S>(S::find_failed, status);
-    if (!handles)
-        count = 0;
-    report<S>(S::found, record_count{count});
-    if (count == 0)
-        return fail<S>(S::empty, VS_FAULT_KVS_DB_EMPTY);
-
-    record_list<typename Db::record> records(count);
+    // A listing that stops releases the records that it has placed, then the one that it was
+    // reading, then the handles.
+    sized_record<typename Db::record> current;
+    record_list<typename Db::record> records(handles.count);
     if (!records.is_allocated())
-        return fail<S>(S::array_failed, VS_FAULT_NO_MEMORY,
-                       record_length{told_length(uint64_t{count} * sizeof(void *))});
-    for (uint32_t i = 0; i < count; ++i) {
-        uint32_t length = 0;
-        status = kvs_get_object_size(handle_of<Db>(), &handles[i], &length);
-        if (status != 0)
-            return fail<S>(S::size_failed, status, record_length{length});
-        block<typename Db::record> record;
-        status = fetch<Db, S>(handles[i], length, record);
-        if (status != 0)
-            return status;
-        records.append(std::move(record));
-    }
+        return fail<M, M::array_failed>(
+            VS_FAULT_NO_MEMORY,
+            record_length{handles.count * static_cast<uint32_t>(sizeof(void *))});
+    status = read_all<Db, M>(handles, current, records);
+    if (status != 0)
+        return status;
     *records_ppp = records.release();
-    *count_p = count;
+    *count_p = handles.count;
     return 0;
 }
 

@@ -1,90 +1,21 @@
-// Reporting sites as data that the compiler checks.
+// Messages: what the library can report, as data that the compiler checks.
 //
-// A site is one place at which the library reports: the trace identifier as it stands in a dump,
-// the debug text, and the list of facts that both carry, in their order. A fact is a named value; a
-// report offers the facts it has, in any order, and the site picks those it names. So a step shared
-// by many operations says once what it knows, and each operation's sites say what is told of it.
+// A message is one thing to report at one place: the trace identifier as it stands in a dump, the
+// debug text, and the list of facts that both carry, in their order. The messages of an operation
+// are the static members of a struct, with the operation's name and the list of those that leave
+// trace records. Tools read these lists.
 //
-// A site whose identifier or text does not fit its facts does not compile.
+// What does not compile: an identifier or a text that does not fit the facts, and a report of a
+// traced message that its operation's list lacks.
 #pragma once
+
+#include "core/fact.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <tuple>
 
 namespace vs_kvs {
-
-template <size_t Size>
-struct fixed_text {
-    char text[Size]{};
-
-    consteval fixed_text(const char (&from)[Size])
-    {
-        for (size_t i = 0; i < Size; ++i)
-            text[i] = from[i];
-    }
-};
-
-enum class fact_kind { number, text, address };
-
-// A 32-bit number.
-template <fixed_text Name>
-struct number {
-    static constexpr const char *name = Name.text;
-    static constexpr fact_kind traced_as = fact_kind::number;
-    static constexpr fact_kind printed_as = fact_kind::number;
-    uint32_t value;
-};
-
-// A 64-bit word of the platform. The trace carries all of it, a debug print its lower half: the
-// texts have room for 32 bits.
-template <fixed_text Name>
-struct word {
-    static constexpr const char *name = Name.text;
-    static constexpr fact_kind traced_as = fact_kind::number;
-    static constexpr fact_kind printed_as = fact_kind::number;
-    uint64_t value;
-};
-
-template <fixed_text Name>
-struct text {
-    static constexpr const char *name = Name.text;
-    static constexpr fact_kind traced_as = fact_kind::text;
-    static constexpr fact_kind printed_as = fact_kind::text;
-    const char *value;
-};
-
-// An address in this process, for debug prints only.
-template <fixed_text Name>
-struct address {
-    static constexpr const char *name = Name.text;
-    static constexpr fact_kind traced_as = fact_kind::address;
-    static constexpr fact_kind printed_as = fact_kind::address;
-    const void *value;
-};
-
-// A status, told as its text, which each channel fetches for itself.
-struct status_text {
-    static constexpr const char *name = "status";
-    static constexpr fact_kind traced_as = fact_kind::text;
-    static constexpr fact_kind printed_as = fact_kind::text;
-    uint32_t value;
-};
-
-// A status that the trace carries as a number and the print as a text.
-struct status_number {
-    static constexpr const char *name = "status";
-    static constexpr fact_kind traced_as = fact_kind::number;
-    static constexpr fact_kind printed_as = fact_kind::text;
-    uint32_t value;
-};
-
-// The errno of a failure, for the trace; the debug print reads errno again.
-struct errno_now {
-    static constexpr const char *name = "errno";
-    static constexpr fact_kind traced_as = fact_kind::number;
-    static constexpr fact_kind printed_as = fact_kind::number;
-    uint32_t value;
-};
 
 // Where a report goes. Records in the common buffer begin with the process id and the operation's
 // name, those in the api and errors buffers with the operation's name; `debug` leaves no record.
@@ -92,7 +23,7 @@ enum class channel { api, errors, common, debug };
 
 namespace detail {
 
-// Not constant expressions: a site that reaches one of them does not compile.
+// Not constant expressions: a message that reaches one of them does not compile.
 void the_identifier_does_not_fit_the_facts();
 void the_text_does_not_fit_the_facts();
 
@@ -145,15 +76,17 @@ constexpr uint64_t upper_half()
 } // namespace detail
 
 template <channel To, class... Facts>
-struct site {
+struct message {
     static_assert(To == channel::debug || (... && (Facts::traced_as != fact_kind::address)),
-                  "an address means nothing outside its process: only debug prints tell it");
+                  "an address means nothing outside its process: only debug prints carry it");
+
+    static constexpr channel goes_to = To;
 
     uint64_t id;
     const char *text;
     bool names_operation; // whether the text begins with the operation's name
 
-    consteval site(uint64_t identifier, const char *debug_text)
+    consteval message(uint64_t identifier, const char *debug_text)
         : id(identifier), text(debug_text), names_operation(detail::starts_with_operation(text))
     {
         if (id >> 32 != detail::upper_half<To, Facts...>())
@@ -164,21 +97,63 @@ struct site {
             detail::the_text_does_not_fit_the_facts();
     }
 
-    consteval site(const char *debug_text) requires(To == channel::debug) : site(0, debug_text) {}
+    consteval message(const char *debug_text) requires(To == channel::debug)
+        : message(0, debug_text)
+    {
+    }
 };
 
 template <class... Facts>
-using api = site<channel::api, Facts...>;
+using api = message<channel::api, Facts...>;
 template <class... Facts>
-using errors = site<channel::errors, Facts...>;
+using errors = message<channel::errors, Facts...>;
 template <class... Facts>
-using common = site<channel::common, Facts...>;
+using common = message<channel::common, Facts...>;
 template <class... Facts>
-using debug = site<channel::debug, Facts...>;
+using debug = message<channel::debug, Facts...>;
 
-// The operations of a database, for whoever wants to find a record's site.
-template <class... Sites>
+// Stands where a shared step could report and an operation has nothing to say. A step names every
+// message it may use, so that a misspelt one does not compile.
+struct no_message {
+    static constexpr channel goes_to = channel::debug;
+};
+
+// ---- the messages of the common buffer, which all operations share ----
+
+inline constexpr common<parameter> null_argument{0x603000055f0, "%s is null"};
+inline constexpr common<record_length, allocated> allocation_failed{
+    0xa04000055f4, "Failed to allocate %u bytes for %s"};
+inline constexpr common<callee, status_number, seconds> persistent_failure{
+    0x605000055fa, "%s: %s returned %s even after %u seconds"};
+
+inline constexpr auto common_messages =
+    std::tuple{null_argument, allocation_failed, persistent_failure};
+
+// ---- lists ----
+
+// The operations of a room, each a struct of messages.
+template <class... Operations>
 struct operation_list {
 };
 
+namespace detail {
+
+template <class Messages>
+consteval bool has_identifier(const Messages &messages, uint64_t id)
+{
+    return std::apply([id](const auto &...each) { return (... || (each.id == id)); }, messages);
+}
+
+template <class Operation, const auto &Message>
+consteval bool is_listed()
+{
+    if constexpr (Message.goes_to == channel::common)
+        return has_identifier(common_messages, Message.id);
+    else if constexpr (Message.goes_to != channel::debug)
+        return has_identifier(Operation::traced, Message.id);
+    else
+        return true;
+}
+
+} // namespace detail
 } // namespace vs_kvs

@@ -8,36 +8,36 @@ using namespace vs_kvs::objects;
 namespace {
 
 // Both operations refuse to run before all databases are open.
-template <class S>
+template <class M>
 uint32_t check_initialized()
 {
     if (load(g_vs_kvs_dbs_initialized) != 0)
         return 0;
-    return fail<S>(S::not_initialized, VS_FAULT_KVS_DB_LOOKUP);
+    return fail<M, M::not_initialized>(VS_FAULT_KVS_DB_LOOKUP);
 }
 
-template <class S>
-void dump_elements(const vs_object_sel_entry *elements, uint32_t count)
+template <class M>
+void print_elements(const vs_object_sel_entry *elements, uint32_t count)
 {
     for (uint32_t i = 0; i < count; ++i)
-        report<S>(S::element, object_id{elements[i].vs_object_id},
-                  selected_version{elements[i].selected_version});
+        report<M, M::element>(object_id{elements[i].vs_object_id},
+                              selected_version{elements[i].selected_version});
 }
 
 uint32_t insert_element(const vs_object_sel_entry &element, const uint32_t *versions,
                         uint32_t count, kvs_rec_hdl *handle_p)
 {
-    using s = bulk_insert;
+    using m = bulk_insert;
     const object_id id{element.vs_object_id};
     const selected_version selected{element.selected_version};
-    const uint64_t flat = flat_length<database>(count);
-    const uint32_t length = told_length(flat);
+    const uint64_t flat = database::layout.length(count);
+    const uint32_t length = clamp_length(flat);
     block<vs_objects_kvs_rec> record;
     if (length == flat)
         record.reset(static_cast<vs_objects_kvs_rec *>(calloc(1, length)));
-    const uint32_t allocated = record ? 0 : no_memory<s>(length, s::block_label);
-    report<s>(s::after_allocation, id, address<"record">{record.get()}, status_text{allocated});
-    if (!record)
+    const uint32_t allocated = record != nullptr ? 0 : no_memory<m>(length, m::block_label);
+    report<m, m::after_allocation>(id, record_address{record.get()}, status_text{allocated});
+    if (record == nullptr)
         return allocated;
 
     record->vs_object_id = element.vs_object_id;
@@ -47,11 +47,11 @@ uint32_t insert_element(const vs_object_sel_entry &element, const uint32_t *vers
     if (count != 0)
         memcpy(record->supp_versions, versions, size_t{count} * sizeof *versions);
 
-    report<s>(s::before_insert, id, selected);
+    report<m, m::before_insert>(id, selected);
     const uint32_t status = vs_kvs_insert_vs_object_rec(record.get(), handle_p);
     if (status != 0)
-        return fail<s>(s::element_failed, status, id);
-    report<s>(s::element_inserted, id, selected);
+        return fail<m, m::element_failed>(status, id);
+    report<m, m::element_inserted>(id, selected);
     return 0;
 }
 
@@ -63,20 +63,20 @@ uint32_t vs_kvs_insert_vs_objects(const vs_object_sel_entry *vs_array, uint32_t 
                                   const uint32_t *const *versions_array_array,
                                   const uint32_t *versions_count_array)
 {
-    using s = bulk_insert;
-    uint32_t status = check_initialized<s>();
+    using m = bulk_insert;
+    uint32_t status = check_initialized<m>();
     if (status == 0 && vs_count != 0) {
-        status = required<s>(vs_array, "vs_array");
+        status = require_pointer<m>(vs_array, "vs_array");
         if (status == 0)
-            status = required<s>(versions_array_array, "versions_array_array");
+            status = require_pointer<m>(versions_array_array, "versions_array_array");
         if (status == 0)
-            status = required<s>(versions_count_array, "versions_count_array");
+            status = require_pointer<m>(versions_count_array, "versions_count_array");
     }
     if (status != 0)
         return status;
 
-    report<s>(s::starts, element_count{vs_count});
-    dump_elements<s>(vs_array, vs_count);
+    report<m, m::starts>(element_count{vs_count});
+    print_elements<m>(vs_array, vs_count);
     kvs_rec_hdl handle = UINT64_MAX;
     for (uint32_t i = 0; i < vs_count; ++i) {
         status =
@@ -85,32 +85,32 @@ uint32_t vs_kvs_insert_vs_objects(const vs_object_sel_entry *vs_array, uint32_t 
             return status;
     }
     store(g_vs_objects_db_populated, uint32_t{1});
-    report<s>(s::populated, element_count{vs_count});
+    report<m, m::populated>(element_count{vs_count});
     return 0;
 }
 
 uint32_t vs_kvs_update_vs_objects(const vs_object_sel_entry *vs_array, uint32_t vs_count)
 {
-    using s = bulk_update;
-    uint32_t status = check_initialized<s>();
+    using m = bulk_update;
+    uint32_t status = check_initialized<m>();
     if (status != 0 || vs_count == 0)
         return status;
-    status = required<s>(vs_array, "vs_array");
+    status = require_pointer<m>(vs_array, "vs_array");
     if (status != 0)
         return status;
 
-    report<s>(s::starts, element_count{vs_count});
-    dump_elements<s>(vs_array, vs_count);
+    report<m, m::starts>(element_count{vs_count});
+    print_elements<m>(vs_array, vs_count);
     for (uint32_t i = 0; i < vs_count; ++i) {
         const object_id id{vs_array[i].vs_object_id};
         const selected_version selected{vs_array[i].selected_version};
         status = vs_kvs_update_vs_object_selected_version(id.value, selected.value);
         if (status == VS_FAULT_NO_SUCH_OBJECT)
-            report<s>(s::element_filtered, id, selected);
+            report<m, m::element_filtered>(id, selected);
         else if (status == 0)
-            report<s>(s::element_updated, id, selected);
+            report<m, m::element_updated>(id, selected);
         else
-            return fail<s>(s::element_failed, status, id, selected);
+            return fail<m, m::element_failed>(status, id, selected);
     }
     return 0;
 }

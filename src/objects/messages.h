@@ -1,20 +1,20 @@
-// The reporting sites of the VS objects database.
+// The messages of the VS objects database.
 #pragma once
 
-#include "core/messages.h"
+#include "core/message.h"
 
 namespace vs_kvs::objects {
 
-using optional_compatible = number<"is_optional_compatible">;
-using scope = number<"scope">;
-using changed = number<"is_changed">;
-using version_count = number<"supp_count">;
-using version_index = number<"index">;
-using version = number<"version">;
-using version_read = number<"selected_version_read">;
-using element_count = number<"vs_count">;
+VS_KVS_FACT(optional_compatible, number, "is_optional_compatible");
+VS_KVS_FACT(scope, number, "scope");
+VS_KVS_FACT(changed, number, "is_changed");
+VS_KVS_FACT(version_count, number, "supp_count");
+VS_KVS_FACT(version_index, number, "index");
+VS_KVS_FACT(version, number, "version");
+VS_KVS_FACT(version_read, number, "selected_version_read");
+VS_KVS_FACT(element_count, number, "vs_count");
 
-// A record, told in one line and one for each supported version.
+// A record, printed in one line and one for each supported version.
 template <class... Facts>
 using record_line = debug<Facts..., object_id, selected_version, optional_compatible, scope,
                           changed, version_count>;
@@ -68,7 +68,7 @@ struct get_rec {
         "%s: kvs_get_object_size returned len: %u for  VS object ID: 0x%X, error: %s"};
     static constexpr debug<record_length, object_id> size_known{
         "%s: kvs_get_object_size returned len: %u for VS object ID: 0x%X"};
-    static constexpr debug<record_length, address<"record">> before_read{
+    static constexpr debug<record_length, record_address> before_read{
         "%s: before kvs_read_object, got object size: %u bytes, vs_object_kvs_rec_p: %p"};
     static constexpr errors<status_text> read_failed{0x3020001020c,
                                                      "%s: failed in kvs_read_object: %s"};
@@ -133,6 +133,7 @@ struct get_all_recs {
         "is_optional_compatible: 0x%X, scope: 0x%X, is_changed: 0x%X, supp_versions_count: %u. "
         "Dumping supp_versions:"};
     static constexpr version_line read_line{"%s: supp_versions[%d]=0x%X"};
+    static constexpr no_message before_read{};
 
     static constexpr auto traced = std::tuple{lookup_failed, find_failed, empty,    array_failed,
                                               size_failed,   read_failed, read_null};
@@ -147,11 +148,11 @@ struct update_selected {
                                                        "%s: failed in kvs_lookup_db_handle: %s"};
     static constexpr errors<object_id, status_text> handle_failed{
         0x5030001021c, "%s: failed in vs_kvs_get_vs_object_rec_hdl vs_object_id: 0x%X: %s"};
-    static constexpr debug<address<"handle">, object_id> handle_found{
+    static constexpr debug<handle_address, object_id> handle_found{
         "%s: got vs_object_kvs_rec_hdl ptr: %p for vs_object_id: 0x%X successfully"};
     static constexpr errors<object_id, status_text> copy_failed{
         0x5030001021d, "%s: failed in vs_kvs_get_vs_object_rec vs_object_id: 0x%X: %s"};
-    static constexpr debug<address<"record">, object_id> copied{
+    static constexpr debug<record_address, object_id> copied{
         "%s: got vs_object_kvs_rec ptr: %p for vs_object_id: 0x%X successfully"};
     static constexpr debug<object_id, selected_version> changed_copy{
         "%s: updated VS object ID: 0x%X, New selected_version: 0x%X"};
@@ -188,7 +189,7 @@ struct bulk_insert {
         "%s: Dumping the input selected versions array count: %u"};
     static constexpr debug<object_id, selected_version> element{
         "%s: vs_object_id: 0x%X, selected_version: 0x%X\n"};
-    static constexpr debug<object_id, address<"record">, status_text> after_allocation{
+    static constexpr debug<object_id, record_address, status_text> after_allocation{
         "%s: After malloc: vs_object_id: 0x%X, new_kvs_rec_p: %p, error: %s\n"};
     static constexpr debug<object_id, selected_version> before_insert{
         "%s: Before inserting vs_object_id:0x%X, selected_version: 0x%X to vs_objects VS KVS db"};

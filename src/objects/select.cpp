@@ -8,33 +8,35 @@ using namespace vs_kvs::objects;
 // Only the fixed part is written, so that the supported versions stay as they are stored.
 extern "C" uint32_t vs_kvs_update_vs_object_selected_version(uint32_t vs_object_id, uint32_t wanted)
 {
-    using s = update_selected;
+    using m = update_selected;
+    constexpr auto read = read_record<database, get_rec>;
     const object_id key{vs_object_id};
-    handle_array handle;
-    block<vs_objects_kvs_rec> record;
-    uint32_t status = obtain<database, s>(key, handle, record);
+    working_copy<database> copy;
+    uint32_t status =
+        load_for_update<database, m>(key, look_up_handle<database, get_rec_hdl>, read, copy);
     if (status != 0)
         return status;
-    report<s>(s::copied, address<"record">{record.get()}, key);
-    if (!record)
-        return fail<s>(s::reread_null, VS_FAULT_KVS_READ_NULL_REC);
+    const auto &record = copy.record.data;
+    report<m, m::copied>(record_address{record.get()}, key);
+    if (record == nullptr)
+        return fail<m, m::reread_null>(VS_FAULT_KVS_READ_NULL_REC);
 
     record->selected_version = wanted;
     const object_id stored_id{record->vs_object_id};
     const selected_version selected{wanted};
-    report<s>(s::changed_copy, stored_id, selected);
-    status = write_back<database, s>(handle[0], record.get(), database::fixed, stored_id);
+    report<m, m::changed_copy>(stored_id, selected);
+    status =
+        write_back<database, m>(copy.handle[0], record.get(), database::layout.fixed(), stored_id);
     if (status != 0)
         return status;
-    report<s>(s::written, stored_id, selected);
+    report<m, m::written>(stored_id, selected);
 
-    record.reset();
-    status = read_back<database, s>(key, record);
+    status = read_back<database, m>(key, read, copy.record);
     if (status != 0)
         return status;
     if (record->selected_version != wanted)
-        return fail<s>(s::sanity_failed, VS_FAULT_KVS_UPDATE_SANITY, selected,
-                       version_read{record->selected_version});
-    report<s>(s::sanity_passed, object_id{record->vs_object_id}, selected);
+        return fail<m, m::sanity_failed>(VS_FAULT_KVS_UPDATE_SANITY, selected,
+                                         version_read{record->selected_version});
+    report<m, m::sanity_passed>(object_id{record->vs_object_id}, selected);
     return 0;
 }

@@ -1,12 +1,12 @@
-// The reporting sites of the client objects registration database.
+// The messages of the client objects registration database.
 #pragma once
 
-#include "core/messages.h"
+#include "core/message.h"
 
 namespace vs_kvs::registrations {
 
-using object_count = number<"vs_count">;
-using object_read = number<"vs_object_id_read">;
+VS_KVS_FACT(object_count, number, "vs_count");
+VS_KVS_FACT(object_read, number, "vs_object_id_read");
 
 struct insert_rec {
     static constexpr char operation[] = "vs_kvs_insert_client_objects_reg_rec";
@@ -18,6 +18,7 @@ struct insert_rec {
         0x50300010252, "%s: failed in kvs_insert_object: jid: 0x%X: %s"};
     static constexpr api<job_id> inserted{
         0x10200010109, "%s: inserted vs_client_objects_reg jid: 0x%X record successfully"};
+    static constexpr no_message input_summary{}, input_line{}, flat_summary{}, flat_line{};
 
     static constexpr auto traced = std::tuple{lookup_failed, insert_failed, inserted};
 };
@@ -43,7 +44,7 @@ struct get_rec {
         "%s: kvs_get_object_size returned len: %u for client objects reg jid: 0x%X, error: %s"};
     static constexpr debug<record_length, job_id> size_known{
         "%s: kvs_get_object_size returned len: %u for client objects reg jid: 0x%X"};
-    static constexpr debug<record_length, address<"record">> before_read{
+    static constexpr debug<record_length, record_address> before_read{
         "%s: before kvs_read_object, got object size: %u bytes, vs client objects reg kvs rec ptr: "
         "%p"};
     static constexpr errors<status_text> read_failed{0x30200010264,
@@ -52,6 +53,7 @@ struct get_rec {
         0x10200010259,
         "%s: Error: read NULL vs client objects reg kvs rec without error or read zero len: %u, it "
         "should never happen. Will raise a VS_FAULT_KVS_READ_NULL_REC error"};
+    static constexpr no_message read_summary{}, read_line{};
 
     static constexpr auto traced = std::tuple{invalid_key, lookup_failed, find_failed, many_found,
                                               none_found,  size_failed,   read_failed, read_null};
@@ -100,6 +102,7 @@ struct get_all_recs {
         0x10200010265,
         "%s: got NULL vs_client_objects_reg_kvs_rec from kvs_read_object without error or zero "
         "record len size: %u. It shouldn't never happen"};
+    static constexpr no_message before_read{}, read_summary{}, read_line{};
 
     static constexpr auto traced = std::tuple{lookup_failed, find_failed, empty,    array_failed,
                                               size_failed,   read_failed, read_null};
@@ -115,16 +118,16 @@ struct add_object {
                                                        "%s: failed in kvs_lookup_db_handle: %s"};
     static constexpr errors<job_id, status_text> handle_failed{
         0x50300010269, "%s: failed in vs_kvs_get_client_objects_reg_rec_hdl jid: 0x%X: %s"};
-    static constexpr debug<address<"handle">, job_id> handle_found{
+    static constexpr debug<handle_address, job_id> handle_found{
         "%s: kvs_rec_hdl_p ptr: %p for jid: 0x%X successfully"};
     static constexpr errors<job_id, status_text> copy_failed{
         0x5030001026a, "%s: failed in vs_kvs_get_client_objects_reg_rec jid: 0x%X: %s"};
     static constexpr debug<object_id, job_id> duplicate{
         "%s: VS KVS registration vs_object_id: 0x%X is already exist for jid: 0x%X"};
-    static constexpr debug<address<"record">, job_id> copied{
+    static constexpr debug<record_address, job_id> copied{
         "%s: got vs_client_objects_reg_kvs_rec ptr: %p for jid: 0x%X successfully from "
         "vs_kvs_get_client_objects_reg_rec"};
-    static constexpr debug<number<"old_array_length">, record_length> lengths{
+    static constexpr debug<old_array_length, record_length> lengths{
         "%s: old vs_array size: %u, new vs array size: %u"};
     static constexpr errors<record_length, error_number> grow_failed{
         0x1030001026b, "%s: failed to allocate %u bytes, errno: %d"};

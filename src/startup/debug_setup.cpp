@@ -45,60 +45,93 @@ char errors_buffer_name[name_room];
 
 pthread_mutex_t vs_kvs_debug_mutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
 
-int lock_debug_mutex()
+// A fork waits until no set-up runs, so that the child finds the mutex free and the trace handles
+// and the name whole. The child's mutex is new: an error-checking one belongs to a thread of the
+// parent.
+void before_fork() { pthread_mutex_lock(&vs_kvs_debug_mutex); }
+
+void after_fork_in_parent() { pthread_mutex_unlock(&vs_kvs_debug_mutex); }
+
+void after_fork_in_child() { vs_kvs_debug_mutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP; }
+
+bool has_fork_handlers = false; // guarded by the mutex once threads can be running
+
+// Without memory for the handlers, forks are not waited for until a later set-up registers them.
+void ensure_fork_handlers()
 {
-    int status = pthread_mutex_trylock(&vs_kvs_debug_mutex);
-    if (status == EBUSY) {
-        lockwatch_set_mutex_block(&vs_kvs_debug_mutex, "vs_kvs_debug_init", lockwatch_code);
-        status = pthread_mutex_lock(&vs_kvs_debug_mutex);
-        lockwatch_unset_mutex_block();
-    }
-    return status;
+    if (!has_fork_handlers)
+        has_fork_handlers =
+            pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
 }
 
-// The job manager speaks for its jobs; of any other process the system knows the name, and its id
-// stands in for the job id, whatever else the job manager may have said.
-uint32_t identify(const char *operation, uint32_t &job_id, char (&name)[name_room])
+[[nodiscard]] int lock_debug_mutex()
 {
-    const bool is_job = jobctl_get_job_id(&job_id) == 0;
+    int error = pthread_mutex_trylock(&vs_kvs_debug_mutex);
+    if (error == EBUSY) {
+        lockwatch_set_mutex_block(&vs_kvs_debug_mutex, "vs_kvs_debug_init", lockwatch_code);
+        error = pthread_mutex_lock(&vs_kvs_debug_mutex);
+        lockwatch_unset_mutex_block();
+    }
+    return error;
+}
+
+struct identity {
+    uint32_t job_id = 0;
+    char name[name_room] = "";
+};
+
+// The job manager names its jobs; of any other process the system gives the name, and the process
+// id stands in for the job id, whatever else the job manager may have returned.
+[[nodiscard]] uint32_t identify(const char *operation, identity &self)
+{
+    const bool is_job = jobctl_get_job_id(&self.job_id) == 0;
     const auto pid = static_cast<uint32_t>(getpid());
     if (!is_job)
-        job_id = pid;
-    const bool is_named = jobctl_get_jobctl_name(name, name_room) == 0;
+        self.job_id = pid;
+    const bool is_named = jobctl_get_jobctl_name(self.name, name_room) == 0;
     if (is_job && is_named)
         return 0;
-    const uint32_t status = pinfo_get_name(pid, name, name_room);
+    const uint32_t status = pinfo_get_name(pid, self.name, name_room);
     if (status != 0)
         fprintf(stderr, "%s: %s: failed to get process name: %s\n", program_invocation_short_name,
                 operation, fault_strerror(status));
     return status;
 }
 
-// Everything that happens under the mutex.
-uint32_t set_up(const char *operation, uint64_t evm)
+// Finds out who this process is, and fills in its short name.
+[[nodiscard]] uint32_t name_process(const char *operation, char *short_name, uint32_t &job_id)
 {
-    auto *const block = static_cast<char *>(calloc(longest_short_name + 1, 1));
-    store(g_vs_kvs_proc_name, block);
-    if (!block) {
-        fprintf(stderr, "%s: %s failed to allocate mem for proc name\n",
-                program_invocation_short_name, operation);
-        return VS_FAULT_NO_MEMORY;
-    }
-
-    uint32_t job_id = 0;
-    char name[name_room] = "";
-    uint32_t status = identify(operation, job_id, name);
+    identity self;
+    const uint32_t status = identify(operation, self);
+    job_id = self.job_id;
     if (status != 0)
         return status;
-    const char *const slash = strrchr(name, '/');
-    const char *const short_name = slash ? slash + 1 : name;
-    const size_t length = strlen(short_name);
+    const char *const slash = strrchr(self.name, '/');
+    const char *const last = slash != nullptr ? slash + 1 : self.name;
+    const size_t length = strlen(last);
     if (length > longest_short_name) {
         fprintf(stderr, "%s: %s: failed: process name too long\n", program_invocation_short_name,
                 operation);
         return VS_FAULT_NAME_TOO_LONG;
     }
-    memcpy(block, short_name, length + 1);
+    memcpy(short_name, last, length + 1);
+    return 0;
+}
+
+// The whole set-up, under the mutex. The name block is complete before it is exported, and stays as
+// it is from then on: a thread that reports may read it at any time.
+[[nodiscard]] uint32_t set_up(const char *operation, uint64_t evm)
+{
+    auto *const short_name = static_cast<char *>(calloc(longest_short_name + 1, 1));
+    uint32_t job_id = 0;
+    uint32_t status =
+        short_name != nullptr ? name_process(operation, short_name, job_id) : VS_FAULT_NO_MEMORY;
+    store(g_vs_kvs_proc_name, short_name);
+    if (short_name == nullptr)
+        fprintf(stderr, "%s: %s failed to allocate mem for proc name\n",
+                program_invocation_short_name, operation);
+    if (status != 0)
+        return status;
 
     status = vs_kvs_ringlog_init(static_cast<int32_t>(job_id));
     if (status != 0) {
@@ -116,14 +149,15 @@ uint32_t set_up(const char *operation, uint64_t evm)
 __attribute__((constructor)) void load_hook()
 {
     dummy_unused_var = 0;
-    if (!getenv("NO_DLLMAIN"))
+    ensure_fork_handlers();
+    if (getenv("NO_DLLMAIN") == nullptr)
         vs_kvs_dll_main(0, 0, 0);
 }
 
 __attribute__((destructor)) void unload_hook()
 {
     dummy_unused_var = 0;
-    if (!getenv("NO_DLLMAIN") && __in_unload() != 0)
+    if (getenv("NO_DLLMAIN") == nullptr && __in_unload() != 0)
         vs_kvs_dll_main(0, 1, 0);
 }
 
@@ -147,6 +181,7 @@ uint32_t vs_kvs_debug_init(uint64_t evm)
                 __func__, fault_strerror(static_cast<uint32_t>(error)));
         return static_cast<uint32_t>(error);
     }
+    ensure_fork_handlers();
     const uint32_t status = set_up(__func__, evm);
     pthread_mutex_unlock(&vs_kvs_debug_mutex);
     return status;

@@ -1,5 +1,5 @@
-// Sites that must not compile: one for each WRONG, and none for 0.
-#include "core/messages.h"
+// Messages that must not compile: one for each WRONG, and none for 0.
+#include "core/report.h"
 
 using namespace vs_kvs;
 
@@ -22,5 +22,19 @@ constexpr errors<object_id> wrong{0x10200010299, "is: 0x%X"};
 #elif WRONG == 6 // a debug text with an identifier
 constexpr debug<object_id> wrong{0x10200010299, "%s: id 0x%X"};
 #elif WRONG == 7 // an address in a trace record
-constexpr errors<address<"record">> wrong{0x10200010299, "%s: at %p"};
+constexpr errors<record_address> wrong{0x10200010299, "%s: at %p"};
+#elif WRONG == 8 // reported, and not in the operation's list
+struct operation_without {
+    static constexpr char operation[] = "vs_kvs_operation";
+    static constexpr errors<object_id> unlisted{0x10200010299, "%s: id 0x%X"};
+    static constexpr auto traced = std::tuple{};
+};
+void wrong() { report<operation_without, operation_without::unlisted>(object_id{1}); }
+#elif WRONG == 9 // a report without one of the message's facts
+struct operation_with {
+    static constexpr char operation[] = "vs_kvs_operation";
+    static constexpr errors<object_id> listed{0x10200010299, "%s: id 0x%X"};
+    static constexpr auto traced = std::tuple{listed};
+};
+void wrong() { report<operation_with, operation_with::listed>(job_id{1}); }
 #endif
