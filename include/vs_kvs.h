@@ -158,20 +158,28 @@ extern uint32_t dummy_unused_var;            /* set to 0 by the load and unload 
 
 /*
  * Opens the three databases in the order of their selectors, creating what is missing, with up to 3
- * attempts for each and a second's sleep between attempts. Called once in a process, from one
- * thread, before its other calls. `evm` is the platform handle, handed on to the store and the
- * debug prints.
+ * attempts for each and a pause of one second between attempts. Called once in a process, before its
+ * other calls. `evm` is the platform handle, handed on to the store and the debug prints.
  *
  * Returns the status of the last attempt for the database that could not be opened; databases
- * opened before it stay open. A second call finds database 0 open and returns
- * VS_KVS_DB_ALREADY_OPEN, after its retries. Failures are also written to standard error.
+ * opened before it stay open, later ones are not attempted. A second call finds database 0 open and
+ * returns VS_KVS_DB_ALREADY_OPEN, after its retries. Failures are also written to standard error.
+ *
+ * Without it, or after it failed, every other operation opens the database that it needs on demand,
+ * if some process has created it; only the bulk operations are refused (VS_FAULT_KVS_DB_LOOKUP) until
+ * it has succeeded. A call that comes after such an operation finds that database open, and returns
+ * VS_KVS_DB_ALREADY_OPEN: a process that failed to initialise goes on without it, or starts anew.
+ *
+ * Two threads that call it at once do no harm, but each database is opened by one of them and the
+ * other may get VS_KVS_DB_ALREADY_OPEN.
  */
 uint32_t vs_kvs_initialize(uint64_t evm);
 
 /*
- * Opens one database, after the debug set-up if that has not been done in this process.
+ * Opens one database, after the debug set-up if that has not been done in this process. Whether the
+ * database is open is looked up before the set-up. Threads as for vs_kvs_initialize.
  *
- *   VS_KVS_DB_ALREADY_OPEN    its handle is held already
+ *   VS_KVS_DB_ALREADY_OPEN    its handle is set already
  *   VS_FAULT_KVS_UNKNOWN_DB   the selector is none of VS_KVS_DB_*
  *   VS_FAULT_KVS_INVALID_HDL  the store reported success and gave no handle
  *   any status of vs_kvs_debug_init
@@ -184,7 +192,8 @@ uint32_t vs_kvs_is_populated(void);
 /*
  * The per-process debug set-up: finds the process's job id and short name, opens its api and errors
  * trace buffers, and prepares the debug prints. One thread runs it at a time, others wait; each
- * call repeats every step. What earlier steps set stays in place when a later one fails.
+ * call repeats every step. What earlier steps set stays in place when a later one fails. A fork
+ * waits for a set-up that runs; the child may run its own.
  *
  *   VS_FAULT_NO_MEMORY      no room for the process's name
  *   VS_FAULT_NAME_TOO_LONG  the last component of the process's name has more than 64 characters
@@ -349,6 +358,7 @@ uint32_t vs_kvs_get_clients_info_all_recs(uint32_t *vs_clients_info_kvs_recs_cou
  *   VS_FAULT_NO_SUCH_OBJECT            no list
  *   VS_FAULT_KVS_CLIENT_ALREADY_EXIST  a client with this jid is listed; nothing is written
  *   VS_FAULT_KVS_READ_NULL_REC         the list is empty or too short, before or after the write
+ *   VS_FAULT_KVS_REG_NOT_EXIST         the list was deleted meanwhile, and its VS object is stored
  *   VS_FAULT_KVS_ADD_SANITY            written, but another jid, or none, is read back in its place
  *   VS_FAULT_KVS_MULTI_REC_HDL         more than one record
  *   VS_FAULT_NO_MEMORY                 no memory, or the list would outgrow 32 bits
@@ -356,13 +366,15 @@ uint32_t vs_kvs_get_clients_info_all_recs(uint32_t *vs_clients_info_kvs_recs_cou
 uint32_t vs_kvs_add_new_client_info(uint32_t vs_object_id, const vs_client_info_entry *new_client);
 
 /*
- * Replaces the first client that has new_client's jid, all 20 bytes of it, and verifies its pid.
+ * Replaces the first client that has new_client's jid, all 20 bytes of it, and verifies its pid. The
+ * record is written as long as it is stored, but never longer than it was read.
  *
  *   VS_FAULT_NULL_ARG            no client
  *   VS_FAULT_INVALID_OBJECT_ID   id 0
  *   VS_FAULT_NO_SUCH_OBJECT      no list
  *   VS_FAULT_INVALID_CLIENT_JID  no client with this jid; nothing is written
  *   VS_FAULT_KVS_READ_NULL_REC   the list is too short, or empty after the write
+ *   VS_FAULT_KVS_REG_NOT_EXIST   the list was deleted meanwhile, and its VS object is stored
  *   VS_FAULT_KVS_UPDATE_SANITY   written, but another pid, or none, is read back in its place
  *   VS_FAULT_KVS_MULTI_REC_HDL   more than one record
  *   VS_FAULT_NO_MEMORY
