@@ -5,7 +5,6 @@
 #include "clients/schema.h"
 #include "objects/schema.h"
 #include "registrations/schema.h"
-#include "startup/messages.h"
 
 #include <array>
 
@@ -67,11 +66,10 @@ void for_each_of(database_list<Dbs...>, const Each &each)
 // Indexed by the selector.
 inline constexpr auto database_entries = detail::table_of(databases{});
 
-// Calls `each` with the struct of messages of every operation, start-up first.
+// Calls `each` with the struct of messages of every operation on a database.
 template <class Each>
-void for_each_operation(const Each &each)
+void for_each_database_operation(const Each &each)
 {
-    detail::for_each_of(startup::operations{}, each);
     detail::for_each_of(databases{}, each);
 }
 

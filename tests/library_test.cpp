@@ -5,11 +5,9 @@
 // of a regular run changes in its log, are compared as a whole with expected_reports.txt and
 // expected_failures.txt; run with ACCEPT=1 to write them anew, and read the difference before
 // believing it.
-#include "clients/schema.h"
 #include "core/state.h"
 #include "core/update.h"
-#include "objects/schema.h"
-#include "registrations/schema.h"
+#include "databases.h"
 #include "tests/scripted_platform.h"
 
 #include <algorithm>
@@ -17,6 +15,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <set>
@@ -512,6 +511,17 @@ TEST(library, refuses_to_outgrow_a_record)
     EXPECT_EQ(record.data->vs_count, 0x3FFFFFFDu);
     EXPECT_EQ(now.log[1], "trace errors 0x1030001026b "
                           "\"vs_kvs_add_new_client_objects_reg_object\" 4294967295 12");
+}
+
+// A database is a folder of src/ with a schema, and an exported handle.
+TEST(library, lists_every_database)
+{
+    const auto folders = std::filesystem::directory_iterator(EXPECTED_DIR "/../src");
+    const auto schemas = std::ranges::count_if(
+        folders, [](const auto &folder) { return exists(folder.path() / "schema.h"); });
+    EXPECT_EQ(vs_kvs::database_entries.size(), static_cast<size_t>(schemas));
+    for (const vs_kvs::database_entry &entry : vs_kvs::database_entries)
+        EXPECT_TRUE(now.store.contains(entry.name)) << entry.name;
 }
 
 TEST(library, key_setters_leave_the_key_alone)

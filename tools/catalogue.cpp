@@ -2,8 +2,8 @@
 // identifier alone is not enough, since operations share identifiers where they share steps.
 #include "tools/catalogue.h"
 
-#include "databases.h"
 #include "fault.h"
+#include "startup/messages.h"
 
 #include <cstring>
 #include <tuple>

@@ -2,7 +2,7 @@
 // two; after a change of the messages, write the page again with `messages_page >
 // docs/messages.md`.
 
-#include "databases.h"
+#include "startup/messages.h"
 
 #include <cinttypes>
 #include <cstdio>

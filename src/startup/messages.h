@@ -1,7 +1,7 @@
-// The messages of start-up.
+// The messages of start-up, and the way through the messages of all operations.
 #pragma once
 
-#include "core/message.h"
+#include "databases.h"
 
 namespace vs_kvs::startup {
 
@@ -34,3 +34,15 @@ struct initialize {
 using operations = operation_list<db_init, initialize>;
 
 } // namespace vs_kvs::startup
+
+namespace vs_kvs {
+
+// Calls `each` with the struct of messages of every operation, start-up first.
+template <class Each>
+void for_each_operation(const Each &each)
+{
+    detail::for_each_of(startup::operations{}, each);
+    for_each_database_operation(each);
+}
+
+} // namespace vs_kvs

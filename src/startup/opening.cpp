@@ -1,8 +1,8 @@
 // Opening the databases.
 #include "core/report.h"
 #include "core/state.h"
-#include "databases.h"
 #include "kvs.h"
+#include "startup/messages.h"
 
 #include <cerrno>
 #include <cstdio>
