@@ -516,6 +516,7 @@ TEST(library, refuses_to_outgrow_a_record)
 // A database is a folder of src/ with a schema, and an exported handle.
 TEST(library, lists_every_database)
 {
+    reset();
     const auto folders = std::filesystem::directory_iterator(EXPECTED_DIR "/../src");
     const auto schemas = std::ranges::count_if(
         folders, [](const auto &folder) { return exists(folder.path() / "schema.h"); });
