@@ -52,7 +52,15 @@ void before_fork() { pthread_mutex_lock(&vs_kvs_debug_mutex); }
 
 void after_fork_in_parent() { pthread_mutex_unlock(&vs_kvs_debug_mutex); }
 
-void after_fork_in_child() { vs_kvs_debug_mutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP; }
+void after_fork_in_child()
+{
+    pthread_mutex_unlock(&vs_kvs_debug_mutex); // refused, but a checker of locks takes note
+    pthread_mutexattr_t kind;
+    pthread_mutexattr_init(&kind);
+    pthread_mutexattr_settype(&kind, PTHREAD_MUTEX_ERRORCHECK);
+    pthread_mutex_init(&vs_kvs_debug_mutex, &kind);
+    pthread_mutexattr_destroy(&kind);
+}
 
 bool has_fork_handlers = false; // guarded by the mutex once threads can be running
 
