@@ -11,6 +11,7 @@
 #include <dlfcn.h>
 #include <regex>
 #include <set>
+#include <thread>
 
 namespace {
 
@@ -124,13 +125,34 @@ TEST_F(services, waits_are_noted)
     EXPECT_EQ((lockwatch_unset_mutex_block(), lockwatch_list(waits, 130)), 0u);
 }
 
-TEST_F(services, unload_is_told_from_the_end)
+TEST_F(services, unload_differs_from_the_end_of_the_process)
 {
-    setenv("UNLOAD_ANSWER_FILE", log.c_str(), 1); // There the hook of the library tells.
-    void *const library = dlopen(UNLOAD_ASKER, RTLD_NOW);
-    ASSERT_NE(library, nullptr) << dlerror();
-    EXPECT_TRUE(passes_in_child([] { exit(0); }) && content_of(log) == "0");
-    EXPECT_TRUE(dlclose(library) == 0 && content_of(log) == "1");
+    const fs::path answer = root / "answer";
+    setenv("UNLOAD_ANSWER_FILE", answer.c_str(), 1);
+    setenv("VS_VERBOSE_FILE", log.c_str(), 1);
+    // Returns how often a hook got each of the answers, "the process ends" first.
+    const auto answers = [&] {
+        const std::string text = content_of(log);
+        const auto count = [&](const std::regex &of) {
+            return std::distance(std::sregex_iterator(text.begin(), text.end(), of), {});
+        };
+        fs::remove(log);
+        return std::pair(count(std::regex("hook: the process ends\n")),
+                         count(std::regex("hook: explicit unload\n")));
+    };
+    const auto end = [&] { start("platform"), exit(0); };
+    // Before dlopen only the library that came with the program has hooks.
+    EXPECT_TRUE(passes_in_child(end));
+    EXPECT_EQ(answers(), std::pair(2l, 0l));
+    std::thread([&] { EXPECT_TRUE(passes_in_child(end)); }).join();
+    EXPECT_EQ(answers(), std::pair(2l, 0l));
+    void *const asker = dlopen(UNLOAD_ASKER, RTLD_NOW), *jumper = dlopen(UNLOAD_JUMPER, RTLD_NOW);
+    ASSERT_TRUE(asker != nullptr && jumper != nullptr) << dlerror();
+    EXPECT_TRUE(passes_in_child(end) && content_of(answer) == "0");
+    EXPECT_EQ(answers(), std::pair(5l, 0l));
+    EXPECT_TRUE(start("platform") == 0 && dlclose(asker) == 0 && dlclose(jumper) == 0);
+    EXPECT_TRUE(content_of(answer) == "1");
+    EXPECT_EQ(answers(), std::pair(0l, 3l));
 }
 
 } // namespace

@@ -1,10 +1,10 @@
-// The part of the loader query that the services take care of.
+// The part of the unload query that other services of the platform call.
 #pragma once
 
 namespace platform {
 
-// Makes sure that the end of the process will be noticed for libraries that came by dlopen. The
-// load hook of every library that asks opens a trace buffer; that is where this is called.
+// Ensures that the end of the process is recorded for libraries loaded by dlopen. The load hook of
+// every library that queries the unload opens a trace buffer; that is where this is called.
 void watch_process_end();
 
 } // namespace platform
