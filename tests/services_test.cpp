@@ -52,16 +52,35 @@ TEST_F(services, prints_follow_the_environment_in_whole_lines)
     setenv("VS_VERBOSE_FILE", log.c_str(), 1);
     const std::string head = R"([-\d]{10} [:\d]{8}\.\d{6} \[)" + std::to_string(getpid());
     const std::regex lines(head + R"(\] (\w)(\w+): \1\2\n)"), prefix(head + R"(\] kvs: )");
-    for (const std::string row : {"=", "k=kvs", "c=common", "kp=kvs,platform", "kc=0x60000000",
-                                  "p=268435456", "=0", "kcp=all"}) {
-        EXPECT_EQ(start(row.c_str() + row.find('=') + 1), 0u) << row;
-        for (const char *bad : {"kvs,", "tuna", "0x", "0x100000000", "12abc", "`"})
-            EXPECT_EQ(start(bad), VERBOSE_RC_BAD_CATEGORY) << bad;
+    struct {
+        std::string on, value, unknown;
+    } const rows[] = {{"", "", ""},
+                      {"k", "kvs", ""},
+                      {"", "tuna", "tuna"},
+                      {"c", "common", ""},
+                      {"k", "tuna,kvs", "tuna"},
+                      {"kp", "kvs,platform,", ""},
+                      {"p", "`,\x1b[,platform", "`,?["},
+                      {"kc", "0x60000000", ""},
+                      {"p", "268435456", ""},
+                      {"k", "kvs,0x,12abc,0x100000000", "0x,12abc,0x100000000"},
+                      {"k", std::string(200, 'w') + ",kvs", std::string(127, 'w')},
+                      {"", "0", ""},
+                      {"kcp", "all", ""}};
+    for (const auto &[on, value, unknown] : rows) {
+        testing::internal::CaptureStderr();
+        EXPECT_TRUE(start(value.c_str()) == 0 && start(value.c_str()) == 0) << value;
+        const std::string warning = std::string(program_invocation_short_name) +
+                                    ": VS_VERBOSE: ignoring \"" + unknown +
+                                    "\"; known: kvs, common, platform, all, or a mask\n";
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), unknown.empty() ? "" : warning);
         std::ofstream(log).flush();
+        errno = 4711;
         verbose_printf_local(DBG_VS_KVS, "%s", "kvs");
         verbose_printf_local(DBG_VS_COMMON, "%s", "common\n");
         verbose_printf_local(DBG_VS_PLATFORM, "%s", "platform");
-        EXPECT_EQ(std::regex_replace(content_of(log), lines, "$1"), row.substr(0, row.find('=')));
+        EXPECT_EQ(errno, 4711);
+        EXPECT_EQ(std::regex_replace(content_of(log), lines, "$1"), on) << value;
     }
     fs::remove(log);
     EXPECT_EQ(start("kvs"), 0u);
