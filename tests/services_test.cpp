@@ -75,11 +75,9 @@ TEST_F(services, prints_follow_the_environment_in_whole_lines)
                                     "\"; known: kvs, common, platform, all, or a mask\n";
         EXPECT_EQ(testing::internal::GetCapturedStderr(), unknown.empty() ? "" : warning);
         std::ofstream(log).flush();
-        errno = 4711;
         verbose_printf_local(DBG_VS_KVS, "%s", "kvs");
         verbose_printf_local(DBG_VS_COMMON, "%s", "common\n");
         verbose_printf_local(DBG_VS_PLATFORM, "%s", "platform");
-        EXPECT_EQ(errno, 4711);
         EXPECT_EQ(std::regex_replace(content_of(log), lines, "$1"), on) << value;
     }
     fs::remove(log);
@@ -92,6 +90,10 @@ TEST_F(services, prints_follow_the_environment_in_whole_lines)
     verbose_printf_local(DBG_VS_KVS, "%s\u00e9", std::string(3999, 'y').c_str());
     EXPECT_EQ(std::regex_replace(content_of(log), prefix, ""),
               "a\tb???[c?\n" + std::string(3999, 'y') + "\n");
+    EXPECT_EQ((setenv("VS_VERBOSE_FILE", "/dev/full", 1), start("kvs")), 0u);
+    errno = 4711;
+    verbose_printf_local(DBG_VS_KVS, "lost");
+    EXPECT_EQ(errno, 4711);
 }
 
 TEST_F(services, every_status_has_words)
@@ -121,18 +123,24 @@ TEST_F(services, jobs_and_processes_have_ids_and_names)
     uint32_t id = 5;
     char name[PATH_MAX] = "before";
     const std::string program = fs::read_symlink("/proc/self/exe");
-    const auto size = static_cast<uint32_t>(program.size()), self = static_cast<uint32_t>(getpid());
+    const std::string leaf = fs::path(program).filename();
+    const auto self = static_cast<uint32_t>(getpid());
+    const auto size_for = [](const std::string &text) {
+        return static_cast<uint32_t>(text.size()) + 1;
+    };
     EXPECT_EQ(jobctl_get_job_id(&id), JOBCTL_RC_NOT_A_JOB);
     for (const char *bad : {"", "0", "-1", "+1", " 1", "1 ", "0x10", "1a", "1`", "4294967296"})
         EXPECT_EQ((setenv("VS_JOB_ID", bad, 1), jobctl_get_job_id(&id)), JOBCTL_RC_BAD_JOB_ID);
     EXPECT_EQ((setenv("VS_JOB_NAME", "seven_b", 1), setenv("VS_JOB_ID", "4294967295", 1)), 0);
     EXPECT_EQ(jobctl_get_jobctl_name(name, 7), JOBCTL_RC_NAME_TOO_LONG);
-    EXPECT_EQ(pinfo_get_name(self, name, size), PINFO_RC_NAME_TOO_LONG);
-    EXPECT_EQ(pinfo_get_name(INT32_MAX, name, size), PINFO_RC_NO_SUCH_PROCESS);
+    EXPECT_EQ(pinfo_get_name(self, name, size_for(leaf) - 1), PINFO_RC_NAME_TOO_LONG);
+    EXPECT_EQ(pinfo_get_name(INT32_MAX, name, size_for(program)), PINFO_RC_NO_SUCH_PROCESS);
     EXPECT_TRUE(id == 5 && name == std::string("before"));
     EXPECT_TRUE(jobctl_get_job_id(&id) == 0 && id == UINT32_MAX);
     EXPECT_TRUE(jobctl_get_jobctl_name(name, 8) == 0 && name == std::string("seven_b"));
-    EXPECT_TRUE(pinfo_get_name(self, name, size + 1) == 0 && name == program);
+    EXPECT_TRUE(pinfo_get_name(self, name, size_for(leaf)) == 0 && name == leaf);
+    EXPECT_TRUE(pinfo_get_name(self, name, size_for(program) - 1) == 0 && name == leaf);
+    EXPECT_TRUE(pinfo_get_name(self, name, size_for(program)) == 0 && name == program);
 }
 
 TEST_F(services, waits_are_noted)
