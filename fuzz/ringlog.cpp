@@ -77,14 +77,14 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     fuzz::reader in{data, size};
     std::string file = sound();
-    need(file.size() == ring_size(slots), "the size of a buffer");
+    need(file.size() == file_size(slots), "the size of a buffer");
     const bool also_write = in.next() % 16 == 0;
     const uint64_t next = in.next<uint64_t>() >> in.next() % 64;
-    memcpy(&file[offsetof(ring_header, next)], &next, sizeof next);
+    memcpy(&file[offsetof(buffer_header, next)], &next, sizeof next);
     for (uint64_t n = next - slots; n != next; ++n) {
         uint64_t slot[slot_words] = {};
         fill(slot, n, in);
-        memcpy(&file[ring_size(n % slots)], slot, sizeof slot);
+        memcpy(&file[slot_offset(n % slots)], slot, sizeof slot);
     }
     while (in.left != 0)
         file[in.next<uint16_t>() % file.size()] = static_cast<char>(in.next());
