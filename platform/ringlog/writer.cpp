@@ -8,9 +8,9 @@
 #include "platform/base/clock.h"
 #include "platform/base/export.h"
 #include "platform/base/mutex.h"
+#include "platform/base/process_end.h"
 #include "platform/base/thread_identity.h"
 #include "platform/base/utf8.h"
-#include "platform/process/loader_watch.h"
 #include "platform/ringlog/buffer_file.h"
 #include "platform/ringlog/format.h"
 #include "ringlog.h"
@@ -149,6 +149,26 @@ void fill_origin(uint64_t *words)
     words[word_process + 1] = process_name[1];
 }
 
+// Replaces string arguments by the lengths of their texts, and copies the texts behind the
+// arguments. Returns the number of bytes copied.
+uint64_t copy_texts(uint64_t *words, uint64_t id, const text_span *next)
+{
+    const uint32_t count = argument_count(id);
+    char *const strings = reinterpret_cast<char *>(words + word_arguments + count);
+    char *end = strings;
+    for (uint32_t i = 0; i < count; ++i) {
+        if (!is_string(id, i))
+            continue;
+        words[word_arguments + i] = next->length;
+        memcpy(end, next->text, next->length);
+        end += next->length;
+        ++next;
+    }
+    const auto bytes = static_cast<uint64_t>(end - strings);
+    memset(end, 0, -bytes % sizeof(uint64_t));
+    return bytes;
+}
+
 // Fills the words of a record from the time on; returns the number in use.
 uint32_t compose_record(uint64_t *words, uint64_t id, va_list arguments)
 {
@@ -173,21 +193,7 @@ uint32_t compose_record(uint64_t *words, uint64_t id, va_list arguments)
     }
     if (total > capacity)
         truncate_texts(texts, text_count, capacity);
-
-    char *end = reinterpret_cast<char *>(words + word_arguments + count);
-    char *const strings = end;
-    const text_span *next = texts;
-    for (uint32_t i = 0; i < count; ++i) {
-        if (!is_string(id, i))
-            continue;
-        words[word_arguments + i] = next->length;
-        memcpy(end, next->text, next->length);
-        end += next->length;
-        ++next;
-    }
-    const auto bytes = static_cast<uint64_t>(end - strings);
-    memset(end, 0, -bytes % sizeof(uint64_t));
-    return words_in_use(count, bytes);
+    return words_in_use(count, copy_texts(words, id, texts));
 }
 
 uint64_t *slot_of(const mapped_buffer &buffer, uint64_t n)
