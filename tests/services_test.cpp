@@ -160,23 +160,25 @@ TEST_F(services, unload_differs_from_the_end_of_the_process)
     // Returns how often a hook got each of the answers, "the process ends" first.
     const auto answers = [&] {
         const std::string text = content_of(log);
-        const auto count = [&](const std::regex &of) {
-            return std::distance(std::sregex_iterator(text.begin(), text.end(), of), {});
+        const auto count = [&](const char *of) {
+            const std::regex answer_line(of);
+            return std::distance(std::sregex_iterator(text.begin(), text.end(), answer_line), {});
         };
         fs::remove(log);
-        return std::pair(count(std::regex("hook: the process ends\n")),
-                         count(std::regex("hook: explicit unload\n")));
+        return std::pair(count("hook: the process ends\n"), count("hook: explicit unload\n"));
     };
     const auto end = [&] { start("platform"), exit(0); };
-    // Before dlopen only the library that came with the program has hooks.
+    // Before dlopen only libraries that came with the program have hooks.
     EXPECT_TRUE(passes_in_child(end));
-    EXPECT_EQ(answers(), std::pair(2l, 0l));
-    std::thread([&] { EXPECT_TRUE(passes_in_child(end)); }).join();
-    EXPECT_EQ(answers(), std::pair(2l, 0l));
+    const auto [at_start, unloaded] = answers();
+    EXPECT_TRUE(at_start >= 2 && unloaded == 0);
+    // Such a child has lost what only the other thread refers to, which counts as leaked.
+    std::thread([&] { finish(start_in_child(end)); }).join();
+    EXPECT_EQ(answers(), std::pair(at_start, 0l));
     void *const asker = dlopen(UNLOAD_ASKER, RTLD_NOW), *jumper = dlopen(UNLOAD_JUMPER, RTLD_NOW);
     ASSERT_TRUE(asker != nullptr && jumper != nullptr) << dlerror();
     EXPECT_TRUE(passes_in_child(end) && content_of(answer) == "0");
-    EXPECT_EQ(answers(), std::pair(5l, 0l));
+    EXPECT_EQ(answers(), std::pair(at_start + 3, 0l));
     EXPECT_TRUE(start("platform") == 0 && dlclose(asker) == 0 && dlclose(jumper) == 0);
     EXPECT_TRUE(content_of(answer) == "1");
     EXPECT_EQ(answers(), std::pair(0l, 3l));

@@ -10,11 +10,9 @@
 extern "C" {
 #endif
 
-#define PINFO_RC_NULL_ARG UINT32_C(0xA6990200) /* the buffer is null or has no room at all */
-#define PINFO_RC_NO_SUCH_PROCESS                                                                   \
-    UINT32_C(0xC6990400)                            /* no process has this id, or it is hidden     \
-                                                     */
-#define PINFO_RC_NAME_TOO_LONG UINT32_C(0xC6990600) /* not even the last component fits */
+#define PINFO_RC_NULL_ARG UINT32_C(0xA6990200)        /* the buffer is null or has no bytes */
+#define PINFO_RC_NO_SUCH_PROCESS UINT32_C(0xC6990400) /* no visible process has this id */
+#define PINFO_RC_NAME_TOO_LONG UINT32_C(0xC6990600)   /* not even the last component fits */
 
 /*
  * Writes the name of a process, NUL-terminated, into the `size` bytes at `name`: the path of the
