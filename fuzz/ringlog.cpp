@@ -1,7 +1,7 @@
-// Trace buffer files of any bytes, through the reader and now and then the writer.
+// Trace buffer files of arbitrary bytes, given to the reader and in some runs to the writer.
 //
 // An input is the number of records written; then for each slot its words, and whether claim and
-// checksum are made to fit them; then single bytes that are changed anywhere in the file.
+// checksum are computed for them; then single bytes that are changed anywhere in the file.
 #include "fuzz.h"
 #include "platform/ringlog/format.h"
 
@@ -12,7 +12,7 @@
 
 OWN_STATE_DIR(true);
 
-// Waiting for a writer that may be at work would only take time.
+// Waiting for a writer would only take time.
 extern "C" int nanosleep(const timespec *, timespec *) { return 0; }
 
 namespace {
@@ -21,13 +21,13 @@ using namespace platform;
 
 constexpr uint32_t slots = 8;
 
-// A sound buffer, as its maker left it.
-const std::string &sound()
+// A valid buffer without records.
+const std::string &valid_file()
 {
     static const std::string file = [] {
         uint64_t handle = 0;
-        need(ringlog_init2("sound", 0, 0, slots, slots, 0, &handle) == 0, "making a buffer");
-        std::ifstream from(own.path / "ringlog/sound", std::ios::binary);
+        need(ringlog_init2("valid", 0, 0, slots, slots, 0, &handle) == 0, "creating a buffer");
+        std::ifstream from(own.path / "ringlog/valid", std::ios::binary);
         return std::string(std::istreambuf_iterator<char>(from), {});
     }();
     return file;
@@ -48,7 +48,7 @@ void fill(uint64_t *slot, uint64_t n, fuzz::reader &in)
         slot[word_checksum] = record_checksum(slot, used, n);
 }
 
-// Reads all there is; the identifier of the last record.
+// Reads all records; returns the identifier of the last one.
 uint64_t read_all()
 {
     ringlog_reader *reader = nullptr;
@@ -76,15 +76,15 @@ uint64_t read_all()
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     fuzz::reader in{data, size};
-    std::string file = sound();
-    need(file.size() == ring_size(slots), "the size of a buffer");
+    std::string file = valid_file();
+    need(file.size() == file_size(slots), "the size of a buffer");
     const bool also_write = in.next() % 16 == 0;
     const uint64_t next = in.next<uint64_t>() >> in.next() % 64;
-    memcpy(&file[offsetof(ring_header, next)], &next, sizeof next);
+    memcpy(&file[offsetof(buffer_header, next)], &next, sizeof next);
     for (uint64_t n = next - slots; n != next; ++n) {
         uint64_t slot[slot_words] = {};
         fill(slot, n, in);
-        memcpy(&file[ring_size(n % slots)], slot, sizeof slot);
+        memcpy(&file[slot_offset(n % slots)], slot, sizeof slot);
     }
     while (in.left != 0)
         file[in.next<uint16_t>() % file.size()] = static_cast<char>(in.next());

@@ -1,7 +1,7 @@
-// The catalogue of statuses: one table, ordered by value so that a lookup is a binary search.
+// The catalogue of statuses: one table, ordered by value, in which a lookup is a binary search.
 //
 // Statuses of the platform take their values from its headers. Those of the libraries above it are
-// written out, because the platform knows nothing of their headers.
+// written out, because the platform includes none of their headers.
 #include "fault.h"
 
 #include "jobctl.h"
@@ -30,8 +30,6 @@ constexpr fault_entry catalogue[] = {
     {0x45323000, "VS_FAULT_KVS_DB_EMPTY", "database holds no records"},
 
     PLATFORM_STATUS(RINGLOG_RC_NO_RECORD, "no trace record left to read"),
-
-    PLATFORM_STATUS(VERBOSE_RC_BAD_CATEGORY, "unknown debug category"),
 
     {0xA5320200, "VS_FAULT_NULL_ARG", "required argument is null"},
     {0xA5320400, "VS_FAULT_NAME_TOO_LONG", "process name too long"},

@@ -1,9 +1,9 @@
 // Debug prints.
 //
-// A print that is off must cost next to nothing, so the exported function holds the test alone and
-// everything else stands apart. A line is put together on the stack and given to the system whole.
-// Times are UTC, worked out here: the C library's conversions take a lock that a forked child may
-// find held for ever.
+// A print that is off must cost next to nothing, so the exported function contains the test alone
+// and everything else is out of line. A line is composed on the stack and written by one call.
+// Times are UTC, converted here: the conversions of the C library take a lock that may be held for
+// ever in a forked child.
 #include "verbose.h"
 
 #include "platform/base/clock.h"
@@ -13,6 +13,7 @@
 #include "platform/base/number.h"
 #include "platform/base/utf8.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -20,7 +21,9 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
+#include <optional>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -43,19 +46,21 @@ constexpr category_name categories[] = {
 
 constexpr size_t max_prefix = 80;
 constexpr size_t max_text = 4000;
+constexpr size_t max_unknown = 127;
 
 std::atomic<uint32_t> mask{0};
 
-// Where the lines go. The identity of the file tells whether the number is still ours: a daemon
-// that closes all its descriptors must not get debug lines into the file it opens next.
+// Where the lines go. The identity of the file shows whether the descriptor still belongs to it: a
+// daemon that closes all descriptors must not get debug lines into the file it opens next.
 std::atomic<int> output{STDERR_FILENO};
 std::atomic<dev_t> output_device{0};
 std::atomic<ino_t> output_inode{0};
 
-// The number of the log, kept while the lines go to standard error; init_mutex guards it.
-int log_number = STDERR_FILENO;
-
+// Guards the descriptor of the log, which is kept while the lines go to standard error, and the
+// words of the last warning.
 pthread_mutex_t init_mutex = PTHREAD_MUTEX_INITIALIZER;
+int log_number = STDERR_FILENO;
+char warned_of[max_unknown + 1] = "";
 
 bool is_our_file(int fd)
 {
@@ -65,39 +70,85 @@ bool is_our_file(int fd)
            about.st_ino == output_inode.load(std::memory_order_relaxed);
 }
 
-bool parse_mask(std::string_view text, uint32_t &number)
+void write_whole(int fd, const char *line, size_t length)
 {
-    const bool hex = text.starts_with("0x") || text.starts_with("0X");
-    return platform::parse_number(text.substr(hex ? 2 : 0), hex ? 16 : 10, number);
+    ssize_t written = -1;
+    do
+        written = write(fd, line, length);
+    while (written < 0 && errno == EINTR);
 }
 
-bool parse_categories(std::string_view text, uint32_t &chosen)
+void hide_control_characters(char *text, size_t length)
 {
-    if (text.empty() || parse_mask(text, chosen))
-        return true;
-    for (;;) {
-        const size_t comma = text.find(',');
-        uint32_t bit = 0;
-        for (const category_name &each : categories)
-            bit |= text.substr(0, comma) == each.name ? each.bit : 0;
-        if (bit == 0)
-            return false;
-        chosen |= bit;
-        if (comma == text.npos)
-            return true;
-        text.remove_prefix(comma + 1);
+    for (size_t i = 0; i < length; ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if ((byte < 0x20u && byte != '\t') || byte == 0x7Fu)
+            text[i] = '?';
     }
 }
 
-bool send_lines_to(const char *path)
+struct selection {
+    uint32_t mask = 0;
+    char unknown[max_unknown + 1] = ""; // words that are no category, separated by commas
+};
+
+std::optional<uint32_t> parse_category(std::string_view word)
+{
+    for (const category_name &each : categories)
+        if (word == each.name)
+            return each.bit;
+    const bool hex = word.starts_with("0x") || word.starts_with("0X");
+    return platform::parse_number(word.substr(hex ? 2 : 0), hex ? 16 : 10);
+}
+
+selection parse_categories(std::string_view text)
+{
+    selection chosen;
+    size_t length = 0;
+    while (!text.empty()) {
+        const std::string_view word = text.substr(0, text.find(','));
+        text.remove_prefix(std::min(text.size(), word.size() + 1));
+        if (const auto bits = parse_category(word)) {
+            chosen.mask |= *bits;
+            continue;
+        }
+        if (!word.empty() && length < max_unknown)
+            length += static_cast<size_t>(
+                snprintf(chosen.unknown + length, sizeof chosen.unknown - length, "%s%.*s",
+                         length == 0 ? "" : ",", static_cast<int>(word.size()), word.data()));
+    }
+    length = platform::whole_characters(chosen.unknown, std::min(length, max_unknown));
+    chosen.unknown[length] = '\0';
+    hide_control_characters(chosen.unknown, length);
+    return chosen;
+}
+
+// Warns on standard error, once until the words change.
+void warn_of_unknown(const selection &chosen)
+{
+    const bool is_known = strcmp(chosen.unknown, warned_of) == 0;
+    strcpy(warned_of, chosen.unknown);
+    if (is_known || chosen.unknown[0] == '\0')
+        return;
+    char line[max_unknown + 256];
+    int length = snprintf(line, sizeof line, "%.64s: VS_VERBOSE: ignoring \"%s\"; known:",
+                          program_invocation_short_name, chosen.unknown);
+    for (const category_name &each : categories)
+        length +=
+            snprintf(line + length, sizeof line - static_cast<size_t>(length), " %s,", each.name);
+    length += snprintf(line + length, sizeof line - static_cast<size_t>(length), " or a mask\n");
+    write_whole(STDERR_FILENO, line, static_cast<size_t>(length));
+}
+
+[[nodiscard]] bool send_lines_to(const char *path)
 {
     descriptor file(open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY,
                          S_IRUSR | S_IWUSR));
     struct stat about;
     if (!file.valid() || fstat(file.get(), &about) != 0)
         return false;
-    // The old file is replaced under its number, so that a print in another thread is never left
-    // with a number that is closed, or somebody else's.
+    // The old file is replaced under its number, so that a print in another thread never uses a
+    // number that is closed or belongs to another file.
     const bool replace = is_our_file(log_number);
     if (replace && dup3(file.get(), log_number, O_CLOEXEC) < 0)
         return false;
@@ -109,28 +160,31 @@ bool send_lines_to(const char *path)
     return true;
 }
 
-uint32_t apply_environment()
+// Returns VERBOSE_RC_FILE, and leaves the prints as they were, if the file cannot be opened.
+[[nodiscard]] uint32_t apply(const selection &chosen)
 {
-    const char *const names = secure_getenv("VS_VERBOSE");
-    uint32_t chosen = 0;
-    if (names != nullptr && !parse_categories(names, chosen))
-        return VERBOSE_RC_BAD_CATEGORY;
     const char *const path = secure_getenv("VS_VERBOSE_FILE");
     if (path == nullptr || path[0] == '\0')
         output.store(STDERR_FILENO, std::memory_order_relaxed);
-    else if (chosen != 0 && !send_lines_to(path))
+    else if (chosen.mask != 0 && !send_lines_to(path))
         return VERBOSE_RC_FILE;
-    mask.store(chosen, std::memory_order_relaxed);
+    mask.store(chosen.mask, std::memory_order_relaxed);
     return 0;
 }
 
-// At load nobody can be told of a failure: the prints stay off until verbose_init tells it. Without
+selection read_environment()
+{
+    const char *const words = secure_getenv("VS_VERBOSE");
+    return parse_categories(words != nullptr ? words : "");
+}
+
+// A failure at load cannot be reported: the prints stay off, and verbose_init returns it. Without
 // memory for the handlers a child that is forked during verbose_init must not call it; nothing else
 // suffers.
 __attribute__((constructor)) void prepare_prints()
 {
-    platform::keep_across_fork<init_mutex>();
-    apply_environment();
+    static_cast<void>(platform::keep_across_fork<init_mutex>());
+    static_cast<void>(apply(read_environment()));
 }
 
 const char *name_of(uint32_t category)
@@ -158,11 +212,11 @@ size_t put_prefix(char *line, uint32_t category)
     return length > 0 ? static_cast<size_t>(length) : 0;
 }
 
-// `text` has room for max_text bytes and a NUL.
+// Returns the length of the text, which has room for max_text bytes and a NUL.
 size_t put_text(char *text, const char *format, va_list arguments)
 {
     int printed = vsnprintf(text, max_text + 1, format, arguments);
-    // A text that cannot be printed is shown as the words it was to be printed with.
+    // A text that cannot be formatted is replaced by its format.
     if (printed < 0)
         printed = snprintf(text, max_text + 1, "%s", format);
     size_t length = static_cast<size_t>(printed);
@@ -170,11 +224,7 @@ size_t put_text(char *text, const char *format, va_list arguments)
         length = platform::whole_characters(text, max_text);
     else if (length > 0 && text[length - 1] == '\n')
         --length;
-    for (size_t i = 0; i < length; ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        if ((byte < 0x20u && byte != '\t') || byte == 0x7Fu)
-            text[i] = '?';
-    }
+    hide_control_characters(text, length);
     return length;
 }
 
@@ -186,11 +236,7 @@ __attribute__((noinline)) void print(uint32_t category, const char *format, va_l
     length += put_text(line + length, format, arguments);
     line[length++] = '\n';
     const int file = output.load(std::memory_order_relaxed);
-    const int fd = is_our_file(file) ? file : STDERR_FILENO;
-    ssize_t written = -1;
-    do
-        written = write(fd, line, length);
-    while (written < 0 && errno == EINTR);
+    write_whole(is_our_file(file) ? file : STDERR_FILENO, line, length);
     errno = error;
 }
 
@@ -199,7 +245,9 @@ __attribute__((noinline)) void print(uint32_t category, const char *format, va_l
 PLATFORM_EXPORT uint32_t verbose_init(uint64_t)
 {
     const platform::scoped_lock lock(init_mutex);
-    return apply_environment();
+    const selection chosen = read_environment();
+    warn_of_unknown(chosen);
+    return apply(chosen);
 }
 
 PLATFORM_EXPORT void verbose_printf_local(uint32_t category, const char *format, ...)

@@ -11,6 +11,7 @@
 #include <dlfcn.h>
 #include <regex>
 #include <set>
+#include <thread>
 
 namespace {
 
@@ -51,16 +52,33 @@ TEST_F(services, prints_follow_the_environment_in_whole_lines)
     setenv("VS_VERBOSE_FILE", log.c_str(), 1);
     const std::string head = R"([-\d]{10} [:\d]{8}\.\d{6} \[)" + std::to_string(getpid());
     const std::regex lines(head + R"(\] (\w)(\w+): \1\2\n)"), prefix(head + R"(\] kvs: )");
-    for (const std::string row : {"=", "k=kvs", "c=common", "kp=kvs,platform", "kc=0x60000000",
-                                  "p=268435456", "=0", "kcp=all"}) {
-        EXPECT_EQ(start(row.c_str() + row.find('=') + 1), 0u) << row;
-        for (const char *bad : {"kvs,", "tuna", "0x", "0x100000000", "12abc", "`"})
-            EXPECT_EQ(start(bad), VERBOSE_RC_BAD_CATEGORY) << bad;
+    struct {
+        std::string on, value, unknown;
+    } const rows[] = {{"", "", ""},
+                      {"k", "kvs", ""},
+                      {"", "tuna", "tuna"},
+                      {"c", "common", ""},
+                      {"k", "tuna,kvs", "tuna"},
+                      {"kp", "kvs,platform,", ""},
+                      {"p", "`,\x1b[,platform", "`,?["},
+                      {"kc", "0x60000000", ""},
+                      {"p", "268435456", ""},
+                      {"k", "kvs,0x,12abc,0x100000000", "0x,12abc,0x100000000"},
+                      {"k", std::string(200, 'w') + ",kvs", std::string(127, 'w')},
+                      {"", "0", ""},
+                      {"kcp", "all", ""}};
+    for (const auto &[on, value, unknown] : rows) {
+        testing::internal::CaptureStderr();
+        EXPECT_TRUE(start(value.c_str()) == 0 && start(value.c_str()) == 0) << value;
+        const std::string warning = std::string(program_invocation_short_name) +
+                                    ": VS_VERBOSE: ignoring \"" + unknown +
+                                    "\"; known: kvs, common, platform, all, or a mask\n";
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), unknown.empty() ? "" : warning);
         std::ofstream(log).flush();
         verbose_printf_local(DBG_VS_KVS, "%s", "kvs");
         verbose_printf_local(DBG_VS_COMMON, "%s", "common\n");
         verbose_printf_local(DBG_VS_PLATFORM, "%s", "platform");
-        EXPECT_EQ(std::regex_replace(content_of(log), lines, "$1"), row.substr(0, row.find('=')));
+        EXPECT_EQ(std::regex_replace(content_of(log), lines, "$1"), on) << value;
     }
     fs::remove(log);
     EXPECT_EQ(start("kvs"), 0u);
@@ -72,6 +90,10 @@ TEST_F(services, prints_follow_the_environment_in_whole_lines)
     verbose_printf_local(DBG_VS_KVS, "%s\u00e9", std::string(3999, 'y').c_str());
     EXPECT_EQ(std::regex_replace(content_of(log), prefix, ""),
               "a\tb???[c?\n" + std::string(3999, 'y') + "\n");
+    EXPECT_EQ((setenv("VS_VERBOSE_FILE", "/dev/full", 1), start("kvs")), 0u);
+    errno = 4711;
+    verbose_printf_local(DBG_VS_KVS, "lost");
+    EXPECT_EQ(errno, 4711);
 }
 
 TEST_F(services, every_status_has_words)
@@ -101,18 +123,24 @@ TEST_F(services, jobs_and_processes_have_ids_and_names)
     uint32_t id = 5;
     char name[PATH_MAX] = "before";
     const std::string program = fs::read_symlink("/proc/self/exe");
-    const auto size = static_cast<uint32_t>(program.size()), self = static_cast<uint32_t>(getpid());
+    const std::string leaf = fs::path(program).filename();
+    const auto self = static_cast<uint32_t>(getpid());
+    const auto size_for = [](const std::string &text) {
+        return static_cast<uint32_t>(text.size()) + 1;
+    };
     EXPECT_EQ(jobctl_get_job_id(&id), JOBCTL_RC_NOT_A_JOB);
     for (const char *bad : {"", "0", "-1", "+1", " 1", "1 ", "0x10", "1a", "1`", "4294967296"})
         EXPECT_EQ((setenv("VS_JOB_ID", bad, 1), jobctl_get_job_id(&id)), JOBCTL_RC_BAD_JOB_ID);
     EXPECT_EQ((setenv("VS_JOB_NAME", "seven_b", 1), setenv("VS_JOB_ID", "4294967295", 1)), 0);
     EXPECT_EQ(jobctl_get_jobctl_name(name, 7), JOBCTL_RC_NAME_TOO_LONG);
-    EXPECT_EQ(pinfo_get_name(self, name, size), PINFO_RC_NAME_TOO_LONG);
-    EXPECT_EQ(pinfo_get_name(INT32_MAX, name, size), PINFO_RC_NO_SUCH_PROCESS);
+    EXPECT_EQ(pinfo_get_name(self, name, size_for(leaf) - 1), PINFO_RC_NAME_TOO_LONG);
+    EXPECT_EQ(pinfo_get_name(INT32_MAX, name, size_for(program)), PINFO_RC_NO_SUCH_PROCESS);
     EXPECT_TRUE(id == 5 && name == std::string("before"));
     EXPECT_TRUE(jobctl_get_job_id(&id) == 0 && id == UINT32_MAX);
     EXPECT_TRUE(jobctl_get_jobctl_name(name, 8) == 0 && name == std::string("seven_b"));
-    EXPECT_TRUE(pinfo_get_name(self, name, size + 1) == 0 && name == program);
+    EXPECT_TRUE(pinfo_get_name(self, name, size_for(leaf)) == 0 && name == leaf);
+    EXPECT_TRUE(pinfo_get_name(self, name, size_for(program) - 1) == 0 && name == leaf);
+    EXPECT_TRUE(pinfo_get_name(self, name, size_for(program)) == 0 && name == program);
 }
 
 TEST_F(services, waits_are_noted)
@@ -124,13 +152,36 @@ TEST_F(services, waits_are_noted)
     EXPECT_EQ((lockwatch_unset_mutex_block(), lockwatch_list(waits, 130)), 0u);
 }
 
-TEST_F(services, unload_is_told_from_the_end)
+TEST_F(services, unload_differs_from_the_end_of_the_process)
 {
-    setenv("UNLOAD_ANSWER_FILE", log.c_str(), 1); // There the hook of the library tells.
-    void *const library = dlopen(UNLOAD_ASKER, RTLD_NOW);
-    ASSERT_NE(library, nullptr) << dlerror();
-    EXPECT_TRUE(passes_in_child([] { exit(0); }) && content_of(log) == "0");
-    EXPECT_TRUE(dlclose(library) == 0 && content_of(log) == "1");
+    const fs::path answer = root / "answer";
+    setenv("UNLOAD_ANSWER_FILE", answer.c_str(), 1);
+    setenv("VS_VERBOSE_FILE", log.c_str(), 1);
+    // Returns how often a hook got each of the answers, "the process ends" first.
+    const auto answers = [&] {
+        const std::string text = content_of(log);
+        const auto count = [&](const char *of) {
+            const std::regex answer_line(of);
+            return std::distance(std::sregex_iterator(text.begin(), text.end(), answer_line), {});
+        };
+        fs::remove(log);
+        return std::pair(count("hook: the process ends\n"), count("hook: explicit unload\n"));
+    };
+    const auto end = [&] { start("platform"), exit(0); };
+    // Before dlopen only libraries that came with the program have hooks.
+    EXPECT_TRUE(passes_in_child(end));
+    const auto [at_start, unloaded] = answers();
+    EXPECT_TRUE(at_start >= 2 && unloaded == 0);
+    // Such a child has lost what only the other thread refers to, which counts as leaked.
+    std::thread([&] { finish(start_in_child(end)); }).join();
+    EXPECT_EQ(answers(), std::pair(at_start, 0l));
+    void *const asker = dlopen(UNLOAD_ASKER, RTLD_NOW), *jumper = dlopen(UNLOAD_JUMPER, RTLD_NOW);
+    ASSERT_TRUE(asker != nullptr && jumper != nullptr) << dlerror();
+    EXPECT_TRUE(passes_in_child(end) && content_of(answer) == "0");
+    EXPECT_EQ(answers(), std::pair(at_start + 3, 0l));
+    EXPECT_TRUE(start("platform") == 0 && dlclose(asker) == 0 && dlclose(jumper) == 0);
+    EXPECT_TRUE(content_of(answer) == "1");
+    EXPECT_EQ(answers(), std::pair(0l, 3l));
 }
 
 } // namespace

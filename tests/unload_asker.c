@@ -1,16 +1,15 @@
-/* A library whose unload hook writes down what the platform tells it about the unload. */
+/* A library whose unload hook queries the unload and writes the answer down. With HOOK_JUMPS there
+ * are two hooks that end in a jump to the query, whose return address then belongs to the loader or
+ * to the C library. */
 #include "loader.h"
 #include "ringlog.h"
 
 #include <stdio.h>
 #include <stdlib.h>
 
-__attribute__((constructor)) static void on_load(void)
-{
-    uint64_t handle = 0;
-    ringlog_init2("asker", 0, 0, 1, 1, 0, &handle);
-}
-
+#ifdef HOOK_JUMPS
+__attribute__((destructor)) static void on_unload(void) { __in_unload(); }
+#else
 __attribute__((destructor)) static void on_unload(void)
 {
     FILE *answer = fopen(getenv("UNLOAD_ANSWER_FILE"), "w");
@@ -18,4 +17,14 @@ __attribute__((destructor)) static void on_unload(void)
         fprintf(answer, "%d", __in_unload() != 0);
         fclose(answer);
     }
+}
+#endif
+
+__attribute__((constructor)) static void on_load(void)
+{
+    uint64_t handle = 0;
+    ringlog_init2("asker", 0, 0, 1, 1, 0, &handle);
+#ifdef HOOK_JUMPS
+    atexit(on_unload);
+#endif
 }

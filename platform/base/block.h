@@ -1,4 +1,4 @@
-// Blocks of the C allocator, held until they are released to a caller.
+// Blocks of the C allocator with one owner.
 #pragma once
 
 #include <cstdlib>

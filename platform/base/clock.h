@@ -1,4 +1,4 @@
-// The clocks of the system, in one unit.
+// The clocks of the system, in nanoseconds.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// An open file descriptor with one owner, and the words for what went wrong with it.
+// An open file descriptor with one owner, and the texts of error numbers.
 #pragma once
 
 #include <cerrno>
@@ -11,7 +11,7 @@ namespace platform {
 class descriptor {
 public:
     descriptor() = default;
-    explicit descriptor(int fd) noexcept : fd_(fd) {}
+    explicit descriptor(int fd) : fd_(fd) {}
     descriptor(descriptor &&other) noexcept : fd_(other.release()) {}
     descriptor &operator=(descriptor &&other) noexcept
     {
@@ -27,16 +27,16 @@ public:
         }
     }
 
-    [[nodiscard]] int get() const noexcept { return fd_; }
-    [[nodiscard]] bool valid() const noexcept { return fd_ >= 0; }
-    int release() noexcept { return std::exchange(fd_, -1); }
+    [[nodiscard]] int get() const { return fd_; }
+    [[nodiscard]] bool valid() const { return fd_ >= 0; }
+    int release() { return std::exchange(fd_, -1); }
 
 private:
     int fd_ = -1;
 };
 
-// The text of an error number. fault_strerror will not do here: to it 21 is no error number.
-inline const char *error_text(int error) noexcept
+// Returns the text of an error number. fault_strerror does not serve: there 21 is a status.
+inline const char *error_text(int error)
 {
     const char *const text = strerrordesc_np(error);
     return text != nullptr ? text : "unknown error";

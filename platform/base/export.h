@@ -1,4 +1,4 @@
-// What the platform shows to the outside: C functions that are marked, and nothing else.
+// Marks the C functions that the platform exports; nothing else is visible outside.
 #pragma once
 
 #define PLATFORM_EXPORT extern "C" __attribute__((visibility("default")))

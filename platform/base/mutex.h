@@ -1,16 +1,16 @@
-// A mutex that a forked child finds free.
+// A mutex that is free in a forked child.
 //
-// The forking thread holds it across the fork, so that in the child nobody who is gone owns it and
-// what it guards is whole.
+// The forking thread holds it across the fork, so that in the child no lost thread owns it and what
+// it guards is consistent.
 #pragma once
 
 #include <pthread.h>
 
 namespace platform {
 
-// Returns 0, or an error number when there is no memory for the handlers.
+// Returns 0, or an error number if there is no memory for the handlers.
 template <pthread_mutex_t &Mutex>
-int keep_across_fork()
+[[nodiscard]] int keep_across_fork()
 {
     return pthread_atfork([] { pthread_mutex_lock(&Mutex); }, [] { pthread_mutex_unlock(&Mutex); },
                           [] { pthread_mutex_unlock(&Mutex); });

@@ -1,7 +1,8 @@
-// Numbers written in text, read strictly: digits and nothing else.
+// Strict parsing of numbers: digits and nothing else.
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
 namespace platform {
@@ -16,21 +17,20 @@ constexpr uint32_t digit_value(char c)
     return lower >= 'a' && lower <= 'f' ? static_cast<uint32_t>(lower - 'a') + 10 : no_digit;
 }
 
-// True when the whole of `text` is a number in `base`, 10 or 16, of 32 bits; else `number` is
-// untouched. From <charconv> it would take a table along, and export it.
-constexpr bool parse_number(std::string_view text, uint32_t base, uint32_t &number)
+// Returns the number if the whole of `text` is one in `base`, 10 or 16, of 32 bits. <charconv>
+// would bring a table along that the library then exports.
+[[nodiscard]] constexpr std::optional<uint32_t> parse_number(std::string_view text, uint32_t base)
 {
     uint64_t value = 0;
     for (const char c : text) {
         const uint32_t digit = digit_value(c);
         value = value * base + digit;
         if (digit >= base || value > UINT32_MAX)
-            return false;
+            return {};
     }
     if (text.empty())
-        return false;
-    number = static_cast<uint32_t>(value);
-    return true;
+        return {};
+    return static_cast<uint32_t>(value);
 }
 
 } // namespace platform

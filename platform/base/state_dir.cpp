@@ -1,8 +1,8 @@
-// The state directory, found from the environment and opened without trusting what lies in it.
+// The state directory, located by the environment and opened without trusting its contents.
 //
-// The way to the directory is the user's own and may lead over links; whether the directory itself
-// can be trusted is told by its owner and mode, looked up on the open descriptor so that nothing
-// can be exchanged between the look and the use.
+// The path to the directory is the user's own and may contain links; the directory itself is
+// trusted according to its owner and mode, read from the open descriptor so that nothing can be
+// exchanged between the check and the use.
 #include "platform/base/state_dir.h"
 
 #include "platform/base/descriptor.h"
@@ -22,21 +22,21 @@ namespace {
 
 constexpr int folder_flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
-int refuse(const char *path, int error)
+[[nodiscard]] int refuse(const char *path, int error)
 {
     verbose_printf_local(DBG_VS_PLATFORM, "state directory \"%s\": %s", path, error_text(error));
     errno = error;
     return -1;
 }
 
-// Writes the path into `path` and returns 0, or an error number when there is no usable one.
-int find_path(char (&path)[PATH_MAX])
+// Writes the path into `path`; returns 0, or an error number if there is no usable one.
+[[nodiscard]] int find_path(char (&path)[PATH_MAX])
 {
     const char *base = secure_getenv("VS_STATE_DIR");
     const char *below = "";
     if (base == nullptr && geteuid() == 0)
         base = "/var/lib/vs";
-    // By convention an empty one counts as unset.
+    // By convention an empty value counts as unset.
     const char *const user_base = secure_getenv("XDG_STATE_HOME");
     if (base == nullptr && user_base != nullptr && user_base[0] != '\0') {
         base = user_base;
@@ -52,7 +52,7 @@ int find_path(char (&path)[PATH_MAX])
     return length >= 0 && static_cast<size_t>(length) < sizeof path ? 0 : ENAMETOOLONG;
 }
 
-int make_with_parents(char *path)
+[[nodiscard]] int create_with_parents(char *path)
 {
     for (char *end = path; end != nullptr;) {
         end = strchr(end + 1, '/');
@@ -67,7 +67,7 @@ int make_with_parents(char *path)
     return 0;
 }
 
-int check_trust(int dir)
+[[nodiscard]] int check_trust(int dir)
 {
     struct stat about;
     if (fstat(dir, &about) != 0)
@@ -82,7 +82,7 @@ bool is_link(int dir, const char *name)
     return fstatat(dir, name, &about, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(about.st_mode);
 }
 
-int open_component(int dir, const char *name, bool create)
+[[nodiscard]] int open_component(int dir, const char *name, bool create)
 {
     constexpr int flags = folder_flags | O_NOFOLLOW;
     int fd = openat(dir, name, flags);
@@ -91,7 +91,7 @@ int open_component(int dir, const char *name, bool create)
             return -1;
         fd = openat(dir, name, flags);
     }
-    // Of a link the system says "not a directory", as of a file.
+    // The system gives ENOTDIR for a link too.
     if (fd < 0 && errno == ENOTDIR)
         errno = is_link(dir, name) ? ELOOP : ENOTDIR;
     return fd;
@@ -106,7 +106,7 @@ int open_state_dir(bool create)
         return refuse(path, error);
     descriptor dir(open(path, folder_flags));
     if (!dir.valid() && errno == ENOENT && create) {
-        if (const int error = make_with_parents(path); error != 0)
+        if (const int error = create_with_parents(path); error != 0)
             return refuse(path, error);
         dir = descriptor(open(path, folder_flags));
     }

@@ -1,5 +1,5 @@
-// The identity of threads. A fork is noticed by a handler in the child, so that the common case
-// costs a comparison and no system call.
+// The identity of threads. A handler in the child counts the fork, so that the common case costs a
+// comparison and no system call.
 #include "platform/base/thread_identity.h"
 
 #include <pthread.h>
@@ -13,11 +13,11 @@ constinit thread_local thread_identity cached_identity{};
 
 namespace {
 
-void note_fork() { fork_generation.fetch_add(1, std::memory_order_relaxed); }
+void count_fork() { fork_generation.fetch_add(1, std::memory_order_relaxed); }
 
-__attribute__((constructor)) void watch_forks()
+__attribute__((constructor)) void start_counting()
 {
-    if (pthread_atfork(nullptr, nullptr, note_fork) == 0)
+    if (pthread_atfork(nullptr, nullptr, count_fork) == 0)
         fork_generation.store(1, std::memory_order_relaxed);
 }
 
@@ -29,7 +29,7 @@ thread_identity look_up_identity()
     const thread_identity found{generation, getpid(), gettid()};
     cached_identity.pid = found.pid;
     cached_identity.tid = found.tid;
-    // Last, so that a signal handler that comes in between does not take a half-filled one.
+    // Last, so that a signal handler in between does not use a half-filled identity.
     std::atomic_signal_fence(std::memory_order_release);
     cached_identity.generation = generation;
     return found;

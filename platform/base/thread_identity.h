@@ -1,4 +1,4 @@
-// Who is calling: process and thread id, looked up once a thread and once more in a forked child.
+// Process and thread id of the caller, looked up once per thread and again in a forked child.
 #pragma once
 
 #include <atomic>
@@ -12,16 +12,16 @@ struct thread_identity {
     int32_t tid;
 };
 
-// Counts the forks that led to this process, starting from 1; 0 when forks cannot be noticed, and
-// then nothing that was looked up may be kept.
+// The number of forks that led to this process, plus 1; 0 if forks cannot be counted, and then no
+// identity may be cached.
 extern std::atomic<uint32_t> fork_generation;
 
-// In the static block of thread-local storage, where no access allocates.
+// In the static block of thread-local storage, so that no access allocates.
 extern constinit thread_local thread_identity cached_identity;
 
 thread_identity look_up_identity();
 
-// Safe in a signal handler; errno is left alone.
+// Safe in a signal handler; does not change errno.
 inline thread_identity this_thread()
 {
     const uint32_t generation = fork_generation.load(std::memory_order_relaxed);

@@ -1,10 +1,9 @@
 /*
  * jobctl.h - the job manager, as seen by a process that may be one of its jobs.
  *
- * A process is a job when the job manager started it with VS_JOB_ID (a decimal number from 1 to
- * 4294967295) and VS_JOB_NAME in its environment. Of any other process the job manager knows
- * nothing. The variables are looked up at each call; both functions are safe in any thread as long
- * as no other thread changes the environment.
+ * A process is a job if the job manager started it with VS_JOB_ID (a decimal number from 1 to
+ * 4294967295) and VS_JOB_NAME in its environment. The variables are read at each call; both
+ * functions are safe in any thread as long as no other thread changes the environment.
  */
 #ifndef PLATFORM_JOBCTL_H
 #define PLATFORM_JOBCTL_H
@@ -24,8 +23,8 @@ extern "C" {
 uint32_t jobctl_get_job_id(uint32_t *job_id_p);
 
 /*
- * Writes the name under which the job manager started the calling process, NUL-terminated, into the
- * `size` bytes at `name`. On failure the buffer is untouched.
+ * Writes the job name of the calling process, NUL-terminated, into the `size` bytes at `name`. On
+ * failure the buffer is untouched.
  */
 uint32_t jobctl_get_jobctl_name(char *name, uint32_t size);
 

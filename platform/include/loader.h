@@ -1,5 +1,5 @@
 /*
- * loader.h - what a library's unload hook asks about the unload.
+ * loader.h - why the unload hook of a library runs.
  */
 #ifndef PLATFORM_LOADER_H
 #define PLATFORM_LOADER_H
@@ -9,8 +9,8 @@ extern "C" {
 #endif
 
 /*
- * Non-zero when the library whose unload hook asks is being unloaded by an explicit dlclose, zero
- * when the hook runs because the process ends. Meaningful in unload hooks only.
+ * Returns non-zero if the library whose unload hook calls this is being unloaded by an explicit
+ * dlclose, zero if the hook runs because the process ends. Meaningful in unload hooks only.
  */
 int __in_unload(void);
 

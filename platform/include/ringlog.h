@@ -1,10 +1,10 @@
 /*
- * ringlog.h - trace buffers: the last records that every process wrote, kept through its death.
+ * ringlog.h - trace buffers: the last records of every process, which survive its end.
  *
  * A trace buffer is a file of fixed-size slots below the state directory, mapped by each process
  * that opens it. Any number of threads and processes write to it at once, without a lock, an
- * allocation or a system call; when the slots are used up the oldest record is overwritten. A
- * record carries a 64-bit identifier,
+ * allocation or a system call; a record replaces the oldest one if all slots are in use. A record
+ * has a 64-bit identifier,
  *
  *     bits 63..40   string mask: bit 40 + i is set when argument i is a string
  *     bits 39..32   number of arguments
@@ -21,16 +21,14 @@
 extern "C" {
 #endif
 
-#define RINGLOG_RC_NULL_ARG UINT32_C(0xA6970200) /* a required pointer is null */
-#define RINGLOG_RC_BAD_NAME                                                                        \
-    UINT32_C(0xA6970400) /* empty, absolute, too long, or leaves its folder */
-#define RINGLOG_RC_BAD_SIZE UINT32_C(0xA6970600)  /* a sizing number is 0 or beyond reason */
-#define RINGLOG_RC_STATE_DIR UINT32_C(0xC6970800) /* no usable state directory */
-#define RINGLOG_RC_IO UINT32_C(0xC6970A00)        /* the file cannot be made, opened or mapped */
-#define RINGLOG_RC_NO_SPACE UINT32_C(0xC6970C00)  /* the disk has no room for the buffer */
-#define RINGLOG_RC_TOO_MANY UINT32_C(0xC6970E00)  /* the process has 256 buffers open */
-#define RINGLOG_RC_DAMAGED UINT32_C(0xC6971000)   /* the file is no trace buffer, or a damaged one \
-                                                   */
+#define RINGLOG_RC_NULL_ARG UINT32_C(0xA6970200)       /* a required pointer is null */
+#define RINGLOG_RC_BAD_NAME UINT32_C(0xA6970400)       /* no usable name of a buffer */
+#define RINGLOG_RC_BAD_SIZE UINT32_C(0xA6970600)       /* a sizing number is 0 or too large */
+#define RINGLOG_RC_STATE_DIR UINT32_C(0xC6970800)      /* no usable state directory */
+#define RINGLOG_RC_IO UINT32_C(0xC6970A00)             /* the file cannot be created or used */
+#define RINGLOG_RC_NO_SPACE UINT32_C(0xC6970C00)       /* the disk has no space for the buffer */
+#define RINGLOG_RC_TOO_MANY UINT32_C(0xC6970E00)       /* the process has 256 buffers open */
+#define RINGLOG_RC_DAMAGED UINT32_C(0xC6971000)        /* the file is no whole trace buffer */
 #define RINGLOG_RC_NO_SUCH_BUFFER UINT32_C(0xC6971200) /* no buffer has this name */
 #define RINGLOG_RC_NO_MEMORY UINT32_C(0xC6971400)      /* a memory allocation failed */
 #define RINGLOG_RC_NO_RECORD UINT32_C(0x46971600)      /* no record is left to read for now */
@@ -43,23 +41,23 @@ enum {
 /* ---- writing ---- */
 
 /*
- * Opens the named buffer, makes it when there is none, and writes its handle (never 0) to
+ * Opens the named buffer, creates it if there is none, and writes its handle (never 0) to
  * *handle_p, in one atomic store. Opening a buffer that the process has open gives the same handle
- * again; in a forked child the handles of the parent go on working.
+ * again; the handles of the parent stay valid in a forked child.
  *
  * `name` is a path below the folder of the buffers: components separated by single '/', each of 1
  * to 240 bytes and not beginning with '.'. The smaller of the two sizing numbers is the number of
  * records kept, the larger the least number of bytes for their contents. An existing buffer keeps
- * its own sizes; one whose file is damaged is set aside under the name with ".damaged" appended,
- * and made anew. The three reserved numbers are not interpreted.
+ * its own sizes; the file of a damaged one gets ".damaged" appended to its name, and a new buffer
+ * is created. The three reserved numbers are not interpreted.
  */
 uint32_t ringlog_init2(const char *name, uint32_t reserved_1, uint32_t reserved_2, uint32_t size_1,
                        uint32_t size_2, uint32_t reserved_3, uint64_t *handle_p);
 
 /*
- * Writes one record. As many 64-bit arguments follow as `id` says; a string argument is the address
- * of NUL-terminated text, or 0. With handle 0, or one that was never given out, the record is
- * dropped. Safe in any thread and in a signal handler; errno is left alone.
+ * Writes one record. As many 64-bit arguments follow as `id` contains; a string argument is the
+ * address of NUL-terminated text, or 0. With handle 0, or an unknown one, the record is dropped.
+ * Safe in any thread and in a signal handler; does not change errno.
  */
 void _ringlog_emit(uint64_t handle, uint64_t id, ...);
 
@@ -71,7 +69,7 @@ typedef struct ringlog_argument {
 } ringlog_argument;
 
 typedef struct ringlog_record {
-    uint64_t sequence; /* position in its buffer, counting from 0 at the buffer's making */
+    uint64_t sequence; /* position in its buffer, counting from 0 at the buffer's creation */
     uint64_t time_ns;  /* CLOCK_REALTIME when the record was written */
     uint64_t id;       /* the trace identifier */
     int32_t pid;
@@ -91,14 +89,14 @@ typedef struct ringlog_reader ringlog_reader;
 uint32_t ringlog_open(const char *name, ringlog_reader **reader_pp);
 
 /*
- * Reads the next record, oldest first, and steps past it. Records that were overwritten before or
- * while they were read are skipped, never shown torn. Gives RINGLOG_RC_NO_RECORD when the reader
- * has caught up (more may come later), RINGLOG_RC_DAMAGED when the buffer's file has been damaged
+ * Reads the next record, oldest first, and advances. Records that were overwritten before or
+ * while they were read are skipped, never returned torn. Returns RINGLOG_RC_NO_RECORD if the
+ * reader has caught up (more may follow), RINGLOG_RC_DAMAGED if the buffer's file has been damaged
  * or cut short since it was opened. `record_p` is untouched unless the status is 0.
  */
 uint32_t ringlog_read(ringlog_reader *reader, ringlog_record *record_p);
 
-/* How many records the reader has skipped so far because they were overwritten or torn. */
+/* Returns the number of records skipped so far because they were overwritten or torn. */
 uint64_t ringlog_skipped(const ringlog_reader *reader);
 
 void ringlog_close(ringlog_reader *reader);

@@ -1,8 +1,9 @@
 /*
- * verbose.h - debug prints: formatted lines that are off until somebody asks for them.
+ * verbose.h - debug prints: formatted lines, off by default.
  *
- * VS_VERBOSE chooses the categories: names separated by commas (`kvs`, `common`, `platform`, `all`)
- * or one mask (0x40000000). Each print then gives one line
+ * VS_VERBOSE selects the categories: words separated by commas, each a name (`kvs`, `common`,
+ * `platform`, `all`) or a mask (0x40000000). Other words are ignored, after a warning from
+ * verbose_init. Each print then gives one line
  *
  *     2026-11-22 22:07:31.123456 [1234] kvs: the text
  *
@@ -23,18 +24,18 @@
 extern "C" {
 #endif
 
-#define DBG_VS_KVS UINT32_C(0x40000000)      /* `kvs`: every message of the library's own */
+#define DBG_VS_KVS UINT32_C(0x40000000)      /* `kvs`: all messages of the library */
 #define DBG_VS_COMMON UINT32_C(0x20000000)   /* `common`: messages that go with common records */
-#define DBG_VS_PLATFORM UINT32_C(0x10000000) /* `platform`: what the platform explains of itself   \
-                                              */
+#define DBG_VS_PLATFORM UINT32_C(0x10000000) /* `platform`: messages of the platform itself */
 
-#define VERBOSE_RC_BAD_CATEGORY UINT32_C(0x469A0200) /* VS_VERBOSE names an unknown category */
 #define VERBOSE_RC_FILE UINT32_C(0xC69A0400) /* VS_VERBOSE_FILE cannot be opened for writing */
 
 /*
  * Reads the environment again and prepares the process's debug prints. The environment is also read
- * when the platform is loaded, so prints work before this call. `evm` is not interpreted. On
- * failure the prints go on as they were.
+ * when the platform is loaded, so prints work before this call. `evm` is not interpreted.
+ *
+ * Words of VS_VERBOSE that are no category are named in one line on standard error, not repeated
+ * while they stay the same. Returns 0, or VERBOSE_RC_FILE; the prints are then as they were.
  */
 uint32_t verbose_init(uint64_t evm);
 

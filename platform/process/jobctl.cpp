@@ -1,4 +1,4 @@
-// The job manager as its jobs see it: it leaves their id and name in the environment.
+// The job manager as seen by its jobs: their id and name are in the environment.
 #include "jobctl.h"
 
 #include "platform/base/export.h"
@@ -14,8 +14,8 @@ PLATFORM_EXPORT uint32_t jobctl_get_job_id(uint32_t *job_id_p)
     const char *const text = secure_getenv("VS_JOB_ID");
     if (text == nullptr)
         return JOBCTL_RC_NOT_A_JOB;
-    uint32_t job_id = 0;
-    if (!platform::parse_number(text, 10, job_id) || job_id == 0)
+    const uint32_t job_id = platform::parse_number(text, 10).value_or(0);
+    if (job_id == 0)
         return JOBCTL_RC_BAD_JOB_ID;
     *job_id_p = job_id;
     return 0;

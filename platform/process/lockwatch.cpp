@@ -1,9 +1,10 @@
-// Notes of threads that wait for a mutex, in a fixed table of slots.
+// Threads that wait for a mutex, in a fixed table of slots.
 //
-// A slot belongs to the thread whose mark is in it; only that thread changes the rest. The version
-// is even while the note stands, and odd (or 0) from its end until the next one is complete, so
-// that a reader leaves out what it caught half-way. The mark carries the fork generation: notes
-// that a child inherited are of threads it does not have, and their slots are free.
+// A slot is owned by the thread whose key it contains; only that thread changes the rest. The
+// version is even while the entry is valid, and odd (or 0) from its end until the next one is
+// complete, so that a reader leaves out an entry it reads half-way. The key contains the fork
+// generation: entries inherited by a child are of threads it does not have, and their slots are
+// free.
 #include "lockwatch.h"
 
 #include "platform/base/clock.h"
@@ -11,13 +12,13 @@
 #include "platform/base/thread_identity.h"
 
 #include <atomic>
-#include <cstddef>
+#include <optional>
 
 namespace {
 
 using platform::thread_identity;
 
-struct note {
+struct wait_slot {
     std::atomic<uint64_t> owner;
     std::atomic<uint64_t> version;
     std::atomic<const void *> mutex;
@@ -26,9 +27,9 @@ struct note {
     std::atomic<uint32_t> code;
 };
 
-constinit note notes[128]{};
+constinit wait_slot slots[128]{};
 
-uint64_t mark_of(const thread_identity &thread)
+uint64_t key_of(const thread_identity &thread)
 {
     return uint64_t{thread.generation} << 32 | static_cast<uint32_t>(thread.tid);
 }
@@ -38,38 +39,41 @@ bool is_free(uint64_t owner, const thread_identity &thread)
     return owner == 0 || owner >> 32 != thread.generation;
 }
 
-note *find_note(uint64_t mark)
+wait_slot *find_slot(uint64_t key)
 {
-    for (note &each : notes)
-        if (each.owner.load(std::memory_order_relaxed) == mark)
+    for (wait_slot &each : slots)
+        if (each.owner.load(std::memory_order_relaxed) == key)
             return &each;
     return nullptr;
 }
 
-note *take_note(const thread_identity &thread)
+wait_slot *take_slot(const thread_identity &thread)
 {
-    for (note &each : notes) {
+    for (wait_slot &each : slots) {
         uint64_t owner = each.owner.load(std::memory_order_relaxed);
         if (is_free(owner, thread) &&
-            each.owner.compare_exchange_strong(owner, mark_of(thread), std::memory_order_acquire))
+            each.owner.compare_exchange_strong(owner, key_of(thread), std::memory_order_acquire))
             return &each;
     }
     return nullptr;
 }
 
-bool copy_note(const note &from, const thread_identity &thread, lockwatch_wait &to)
+// Returns nothing if the slot has no valid entry or changes meanwhile.
+std::optional<lockwatch_wait> read_slot(const wait_slot &slot, const thread_identity &thread)
 {
-    const uint64_t version = from.version.load(std::memory_order_acquire);
-    const uint64_t owner = from.owner.load(std::memory_order_acquire);
+    const uint64_t version = slot.version.load(std::memory_order_acquire);
+    const uint64_t owner = slot.owner.load(std::memory_order_acquire);
     if (version == 0 || version % 2 != 0 || is_free(owner, thread))
-        return false;
-    to.mutex = from.mutex.load(std::memory_order_acquire);
-    to.place = from.place.load(std::memory_order_acquire);
-    to.code = from.code.load(std::memory_order_acquire);
-    to.since_ns = from.since_ns.load(std::memory_order_acquire);
-    to.tid = static_cast<int32_t>(owner & UINT32_MAX);
-    return from.owner.load(std::memory_order_acquire) == owner &&
-           from.version.load(std::memory_order_relaxed) == version;
+        return {};
+    const lockwatch_wait wait{.mutex = slot.mutex.load(std::memory_order_acquire),
+                              .place = slot.place.load(std::memory_order_acquire),
+                              .code = slot.code.load(std::memory_order_acquire),
+                              .tid = static_cast<int32_t>(owner & UINT32_MAX),
+                              .since_ns = slot.since_ns.load(std::memory_order_acquire)};
+    if (slot.owner.load(std::memory_order_acquire) != owner ||
+        slot.version.load(std::memory_order_relaxed) != version)
+        return {};
+    return wait;
 }
 
 } // namespace
@@ -77,38 +81,39 @@ bool copy_note(const note &from, const thread_identity &thread, lockwatch_wait &
 PLATFORM_EXPORT void lockwatch_set_mutex_block(const void *mutex, const char *place, uint32_t code)
 {
     const thread_identity thread = platform::this_thread();
-    note *mine = find_note(mark_of(thread));
-    if (mine == nullptr)
-        mine = take_note(thread);
-    if (mine == nullptr)
+    wait_slot *own = find_slot(key_of(thread));
+    if (own == nullptr)
+        own = take_slot(thread);
+    if (own == nullptr)
         return;
-    const uint64_t writing = mine->version.load(std::memory_order_relaxed) | 1u;
-    mine->version.store(writing, std::memory_order_relaxed);
-    mine->mutex.store(mutex, std::memory_order_release);
-    mine->place.store(place, std::memory_order_release);
-    mine->code.store(code, std::memory_order_release);
-    mine->since_ns.store(platform::clock_ns(CLOCK_MONOTONIC), std::memory_order_release);
-    mine->version.store(writing + 1, std::memory_order_release);
+    const uint64_t writing = own->version.load(std::memory_order_relaxed) | 1u;
+    own->version.store(writing, std::memory_order_relaxed);
+    own->mutex.store(mutex, std::memory_order_release);
+    own->place.store(place, std::memory_order_release);
+    own->code.store(code, std::memory_order_release);
+    own->since_ns.store(platform::clock_ns(CLOCK_MONOTONIC), std::memory_order_release);
+    own->version.store(writing + 1, std::memory_order_release);
 }
 
 PLATFORM_EXPORT void lockwatch_unset_mutex_block(void)
 {
-    note *const mine = find_note(mark_of(platform::this_thread()));
-    if (mine == nullptr)
+    wait_slot *const own = find_slot(key_of(platform::this_thread()));
+    if (own == nullptr)
         return;
-    mine->version.store(mine->version.load(std::memory_order_relaxed) | 1u,
-                        std::memory_order_relaxed);
-    mine->owner.store(0, std::memory_order_release);
+    own->version.store(own->version.load(std::memory_order_relaxed) | 1u,
+                       std::memory_order_relaxed);
+    own->owner.store(0, std::memory_order_release);
 }
 
-PLATFORM_EXPORT uint32_t lockwatch_list(lockwatch_wait *waits, uint32_t room)
+PLATFORM_EXPORT uint32_t lockwatch_list(lockwatch_wait *waits, uint32_t capacity)
 {
     const thread_identity thread = platform::this_thread();
     uint32_t count = 0;
-    for (const note &each : notes) {
-        lockwatch_wait wait;
-        if (waits != nullptr && count < room && copy_note(each, thread, wait))
-            waits[count++] = wait;
+    for (const wait_slot &each : slots) {
+        if (waits == nullptr || count == capacity)
+            break;
+        if (const auto wait = read_slot(each, thread))
+            waits[count++] = *wait;
     }
     return count;
 }

@@ -1,4 +1,4 @@
-// Process information, as /proc tells it.
+// Process information, read from /proc.
 #include "pinfo.h"
 
 #include "platform/base/descriptor.h"
@@ -14,30 +14,30 @@ namespace {
 
 using platform::descriptor;
 
-using name_room = char[PATH_MAX];
+using name_buffer = char[PATH_MAX];
 
-// The path of the program; empty where it may not be seen or is longer than the system can tell.
-std::string_view read_program(uint32_t pid, name_room &room)
+// Returns the path of the program; empty if it may not be read or is too long for the system.
+std::string_view read_program(uint32_t pid, name_buffer &buffer)
 {
     char link[32];
     snprintf(link, sizeof link, "/proc/%u/exe", pid);
-    const ssize_t length = readlink(link, room, sizeof room);
-    if (length <= 0 || static_cast<size_t>(length) == sizeof room)
+    const ssize_t length = readlink(link, buffer, sizeof buffer);
+    if (length <= 0 || static_cast<size_t>(length) == sizeof buffer)
         return {};
-    std::string_view name(room, static_cast<size_t>(length));
-    constexpr std::string_view mark = " (deleted)";
-    if (name.ends_with(mark))
-        name.remove_suffix(mark.size());
+    std::string_view name(buffer, static_cast<size_t>(length));
+    constexpr std::string_view suffix = " (deleted)";
+    if (name.ends_with(suffix))
+        name.remove_suffix(suffix.size());
     return name;
 }
 
-std::string_view read_command(uint32_t pid, name_room &room)
+std::string_view read_command(uint32_t pid, name_buffer &buffer)
 {
     char path[32];
     snprintf(path, sizeof path, "/proc/%u/comm", pid);
     const descriptor file(open(path, O_RDONLY | O_CLOEXEC));
-    const ssize_t length = file.valid() ? read(file.get(), room, sizeof room) : -1;
-    std::string_view name(room, length > 0 ? static_cast<size_t>(length) : 0);
+    const ssize_t length = file.valid() ? read(file.get(), buffer, sizeof buffer) : -1;
+    std::string_view name(buffer, length > 0 ? static_cast<size_t>(length) : 0);
     if (name.ends_with('\n'))
         name.remove_suffix(1);
     return name;
@@ -49,10 +49,12 @@ PLATFORM_EXPORT uint32_t pinfo_get_name(uint32_t pid, char *name, uint32_t size)
 {
     if (name == nullptr || size == 0)
         return PINFO_RC_NULL_ARG;
-    name_room room;
-    std::string_view found = read_program(pid, room);
+    name_buffer buffer;
+    std::string_view found = read_program(pid, buffer);
+    if (found.size() >= size)
+        found.remove_prefix(found.rfind('/') + 1);
     if (found.empty())
-        found = read_command(pid, room);
+        found = read_command(pid, buffer);
     if (found.empty())
         return PINFO_RC_NO_SUCH_PROCESS;
     if (found.size() >= size)

@@ -1,4 +1,4 @@
-// Finding and making the files of trace buffers, for writers and readers alike.
+// Locating and creating the files of trace buffers, for writers and readers.
 #pragma once
 
 #include "platform/base/descriptor.h"
@@ -12,29 +12,31 @@ namespace platform {
 // Longest name of a buffer, in bytes.
 constexpr size_t max_buffer_name = 1023;
 
-// A buffer's file, open, with what was checked on it.
-struct ring_file {
+// The open file of a buffer, with its checked header and its identity.
+struct buffer_file {
     descriptor fd;
-    ring_header header;
+    buffer_header header;
     dev_t device;
     ino_t inode;
 };
 
-// All of these return a status of ringlog.h, after one line of explanation where the system failed.
+// All of these return a status of ringlog.h, after a debug print if a system call failed.
 
-// Opens the folder of all buffers; RINGLOG_RC_NO_SUCH_BUFFER when there is none and `create` is
-// false.
-uint32_t open_ring_root(bool create, descriptor &root);
+// Opens the folder of all buffers; returns RINGLOG_RC_NO_SUCH_BUFFER if there is none and `create`
+// is false.
+[[nodiscard]] uint32_t open_buffer_root(bool create, descriptor &root);
 
-uint32_t open_ring(const char *name, ring_file &file);
+[[nodiscard]] uint32_t open_existing_buffer(const char *name, buffer_file &file);
 
-// As open_ring, for writing; makes the buffer when it is missing or damaged.
-uint32_t open_or_make_ring(const char *name, uint32_t slot_count, ring_file &file);
+// As open_existing_buffer, for writing; creates the buffer if it is missing or damaged.
+[[nodiscard]] uint32_t open_or_create_buffer(const char *name, uint32_t slot_count,
+                                             buffer_file &file);
 
 // Reads the header of a buffer's file and checks it against the length of the file.
-uint32_t read_header(int fd, ring_header &header);
+[[nodiscard]] uint32_t read_header(int fd, buffer_header &header);
 
-// The status for a system call that failed with `error`. A missing file needs no explanation.
-uint32_t explain(const char *what, const char *name, int error);
+// Returns the status for a system call that failed with `error`, after a debug print unless the
+// file is just missing.
+[[nodiscard]] uint32_t log_file_error(const char *what, const char *name, int error);
 
 } // namespace platform

@@ -9,10 +9,9 @@
 //     3     process id (upper half) and thread id
 //     4     trace identifier
 //     5, 6  short name of the process
-//     7...  arguments: a number as it is, a string as its length; then the strings, one after
-//     another
+//     7...  arguments: a number as it is, a string as its length; then the strings in order
 //
-// Nothing but the checksum vouches for a slot: words of two writers mix when one is overtaken by a
+// Only the checksum shows that a slot is whole: words of two writers mix if one is overtaken by a
 // whole round of the buffer, and a writer can be killed between any two of them.
 #pragma once
 
@@ -40,21 +39,21 @@ constexpr size_t process_name_size = 2 * sizeof(uint64_t);
 constexpr size_t header_size = 4096;
 constexpr uint32_t max_slots = UINT32_C(1) << 20;
 
-struct ring_header {
+struct buffer_header {
     char magic[8];
     uint32_t version;
     uint32_t slot_size;
     uint64_t slot_count;
     uint64_t created_ns;
     uint64_t checksum;         // of the above
-    alignas(64) uint64_t next; // on a cache line of its own, for all writers change it
+    alignas(64) uint64_t next; // on a cache line of its own, because all writers change it
 };
 
-static_assert(std::is_trivially_copyable_v<ring_header> && sizeof(ring_header) <= header_size);
+static_assert(std::is_trivially_copyable_v<buffer_header> && sizeof(buffer_header) <= header_size);
 static_assert(RINGLOG_MAX_ARGS <= slot_words - word_arguments);
 
-// More records than anybody will write. A counter beyond it is damaged; claims would overflow.
-constexpr uint64_t largest_next = uint64_t{1} << 62;
+// A counter beyond this, which no buffer reaches, is damaged; claims would overflow.
+constexpr uint64_t max_next = uint64_t{1} << 62;
 
 constexpr uint64_t claim_writing(uint64_t n) { return 2 * n + 1; }
 
@@ -70,8 +69,8 @@ constexpr bool is_string(uint64_t id, uint32_t argument)
     return (id >> (40 + argument) & 1u) != 0;
 }
 
-// The bytes that are left for strings beside `count` arguments.
-constexpr uint32_t string_room(uint32_t count)
+// The number of bytes left for strings beside `count` arguments.
+constexpr uint32_t string_capacity(uint32_t count)
 {
     return (slot_words - word_arguments - count) * static_cast<uint32_t>(sizeof(uint64_t));
 }
@@ -81,7 +80,7 @@ constexpr uint32_t words_in_use(uint32_t count, uint64_t string_bytes)
     return word_arguments + count + static_cast<uint32_t>((string_bytes + 7) / sizeof(uint64_t));
 }
 
-// Sums products of pairs of words, which the processor works on at the same time. It is to catch
+// A sum of products of pairs of words, which the processor computes in parallel. It detects
 // accidents, not forgery.
 inline uint64_t checksum(const uint64_t *words, uint32_t count, uint64_t n)
 {
@@ -102,9 +101,8 @@ inline uint64_t record_checksum(const uint64_t *slot, uint32_t words, uint64_t n
     return checksum(slot + word_time, words - word_time, n);
 }
 
-constexpr uint64_t ring_size(uint64_t slot_count)
-{
-    return header_size + slot_count * RINGLOG_SLOT_SIZE;
-}
+constexpr uint64_t slot_offset(uint64_t slot) { return header_size + slot * RINGLOG_SLOT_SIZE; }
+
+constexpr uint64_t file_size(uint64_t slot_count) { return slot_offset(slot_count); }
 
 } // namespace platform

@@ -1,11 +1,10 @@
 // The reading side of the trace buffers.
 //
-// A reader trusts nothing it reads: the file may be damaged, cut short, or written to at this
-// moment. It copies one slot at a time by a read of the file (a mapping would kill it when the file
-// gets shorter) and shows a record only if the checksum vouches for every word of it.
+// The file may be damaged, cut short, or written to during the read. A reader copies one slot at a
+// time by a read of the file (a mapping would kill it if the file gets shorter) and returns a
+// record only if the checksum fits all its words.
 #include "platform/base/clock.h"
 #include "platform/base/export.h"
-#include "platform/base/state_dir.h"
 #include "platform/ringlog/buffer_file.h"
 #include "platform/ringlog/format.h"
 #include "ringlog.h"
@@ -15,9 +14,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <dirent.h>
-#include <fcntl.h>
-#include <memory>
 #include <new>
 #include <unistd.h>
 
@@ -25,7 +21,7 @@ struct ringlog_reader {
     platform::descriptor fd;
     uint64_t slot_count;
     uint64_t position; // the record to be read next
-    uint64_t end;      // the writers' counter, as last seen
+    uint64_t end;      // the writers' counter, as last read
     uint64_t skipped;
 };
 
@@ -33,36 +29,37 @@ namespace {
 
 using namespace platform;
 
-// A record that is being written is waited for when later ones are there already, but no longer
-// than this: its writer may have been killed, or stopped.
-constexpr uint64_t patience_ns = 20'000'000;
-constexpr int max_naps = 20;
+// How long, and in how many intervals, an incomplete record is waited for if later ones are
+// complete; its writer may have been killed or stopped.
+constexpr uint64_t wait_limit_ns = 20'000'000;
+constexpr int max_waits = 20;
 
 enum class slot_state { complete, pending, lost };
 
 // Copies the slot of record `n`.
-uint32_t read_slot(const ringlog_reader &reader, uint64_t n, uint64_t (&words)[slot_words])
+[[nodiscard]] uint32_t read_slot(const ringlog_reader &reader, uint64_t n,
+                                 uint64_t (&words)[slot_words])
 {
-    const auto offset = static_cast<off_t>(ring_size(n % reader.slot_count));
+    const auto offset = static_cast<off_t>(slot_offset(n % reader.slot_count));
     const ssize_t length = pread(reader.fd.get(), words, sizeof words, offset);
     if (length < 0)
-        return explain("cannot read", "a record", errno);
+        return log_file_error("cannot read", "a record", errno);
     return static_cast<size_t>(length) == sizeof words ? 0 : RINGLOG_RC_DAMAGED;
 }
 
-// How many words the record in a slot takes, by its own account; 0 when it cannot be right.
+// Returns the number of words in use according to the slot itself; 0 if that is impossible.
 uint32_t words_of(const uint64_t *words)
 {
     const uint64_t id = words[word_id];
     const uint32_t count = argument_count(id);
-    uint64_t room = string_room(count);
+    uint64_t left = string_capacity(count);
     for (uint32_t i = 0; i < count; ++i) {
         const uint64_t length = is_string(id, i) ? words[word_arguments + i] : 0;
-        if (length > room)
+        if (length > left)
             return 0;
-        room -= length;
+        left -= length;
     }
-    return words_in_use(count, string_room(count) - room);
+    return words_in_use(count, string_capacity(count) - left);
 }
 
 slot_state state_of(const uint64_t *words, uint64_t n)
@@ -75,7 +72,7 @@ slot_state state_of(const uint64_t *words, uint64_t n)
     return whole ? slot_state::complete : slot_state::lost;
 }
 
-// Takes apart a slot that is known to be complete.
+// Decodes a complete slot.
 void decode(const uint64_t *words, uint64_t n, ringlog_record &record)
 {
     record = {};
@@ -108,10 +105,10 @@ void skip_to(ringlog_reader &reader, uint64_t position)
     reader.position = position;
 }
 
-// Looks where the writers are, and skips what they have overwritten.
-uint32_t refresh(ringlog_reader &reader)
+// Reads the writers' counter and skips the records that are overwritten.
+[[nodiscard]] uint32_t refresh(ringlog_reader &reader)
 {
-    ring_header header;
+    buffer_header header;
     if (const uint32_t status = read_header(reader.fd.get(), header); status != 0)
         return status;
     if (header.slot_count != reader.slot_count || header.next < reader.end)
@@ -122,9 +119,9 @@ uint32_t refresh(ringlog_reader &reader)
     return 0;
 }
 
-// The record to be read next is not complete. If one after it is, waits a little, or gives it up
-// with all others before that one; if none is, there is no record to read for now.
-uint32_t pass_gap(ringlog_reader &reader, int &naps)
+// Called if the next record is incomplete. If a later one is complete, waits for an interval or,
+// past the limit, skips to that one; if none is, there is no record to read for now.
+[[nodiscard]] uint32_t resolve_gap(ringlog_reader &reader, int &waits)
 {
     if (const uint32_t status = refresh(reader); status != 0)
         return status;
@@ -136,95 +133,17 @@ uint32_t pass_gap(ringlog_reader &reader, int &naps)
         if (state == slot_state::pending)
             continue;
         const bool old = state == slot_state::complete &&
-                         words[word_time] + patience_ns < clock_ns(CLOCK_REALTIME);
-        if (old || naps == max_naps) {
+                         words[word_time] + wait_limit_ns < clock_ns(CLOCK_REALTIME);
+        if (old || waits == max_waits) {
             skip_to(reader, n);
         } else if (n != reader.position) {
-            const timespec nap{0, patience_ns / max_naps};
-            nanosleep(&nap, nullptr);
-            ++naps;
+            const timespec interval{0, wait_limit_ns / max_waits};
+            nanosleep(&interval, nullptr);
+            ++waits;
         }
         return 0;
     }
     return RINGLOG_RC_NO_RECORD;
-}
-
-// The names of all buffers, collected so that they can be put in order.
-class name_list {
-public:
-    name_list() = default;
-    name_list(const name_list &) = delete;
-    name_list &operator=(const name_list &) = delete;
-    ~name_list()
-    {
-        for (char **name = begin(); name != end(); ++name)
-            free(*name);
-        free(names_);
-    }
-
-    bool add(const char *name)
-    {
-        if (count_ == room_) {
-            const size_t room = room_ * 2 + 16;
-            void *const grown = realloc(names_, room * sizeof(char *));
-            if (grown == nullptr)
-                return false;
-            names_ = static_cast<char **>(grown);
-            room_ = room;
-        }
-        char *const copy = strdup(name);
-        if (copy != nullptr)
-            names_[count_++] = copy;
-        return copy != nullptr;
-    }
-
-    char **begin() const { return names_; }
-    char **end() const { return names_ + count_; }
-
-private:
-    char **names_ = nullptr;
-    size_t count_ = 0;
-    size_t room_ = 0;
-};
-
-struct close_folder {
-    void operator()(DIR *folder) const { closedir(folder); }
-};
-
-// Adds the files in `fd` and the folders below it; `path` holds its name, of `length` bytes, with
-// room for max_buffer_name.
-uint32_t collect(descriptor fd, char *path, size_t length, name_list &names)
-{
-    const std::unique_ptr<DIR, close_folder> folder(fdopendir(fd.get()));
-    if (folder == nullptr)
-        return explain("cannot read the folder", path, errno);
-    const int dir = fd.release();
-    for (;;) {
-        errno = 0;
-        const dirent *const entry = readdir(folder.get());
-        if (entry == nullptr)
-            return errno == 0 ? 0 : explain("cannot read the folder", path, errno);
-        const size_t name_length = strlen(entry->d_name);
-        const size_t start = length == 0 ? 0 : length + 1;
-        struct stat about;
-        if (entry->d_name[0] == '.' || start + name_length > max_buffer_name ||
-            fstatat(dir, entry->d_name, &about, AT_SYMLINK_NOFOLLOW) != 0)
-            continue;
-        if (length != 0)
-            path[length] = '/';
-        memcpy(path + start, entry->d_name, name_length + 1);
-        uint32_t status = 0;
-        if (S_ISREG(about.st_mode)) {
-            status = names.add(path) ? 0 : RINGLOG_RC_NO_MEMORY;
-        } else if (S_ISDIR(about.st_mode)) {
-            descriptor below(open_folder_below(dir, entry->d_name, false));
-            status = below.valid() ? collect(std::move(below), path, start + name_length, names)
-                                   : explain("cannot open the folder", path, errno);
-        }
-        if (status != 0 && status != RINGLOG_RC_NO_SUCH_BUFFER)
-            return status;
-        path[length] = '\0';
-    }
 }
 
 } // namespace
@@ -233,8 +152,8 @@ PLATFORM_EXPORT uint32_t ringlog_open(const char *name, ringlog_reader **reader_
 {
     if (name == nullptr || reader_pp == nullptr)
         return RINGLOG_RC_NULL_ARG;
-    ring_file file{};
-    if (const uint32_t status = open_ring(name, file); status != 0)
+    buffer_file file{};
+    if (const uint32_t status = open_existing_buffer(name, file); status != 0)
         return status;
     void *const memory = malloc(sizeof(ringlog_reader));
     if (memory == nullptr)
@@ -250,7 +169,7 @@ PLATFORM_EXPORT uint32_t ringlog_read(ringlog_reader *reader, ringlog_record *re
 {
     if (reader == nullptr || record_p == nullptr)
         return RINGLOG_RC_NULL_ARG;
-    for (int naps = 0;;) {
+    for (int waits = 0;;) {
         uint32_t status = 0;
         if (reader->position == reader->end && (status = refresh(*reader)) != 0)
             return status;
@@ -266,7 +185,7 @@ PLATFORM_EXPORT uint32_t ringlog_read(ringlog_reader *reader, ringlog_record *re
             ++reader->position;
             return 0;
         case slot_state::pending:
-            status = pass_gap(*reader, naps);
+            status = resolve_gap(*reader, waits);
             break;
         case slot_state::lost:
             skip_to(*reader, n + 1);
@@ -289,24 +208,4 @@ PLATFORM_EXPORT void ringlog_close(ringlog_reader *reader)
         return;
     reader->~ringlog_reader();
     free(reader);
-}
-
-PLATFORM_EXPORT uint32_t ringlog_list(int (*each)(const char *name, void *context), void *context)
-{
-    if (each == nullptr)
-        return RINGLOG_RC_NULL_ARG;
-    descriptor root;
-    uint32_t status = open_ring_root(false, root);
-    name_list names;
-    char path[max_buffer_name + 1] = {};
-    if (status == 0)
-        status = collect(std::move(root), path, 0, names);
-    if (status != 0)
-        return status == RINGLOG_RC_NO_SUCH_BUFFER ? 0 : status;
-    std::sort(names.begin(), names.end(),
-              [](const char *left, const char *right) { return strcmp(left, right) < 0; });
-    for (const char *const name : names)
-        if (each(name, context) != 0)
-            break;
-    return 0;
 }
