@@ -630,7 +630,7 @@ STORE_TEST(gives_out_no_handle_twice_when_there_are_none_left)
 // A window may forget, but never hand out anything else than what was put there at this moment.
 TEST(window, hands_out_what_was_put_there_at_this_moment)
 {
-    platform::record_window window;
+    platform::record_cache cache;
     std::mt19937 roll(1);
     const auto bytes_of = [](uint32_t database, uint32_t key, uint64_t moment) {
         std::string bytes(key % 500 == 0 ? 60000 : 20 + key % 200, static_cast<char>(moment));
@@ -641,7 +641,7 @@ TEST(window, hands_out_what_was_put_there_at_this_moment)
     for (const uint64_t moment : {1, 2, 3}) {
         const uint32_t keys = moment == 2 ? 2'000'000 : 20'000; // the many it cannot hold
         const auto generation = static_cast<uint32_t>(moment);
-        window.turn_to(&window, moment);
+        cache.set_snapshot(&cache, moment);
         unsigned hits = 0;
         for (unsigned i = 0; i < 300'000; ++i) {
             const auto key = static_cast<uint32_t>(roll() % keys * 2654435761u);
@@ -649,19 +649,19 @@ TEST(window, hands_out_what_was_put_there_at_this_moment)
             std::string bytes = bytes_of(database, key, moment);
             platform::stored_record record{};
             const auto handle = platform::handle_of(key, generation);
-            const bool is_there = i % 2 == 0 ? window.find(database, key, &record)
-                                             : window.find_near(database, handle, &record);
+            const bool is_there = i % 2 == 0 ? cache.find(database, key, &record)
+                                             : cache.find_near(database, handle, &record);
             hits += is_there ? 1 : 0;
             if (!is_there) {
                 record = {handle, reinterpret_cast<const unsigned char *>(bytes.data()),
                           static_cast<uint32_t>(bytes.size())};
-                const uint32_t run = window.start_run(true);
-                ASSERT_TRUE(window.add(database, &record, run));
+                const uint32_t run = cache.start_run(true);
+                ASSERT_TRUE(cache.add(database, &record, run));
             }
             ASSERT_EQ(record.handle, handle);
             const auto *const found = reinterpret_cast<const char *>(record.bytes);
             ASSERT_EQ(std::string(found, record.length), bytes);
-            ASSERT_FALSE(window.find_near(database ^ 1, handle, &record));
+            ASSERT_FALSE(cache.find_near(database ^ 1, handle, &record));
         }
         EXPECT_GT(hits, moment == 2 ? 1'000u : 275'000u); // of the few all but the first finds
     }

@@ -1,4 +1,4 @@
-// Blocks of the C allocator, held until they are released to a caller.
+// Blocks of the C allocator with an owner, until they are released to a caller.
 #pragma once
 
 #include <cstdlib>
@@ -6,11 +6,11 @@
 
 namespace platform {
 
-struct free_block {
+struct free_deleter {
     void operator()(void *address) const { free(address); }
 };
 
 template <class T>
-using block = std::unique_ptr<T, free_block>;
+using block = std::unique_ptr<T, free_deleter>;
 
 } // namespace platform

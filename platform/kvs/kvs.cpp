@@ -1,8 +1,11 @@
-// The record store's functions: what they accept, and what they make of it.
+// The functions of kvs.h: the checks of their arguments, and their results.
 #include "kvs.h"
 
 #include "platform/base/export.h"
-#include "platform/kvs/records.h"
+#include "platform/kvs/batch.h"
+#include "platform/kvs/binding.h"
+#include "platform/kvs/read_transaction.h"
+#include "platform/kvs/write_transaction.h"
 
 #include <algorithm>
 #include <cstring>
@@ -13,7 +16,7 @@ namespace {
 
 constexpr uint64_t appdesc_mark = 0x4B56'5341'5050'4431;
 
-// ---- what the caller describes ----
+// ---- arguments ----
 
 bool is_plain_key(const kvs_key_attr &key)
 {
@@ -81,30 +84,25 @@ uint32_t bind(const char *db_name, bool create, kvs_hdl *hdl_p)
 
 // ---- finding ----
 
-uint32_t find_one(kvs_hdl hdl, uint32_t key, kvs_rec_hdl **handles_pp, uint32_t *count_p)
+uint32_t find_one(kvs_hdl hdl, uint32_t key, handle_list *found)
 {
-    const uint32_t status = use_record(hdl, by::key, key, [&](const stored_record &record) {
-        auto *const array = static_cast<kvs_rec_hdl *>(malloc(sizeof(kvs_rec_hdl)));
-        if (array == nullptr)
-            return KVS_RC_NO_MEMORY;
-        *array = record.handle;
-        *handles_pp = array;
-        *count_p = 1;
-        return UINT32_C(0);
-    });
-    if (status != KVS_RC_NO_SUCH_RECORD)
-        return status;
-    *handles_pp = nullptr;
-    *count_p = 0;
+    read_transaction reading;
+    stored_record record;
+    const uint32_t status = reading.find(hdl, key, &record);
+    if (status != 0)
+        return status == KVS_RC_NO_SUCH_RECORD ? 0 : status;
+    found->handles.reset(static_cast<kvs_rec_hdl *>(malloc(sizeof(kvs_rec_hdl))));
+    if (!found->handles)
+        return KVS_RC_NO_MEMORY;
+    *found->handles = record.handle;
+    found->count = 1;
     return 0;
 }
 
-uint32_t find_all(kvs_hdl hdl, kvs_rec_hdl **handles_pp, uint32_t *count_p)
+uint32_t find_all(kvs_hdl hdl, handle_list *found)
 {
-    place at;
-    if (const uint32_t status = locate(hdl, &at); status != 0)
-        return status;
-    return read_store(at, [&](reader &in) { return in.list(handles_pp, count_p); });
+    read_transaction reading;
+    return reading.list(hdl, found);
 }
 
 // ---- writing ----
@@ -125,19 +123,19 @@ bool keeps_key(const written &what, uint32_t key)
     return memcmp(result, &key, key_length) == 0;
 }
 
-outcome write_into(const changer &in, kvs_rec_hdl handle, const written &what)
+attempt write_into(const write_transaction &in, kvs_rec_hdl handle, const written &what)
 {
     stored_record old;
-    const outcome found = in.get(handle, &old);
+    const attempt found = in.get(handle, &old);
     if (!found.is_good())
         return found;
     if (what.offset > old.length)
-        return answer(KVS_RC_BAD_OFFSET);
+        return with_status(KVS_RC_BAD_OFFSET);
     const uint32_t length = std::max(old.length, what.offset + what.length);
     // The old bytes may lie on a page that the engine is about to change, so they are copied first.
     const block<unsigned char> value = allocate_value(length);
     if (!value)
-        return answer(KVS_RC_NO_MEMORY);
+        return with_status(KVS_RC_NO_MEMORY);
     memcpy(value.get(), old.bytes, old.length);
     memcpy(value.get() + what.offset, what.bytes, what.length);
     return in.replace(handle, value.get(), length);
@@ -179,15 +177,24 @@ PLATFORM_EXPORT uint32_t kvs_find_objects(kvs_hdl hdl, const kvs_key_attr *keys_
         return KVS_RC_NULL_ARG;
     if (key_count > 1 || flags != 0)
         return KVS_RC_UNSUPPORTED;
-    if (key_count == 0)
-        return find_all(hdl, handles_pp, count_p);
-    if (keys_p == nullptr || keys_p->key_p == nullptr)
-        return KVS_RC_NULL_ARG;
-    if (!is_plain_key(*keys_p))
-        return KVS_RC_BAD_KEY;
-    uint32_t key = 0;
-    memcpy(&key, keys_p->key_p, key_length);
-    return find_one(hdl, key, handles_pp, count_p);
+    handle_list found;
+    uint32_t status = 0;
+    if (key_count == 0) {
+        status = find_all(hdl, &found);
+    } else {
+        if (keys_p == nullptr || keys_p->key_p == nullptr)
+            return KVS_RC_NULL_ARG;
+        if (!is_plain_key(*keys_p))
+            return KVS_RC_BAD_KEY;
+        uint32_t key = 0;
+        memcpy(&key, keys_p->key_p, key_length);
+        status = find_one(hdl, key, &found);
+    }
+    if (status == 0) {
+        *handles_pp = found.handles.release();
+        *count_p = found.count;
+    }
+    return status;
 }
 
 PLATFORM_EXPORT uint32_t kvs_get_object_size(kvs_hdl hdl, const kvs_rec_hdl *rec_p,
@@ -195,10 +202,12 @@ PLATFORM_EXPORT uint32_t kvs_get_object_size(kvs_hdl hdl, const kvs_rec_hdl *rec
 {
     if (rec_p == nullptr || size_p == nullptr)
         return KVS_RC_NULL_ARG;
-    return use_record(hdl, by::handle, *rec_p, [&](const stored_record &record) {
+    read_transaction reading;
+    stored_record record;
+    const uint32_t status = reading.get(hdl, *rec_p, &record);
+    if (status == 0)
         *size_p = record.length;
-        return UINT32_C(0);
-    });
+    return status;
 }
 
 PLATFORM_EXPORT uint32_t kvs_read_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p, uint32_t offset,
@@ -206,14 +215,16 @@ PLATFORM_EXPORT uint32_t kvs_read_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p, 
 {
     if (rec_p == nullptr || length_p == nullptr || (buffer_p == nullptr && *length_p != 0))
         return KVS_RC_NULL_ARG;
-    return use_record(hdl, by::handle, *rec_p, [&](const stored_record &record) {
-        if (offset > record.length)
-            return KVS_RC_BAD_OFFSET;
-        *length_p = std::min(*length_p, record.length - offset);
-        if (*length_p != 0)
-            memcpy(buffer_p, record.bytes + offset, *length_p);
-        return UINT32_C(0);
-    });
+    read_transaction reading;
+    stored_record record;
+    if (const uint32_t status = reading.get(hdl, *rec_p, &record); status != 0)
+        return status;
+    if (offset > record.length)
+        return KVS_RC_BAD_OFFSET;
+    *length_p = std::min(*length_p, record.length - offset);
+    if (*length_p != 0)
+        memcpy(buffer_p, record.bytes + offset, *length_p);
+    return 0;
 }
 
 PLATFORM_EXPORT uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p, uint32_t offset,
@@ -237,7 +248,8 @@ PLATFORM_EXPORT uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p,
         what.bytes = bytes.get();
         if (!keeps_key(what, key_of(*rec_p)))
             return KVS_RC_KEY_CHANGED;
-        status = change_store(hdl, [&](const changer &in) { return write_into(in, *rec_p, what); });
+        status = write_records(
+            hdl, [&](const write_transaction &in) { return write_into(in, *rec_p, what); });
     }
     if (status == 0)
         *result_p = {};
@@ -263,8 +275,8 @@ PLATFORM_EXPORT uint32_t kvs_insert_object(kvs_hdl hdl, const kvs_data_desc *dat
         return KVS_RC_NO_MEMORY;
     gather(data_p, data_count, value.get());
     kvs_rec_hdl handle = 0;
-    const uint32_t status = change_store(
-        hdl, [&](const changer &in) { return in.insert(value.get(), length, &handle); });
+    const uint32_t status = write_records(
+        hdl, [&](const write_transaction &in) { return in.insert(value.get(), length, &handle); });
     if (status == 0 || status == KVS_RC_TOLERATED_ON_INSERT)
         *rec_p = handle;
     return status;
@@ -274,15 +286,11 @@ PLATFORM_EXPORT uint32_t kvs_delete_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p
 {
     if (rec_p == nullptr)
         return KVS_RC_NULL_ARG;
-    return change_store(hdl, [&](const changer &in) { return in.remove(*rec_p); });
+    return write_records(hdl, [&](const write_transaction &in) { return in.remove(*rec_p); });
 }
 
 PLATFORM_EXPORT uint32_t kvs_batch_begin(kvs_hdl hdl) { return begin_batch(hdl); }
 
 PLATFORM_EXPORT uint32_t kvs_batch_commit(void) { return commit_batch(); }
 
-PLATFORM_EXPORT uint32_t kvs_batch_abort(void)
-{
-    thread_context *const me = my_context();
-    return me != nullptr ? abort_batch(*me) : KVS_RC_NO_BATCH;
-}
+PLATFORM_EXPORT uint32_t kvs_batch_abort(void) { return abort_batch(); }
