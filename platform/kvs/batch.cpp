@@ -27,7 +27,7 @@ void make_batch_room(store &store)
         wanted = wanted / 2 / info.page_size * info.page_size;
 }
 
-int begin_batch_transaction(store &store, thread_context &thread)
+[[nodiscard]] int begin_batch_transaction(store &store, thread_context &thread)
 {
     const environment_guard guard(store, thread);
     if (store.environment == nullptr)
@@ -42,7 +42,7 @@ int begin_batch_transaction(store &store, thread_context &thread)
     return error;
 }
 
-uint32_t log_batch_error(store &store, int error)
+[[nodiscard]] uint32_t log_batch_error(store &store, int error)
 {
     if (error == MDB_MAP_FULL || error == MDB_TXN_FULL)
         store.batch_scale = std::min(store.batch_scale * 4, largest_map / least_batch_room);

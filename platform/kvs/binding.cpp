@@ -27,7 +27,7 @@ kvs_hdl find_bound(const store &store, const char *name)
     return 0;
 }
 
-uint32_t status_of_state_dir_error(int error, bool create)
+[[nodiscard]] uint32_t status_of_state_dir_error(int error, bool create)
 {
     if (error == ENOENT && !create)
         return KVS_RC_NO_SUCH_DB;
@@ -37,7 +37,8 @@ uint32_t status_of_state_dir_error(int error, bool create)
     return is_resource ? status : KVS_RC_STATE_DIR;
 }
 
-uint32_t add_store(descriptor dir, const struct stat &about, bool create, store **store_p)
+[[nodiscard]] uint32_t add_store(descriptor dir, const struct stat &about, bool create,
+                                 store **store_p)
 {
     const unsigned count = store_count.load(std::memory_order_relaxed);
     if (count == store_limit)
@@ -55,7 +56,7 @@ uint32_t add_store(descriptor dir, const struct stat &about, bool create, store 
 }
 
 // Finds or adds the store in the state directory that the process's environment names.
-uint32_t find_store(const thread_context &thread, bool create, store **store_p)
+[[nodiscard]] uint32_t find_store(const thread_context &thread, bool create, store **store_p)
 {
     descriptor dir(open_state_dir(create));
     struct stat about;
@@ -72,7 +73,7 @@ uint32_t find_store(const thread_context &thread, bool create, store **store_p)
     return add_store(std::move(dir), about, create, store_p);
 }
 
-int open_in(MDB_txn *txn, const char *name, unsigned create, MDB_dbi *dbi)
+[[nodiscard]] int open_in(MDB_txn *txn, const char *name, unsigned create, MDB_dbi *dbi)
 {
     unsigned flags = 0;
     int error = mdb_dbi_open(txn, name, MDB_INTEGERKEY | create, dbi);
@@ -81,14 +82,14 @@ int open_in(MDB_txn *txn, const char *name, unsigned create, MDB_dbi *dbi)
     return error == 0 && flags != MDB_INTEGERKEY ? MDB_INCOMPATIBLE : error;
 }
 
-int open_existing(store &store, database &next, const char *name)
+[[nodiscard]] int open_existing(store &store, database &next, const char *name)
 {
     MDB_txn *txn = nullptr;
     const int error = begin_read(store.environment, &txn);
     return error != 0 ? error : end_opening_read(txn, open_in(txn, name, 0, &next.dbi));
 }
 
-int open_or_create(store &store, database &next, const char *name)
+[[nodiscard]] int open_or_create(store &store, database &next, const char *name)
 {
     MDB_txn *txn = nullptr;
     int error = begin_write(store.environment, &txn);
@@ -101,7 +102,7 @@ int open_or_create(store &store, database &next, const char *name)
     return error;
 }
 
-attempt add_database(store &store, const char *name, bool create)
+[[nodiscard]] attempt add_database(store &store, const char *name, bool create)
 {
     const unsigned count = store.database_count.load(std::memory_order_relaxed);
     if (count == database_limit)

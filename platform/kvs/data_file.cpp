@@ -24,7 +24,7 @@ bool is_possible(const meta_data &meta)
 }
 
 // Reads one of the two headers. Each is written by transactions of its own parity.
-int read_header(int fd, uint64_t number, uint32_t page_size, meta_data *meta)
+[[nodiscard]] int read_header(int fd, uint64_t number, uint32_t page_size, meta_data *meta)
 {
     if (const int error = read_at(fd, meta, sizeof *meta, page_size * number); error != 0)
         return error == MDB_CORRUPTED ? MDB_INVALID : error;
@@ -38,7 +38,7 @@ int read_header(int fd, uint64_t number, uint32_t page_size, meta_data *meta)
 
 // The older header is not checked closely: a header write that failed leaves a mixture of old and
 // new there.
-int check_headers(int fd)
+[[nodiscard]] int check_headers(int fd)
 {
     meta_data metas[2];
     if (const int error = read_header(fd, 0, 0, &metas[0]); error != 0)

@@ -17,7 +17,7 @@ namespace {
 
 enum class file_byte : off_t { writer, reader_table };
 
-int lock_byte(MDB_env *environment, file_byte which, short type)
+[[nodiscard]] int set_byte_lock(MDB_env *environment, file_byte which, short type)
 {
     int fd = -1;
     if (const int error = mdb_env_get_fd(environment, &fd); error != 0)
@@ -30,21 +30,31 @@ int lock_byte(MDB_env *environment, file_byte which, short type)
     while (fcntl(fd, F_SETLKW, &lock) != 0) {
         if (errno != EINTR && errno != EDEADLK)
             return errno;
-        // The system sees one process wait for another even if different threads of theirs do.
+        // The system detects deadlocks by process, also where different threads wait.
         if (errno == EDEADLK)
             usleep(1000);
     }
     return 0;
 }
 
+[[nodiscard]] int lock_byte(MDB_env *environment, file_byte which)
+{
+    return set_byte_lock(environment, which, F_WRLCK);
+}
+
+void unlock_byte(MDB_env *environment, file_byte which)
+{
+    static_cast<void>(set_byte_lock(environment, which, F_UNLCK));
+}
+
 template <class Work>
-int with_reader_table(MDB_env *environment, const Work &work)
+[[nodiscard]] int with_reader_table(MDB_env *environment, const Work &work)
 {
     const scoped_lock lock(reader_table_mutex);
-    int error = lock_byte(environment, file_byte::reader_table, F_WRLCK);
+    int error = lock_byte(environment, file_byte::reader_table);
     if (error == 0) {
         error = work();
-        lock_byte(environment, file_byte::reader_table, F_UNLCK);
+        unlock_byte(environment, file_byte::reader_table);
     }
     return error;
 }
@@ -53,9 +63,9 @@ int with_reader_table(MDB_env *environment, const Work &work)
 
 int begin_write(MDB_env *environment, MDB_txn **txn)
 {
-    int error = lock_byte(environment, file_byte::writer, F_WRLCK);
+    int error = lock_byte(environment, file_byte::writer);
     if (error == 0 && (error = mdb_txn_begin(environment, nullptr, 0, txn)) != 0)
-        lock_byte(environment, file_byte::writer, F_UNLCK);
+        unlock_byte(environment, file_byte::writer);
     return error;
 }
 
@@ -74,14 +84,14 @@ int cause_of_failed_write(MDB_env *environment, int error)
 int commit_write(MDB_env *environment, MDB_txn *txn)
 {
     const int error = cause_of_failed_write(environment, mdb_txn_commit(txn));
-    lock_byte(environment, file_byte::writer, F_UNLCK);
+    unlock_byte(environment, file_byte::writer);
     return error;
 }
 
 void abort_write(MDB_env *environment, MDB_txn *txn)
 {
     mdb_txn_abort(txn);
-    lock_byte(environment, file_byte::writer, F_UNLCK);
+    unlock_byte(environment, file_byte::writer);
 }
 
 int begin_read(MDB_env *environment, MDB_txn **txn)

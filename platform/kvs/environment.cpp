@@ -12,7 +12,7 @@
 namespace platform {
 namespace {
 
-int open_commit_numbers(store &store)
+[[nodiscard]] int open_commit_numbers(store &store)
 {
     int fd = -1;
     struct stat about;
@@ -32,7 +32,7 @@ int open_commit_numbers(store &store)
     return 0;
 }
 
-int open_databases(store &store)
+[[nodiscard]] int open_databases(store &store)
 {
     MDB_txn *txn = nullptr;
     int error = begin_read(store.environment, &txn);
@@ -46,7 +46,7 @@ int open_databases(store &store)
 }
 
 // The engine gives up the old map before it asks for the new one, and is lost if it gets none.
-int try_map(const environment_info &info, uint64_t bytes)
+[[nodiscard]] int try_map(const environment_info &info, uint64_t bytes)
 {
     void *const trial = mmap(nullptr, bytes, PROT_READ, MAP_SHARED, info.fd, 0);
     if (trial == MAP_FAILED)

@@ -2,6 +2,7 @@
 #include "kvs.h"
 
 #include "platform/base/export.h"
+#include "platform/kvs/arguments.h"
 #include "platform/kvs/batch.h"
 #include "platform/kvs/binding.h"
 #include "platform/kvs/read_transaction.h"
@@ -14,64 +15,13 @@ using namespace platform;
 
 namespace {
 
-constexpr uint64_t appdesc_mark = 0x4B56'5341'5050'4431;
-
-// ---- arguments ----
-
-bool is_plain_key(const kvs_key_attr &key)
-{
-    constexpr uint8_t none[3] = {};
-    return memcmp(key.key_flags, none, sizeof none) == 0 && key.key_len == key_length;
-}
-
-uint32_t check_name(const char *name)
-{
-    const size_t length = strnlen(name, name_limit + 1);
-    return length >= 1 && length <= name_limit ? 0 : KVS_RC_BAD_NAME;
-}
-
-uint32_t check_appdesc(const kvs_appdesc &given)
-{
-    kvs_appdesc wanted;
-    kvs_appdesc_init(&wanted);
-    return memcmp(&given, &wanted, sizeof wanted) == 0 ? 0 : KVS_RC_UNSUPPORTED;
-}
-
-// Checks the descriptors, and adds up their lengths; `offset` is where they go in the record.
-uint32_t measure(const kvs_data_desc *data, uint32_t count, uint32_t offset, uint32_t *length)
-{
-    if (data == nullptr && count != 0)
-        return KVS_RC_NULL_ARG;
-    uint64_t total = 0;
-    for (uint32_t i = 0; i < count; ++i) {
-        if (data[i].data_len != 0 && data[i].data_p == nullptr)
-            return KVS_RC_NULL_ARG;
-        if (data[i].data_len > longest_record - total)
-            return KVS_RC_RECORD_TOO_BIG;
-        total += data[i].data_len;
-    }
-    *length = static_cast<uint32_t>(total);
-    return total <= longest_record - std::min<uint64_t>(offset, longest_record)
-               ? 0
-               : KVS_RC_RECORD_TOO_BIG;
-}
-
-void gather(const kvs_data_desc *data, uint32_t count, unsigned char *to)
-{
-    for (uint32_t i = 0; i < count; ++i) {
-        if (data[i].data_len != 0)
-            memcpy(to, data[i].data_p, data[i].data_len);
-        to += data[i].data_len;
-    }
-}
-
 block<unsigned char> allocate_value(uint32_t record_length)
 {
     return block<unsigned char>(
         static_cast<unsigned char *>(malloc(size_t{record_length} + generation_length)));
 }
 
-uint32_t bind(const char *db_name, bool create, kvs_hdl *hdl_p)
+[[nodiscard]] uint32_t bind(const char *db_name, bool create, kvs_hdl *hdl_p)
 {
     kvs_hdl found = 0;
     uint32_t status = check_name(db_name);
@@ -82,10 +32,14 @@ uint32_t bind(const char *db_name, bool create, kvs_hdl *hdl_p)
     return status;
 }
 
-// ---- finding ----
-
-uint32_t find_one(kvs_hdl hdl, uint32_t key, handle_list *found)
+[[nodiscard]] uint32_t find_one(kvs_hdl hdl, const kvs_key_attr *key_p, handle_list *found)
 {
+    if (key_p == nullptr || key_p->key_p == nullptr)
+        return KVS_RC_NULL_ARG;
+    if (!is_plain_key(*key_p))
+        return KVS_RC_BAD_KEY;
+    uint32_t key = 0;
+    memcpy(&key, key_p->key_p, key_length);
     read_transaction reading;
     stored_record record;
     const uint32_t status = reading.find(hdl, key, &record);
@@ -99,22 +53,20 @@ uint32_t find_one(kvs_hdl hdl, uint32_t key, handle_list *found)
     return 0;
 }
 
-uint32_t find_all(kvs_hdl hdl, handle_list *found)
+[[nodiscard]] uint32_t find_all(kvs_hdl hdl, handle_list *found)
 {
     read_transaction reading;
     return reading.list(hdl, found);
 }
 
-// ---- writing ----
-
-// One write, with its bytes run together at `bytes`.
-struct written {
+// What one call writes, gathered at `bytes`.
+struct gathered_write {
     uint32_t offset;
     uint32_t length;
     const unsigned char *bytes;
 };
 
-bool keeps_key(const written &what, uint32_t key)
+bool keeps_key(const gathered_write &what, uint32_t key)
 {
     unsigned char result[key_length];
     memcpy(result, &key, key_length);
@@ -123,7 +75,8 @@ bool keeps_key(const written &what, uint32_t key)
     return memcmp(result, &key, key_length) == 0;
 }
 
-attempt write_into(const write_transaction &in, kvs_rec_hdl handle, const written &what)
+[[nodiscard]] attempt write_into(const write_transaction &in, kvs_rec_hdl handle,
+                                 const gathered_write &what)
 {
     stored_record old;
     const attempt found = in.get(handle, &old);
@@ -147,9 +100,7 @@ PLATFORM_EXPORT uint32_t kvs_appdesc_init(kvs_appdesc *appdesc_p)
 {
     if (appdesc_p == nullptr)
         return KVS_RC_NULL_ARG;
-    *appdesc_p = {};
-    appdesc_p->mark = appdesc_mark;
-    appdesc_p->key_count = 1;
+    *appdesc_p = default_appdesc();
     return 0;
 }
 
@@ -178,18 +129,7 @@ PLATFORM_EXPORT uint32_t kvs_find_objects(kvs_hdl hdl, const kvs_key_attr *keys_
     if (key_count > 1 || flags != 0)
         return KVS_RC_UNSUPPORTED;
     handle_list found;
-    uint32_t status = 0;
-    if (key_count == 0) {
-        status = find_all(hdl, &found);
-    } else {
-        if (keys_p == nullptr || keys_p->key_p == nullptr)
-            return KVS_RC_NULL_ARG;
-        if (!is_plain_key(*keys_p))
-            return KVS_RC_BAD_KEY;
-        uint32_t key = 0;
-        memcpy(&key, keys_p->key_p, key_length);
-        status = find_one(hdl, key, &found);
-    }
+    const uint32_t status = key_count == 0 ? find_all(hdl, &found) : find_one(hdl, keys_p, &found);
     if (status == 0) {
         *handles_pp = found.handles.release();
         *count_p = found.count;
@@ -233,8 +173,8 @@ PLATFORM_EXPORT uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p,
 {
     if (rec_p == nullptr || result_p == nullptr)
         return KVS_RC_NULL_ARG;
-    written what{offset, 0, nullptr};
-    if (const uint32_t status = measure(data_p, data_count, offset, &what.length); status != 0)
+    gathered_write what{offset, 0, nullptr};
+    if (const uint32_t status = measure_data(data_p, data_count, offset, &what.length); status != 0)
         return status;
     uint32_t status = 0;
     if (what.length == 0) {
@@ -244,7 +184,7 @@ PLATFORM_EXPORT uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p,
         const block<unsigned char> bytes = allocate_value(what.length);
         if (!bytes)
             return KVS_RC_NO_MEMORY;
-        gather(data_p, data_count, bytes.get());
+        gather_data(data_p, data_count, bytes.get());
         what.bytes = bytes.get();
         if (!keeps_key(what, key_of(*rec_p)))
             return KVS_RC_KEY_CHANGED;
@@ -266,14 +206,14 @@ PLATFORM_EXPORT uint32_t kvs_insert_object(kvs_hdl hdl, const kvs_data_desc *dat
     if (key_count != 1 || reserved_1 != 0 || reserved_2 != 0)
         return KVS_RC_UNSUPPORTED;
     uint32_t length = 0;
-    if (const uint32_t status = measure(data_p, data_count, 0, &length); status != 0)
+    if (const uint32_t status = measure_data(data_p, data_count, 0, &length); status != 0)
         return status;
     if (!is_plain_key(*keys_p) || keys_p->key_offset != 0 || length < key_length)
         return KVS_RC_BAD_KEY;
     const block<unsigned char> value = allocate_value(length);
     if (!value)
         return KVS_RC_NO_MEMORY;
-    gather(data_p, data_count, value.get());
+    gather_data(data_p, data_count, value.get());
     kvs_rec_hdl handle = 0;
     const uint32_t status = write_records(
         hdl, [&](const write_transaction &in) { return in.insert(value.get(), length, &handle); });

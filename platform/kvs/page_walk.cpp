@@ -31,7 +31,7 @@ public:
     {
     }
 
-    int tree(uint64_t root, unsigned depth = 0)
+    [[nodiscard]] int tree(uint64_t root, unsigned depth = 0)
     {
         if (root == no_page)
             return 0;
@@ -47,7 +47,7 @@ public:
     }
 
 private:
-    int nodes(std::span<const unsigned char> page, unsigned depth)
+    [[nodiscard]] int nodes(std::span<const unsigned char> page, unsigned depth)
     {
         page_header header;
         if (!read_from(page, 0, &header) || header.lower < sizeof header)
@@ -70,8 +70,8 @@ private:
         return 0;
     }
 
-    int data(std::span<const unsigned char> page, size_t offset, uint16_t flags, uint64_t length,
-             unsigned depth)
+    [[nodiscard]] int data(std::span<const unsigned char> page, size_t offset, uint16_t flags,
+                           uint64_t length, unsigned depth)
     {
         if ((flags & overflow_data) != 0) {
             uint64_t first = 0;

@@ -21,7 +21,7 @@ struct cursor_closer {
 
 using owned_cursor = std::unique_ptr<MDB_cursor, cursor_closer>;
 
-int open_cursor(MDB_txn *txn, MDB_dbi dbi, owned_cursor *cursor)
+[[nodiscard]] int open_cursor(MDB_txn *txn, MDB_dbi dbi, owned_cursor *cursor)
 {
     MDB_cursor *opened = nullptr;
     const int error = mdb_cursor_open(txn, dbi, &opened);
@@ -49,7 +49,7 @@ private:
     uintptr_t page_ = 0;
 };
 
-int renew_read(store &store, thread_context &thread)
+[[nodiscard]] int renew_read(store &store, thread_context &thread)
 {
     MDB_txn *&txn = thread.read_txns[store.index];
     return txn != nullptr ? mdb_txn_renew(txn) : begin_read(store.environment, &txn);

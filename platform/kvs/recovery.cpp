@@ -7,7 +7,7 @@
 namespace platform {
 namespace {
 
-uint32_t clear_dead_readers(store &store, thread_context &thread)
+[[nodiscard]] uint32_t clear_dead_readers(store &store, thread_context &thread)
 {
     const environment_guard guard(store, thread);
     if (store.environment == nullptr)

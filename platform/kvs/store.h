@@ -23,7 +23,7 @@
 //    data_file
 //    store_file
 //    store
-//    threads
+//    threads  arguments
 //    call_context  environment
 //    recovery
 //    binding  batch

@@ -1,7 +1,7 @@
-// The files of a store: `store.mdb` with the data and `store.mdb-lock` with the readers' table.
+// The files of a store: `store.mdb` with the data and `store.mdb-lock` with the reader table.
 //
 // The files are made and opened under a lock on the directory, so a process that opens a store
-// finds its files as another one left them, at the latest when it was killed. The data file gets
+// never finds them while another one is making them, unless that one was killed. The data file gets
 // its name once it is complete, so that a file which is too short is damaged and never just
 // unfinished. The lock file's blocks are allocated before it is mapped: on a full disk, writing to
 // a hole in it would raise SIGBUS.
@@ -19,7 +19,6 @@
 #include <unistd.h>
 
 namespace platform {
-
 namespace {
 
 constexpr char data_name[] = "store.mdb";
@@ -27,10 +26,10 @@ constexpr char lock_name[] = "store.mdb-lock";
 constexpr char unfinished_name[] = "store.mdb.new";
 
 constexpr mode_t file_mode = S_IRUSR | S_IWUSR;
-constexpr off_t lock_file_size = 64 * 1024; // room for a thousand readers
+constexpr off_t lock_file_size = 64 * 1024; // about a thousand reader slots
 constexpr size_t first_map_size = 4 * 1024 * 1024;
 
-int lock_directory(int dir, descriptor *lock)
+[[nodiscard]] int lock_directory(int dir, descriptor *lock)
 {
     // Opened anew: a lock belongs to the open file description, which `dir` may share after a fork.
     *lock = descriptor(openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -42,7 +41,7 @@ int lock_directory(int dir, descriptor *lock)
     return 0;
 }
 
-int get_file_info(int dir, const char *name, struct stat *about)
+[[nodiscard]] int get_file_info(int dir, const char *name, struct stat *about)
 {
     if (fstatat(dir, name, about, AT_SYMLINK_NOFOLLOW) != 0)
         return errno;
@@ -51,7 +50,8 @@ int get_file_info(int dir, const char *name, struct stat *about)
 
 // The engine opens by path only. This path leads through the descriptor, so it stays right when the
 // directory is renamed.
-int make_environment(int dir, const char *name, unsigned flags, MDB_env **environment_p)
+[[nodiscard]] int make_environment(int dir, const char *name, unsigned flags,
+                                   MDB_env **environment_p)
 {
     char path[64];
     snprintf(path, sizeof path, "/proc/self/fd/%d/%s", dir, name);
@@ -70,7 +70,7 @@ int make_environment(int dir, const char *name, unsigned flags, MDB_env **enviro
     return 0;
 }
 
-int write_new_data_file(int dir)
+[[nodiscard]] int write_new_data_file(int dir)
 {
     MDB_env *environment = nullptr;
     int error = make_environment(dir, unfinished_name, MDB_NOLOCK, &environment);
@@ -81,7 +81,7 @@ int write_new_data_file(int dir)
     return error;
 }
 
-int create_data_file(int dir, int lock)
+[[nodiscard]] int create_data_file(int dir, int lock)
 {
     if (unlinkat(dir, unfinished_name, 0) != 0 && errno != ENOENT)
         return errno;
@@ -99,7 +99,7 @@ int create_data_file(int dir, int lock)
     return error;
 }
 
-int prepare_data_file(int dir, int lock, bool create)
+[[nodiscard]] int prepare_data_file(int dir, int lock, bool create)
 {
     struct stat about;
     int error = get_file_info(dir, data_name, &about);
@@ -113,7 +113,7 @@ int prepare_data_file(int dir, int lock, bool create)
 
 // A lock file that is open elsewhere is long enough, and is not opened here: closing any descriptor
 // of it would drop the locks that this process holds on it.
-int prepare_lock_file(int dir)
+[[nodiscard]] int prepare_lock_file(int dir)
 {
     struct stat about;
     const int error = get_file_info(dir, lock_name, &about);
@@ -126,7 +126,7 @@ int prepare_lock_file(int dir)
     return file.valid() ? posix_fallocate(file.get(), 0, lock_file_size) : errno;
 }
 
-int check_environment(MDB_env *environment)
+[[nodiscard]] int check_environment(MDB_env *environment)
 {
     int fd = -1;
     int error = mdb_env_get_fd(environment, &fd);
