@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
@@ -98,27 +96,6 @@ void file_size_limit()
     const fs::path data = use_new_state("harm") / "store.mdb";
     run_out([&] { limit(RLIMIT_FSIZE, fs::file_size(data) + 1'000'000); },
             [] { limit(RLIMIT_FSIZE, RLIM_INFINITY); }, {KVS_RC_NO_SPACE});
-}
-
-void full_disk()
-{
-    const fs::path disk = use_new_state("harm"), filler = disk / "filler";
-    fs::create_directories(disk);
-    skip(unshare(CLONE_NEWNS) != 0 ||
-             mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-             mount("none", disk.c_str(), "tmpfs", 0, "size=16m,mode=0700") != 0,
-         "a small disk needs the right to mount one");
-    run_out([&] { std::ofstream(filler) << std::string(8'000'000, 'x'); },
-            [&] { fs::remove(filler); }, {KVS_RC_NO_SPACE});
-}
-
-void no_memory()
-{
-    skip(memory_is_taken(), "sanitizers and valgrind do not bear a limit on memory");
-    use_new_state("harm");
-    run_out([] { limit(RLIMIT_AS, memory_in_use() + 12'000'000); },
-            [] { limit(RLIMIT_AS, RLIM_INFINITY); },
-            {KVS_RC_NO_MEMORY, VS_FAULT_NO_MEMORY, KVS_RC_BATCH_FULL});
 }
 
 // One more descriptor at a time until they suffice; once it is open the store needs none.
@@ -263,8 +240,6 @@ bool go_through(const char *what, std::initializer_list<ordeal> ordeals)
 bool exhaustion(unsigned, uint64_t)
 {
     return go_through("exhaustion", {{"a limit on the file's size", file_size_limit},
-                                     {"a full disk", full_disk},
-                                     {"no memory", no_memory},
                                      {"no descriptors", no_descriptors},
                                      {"no permission", no_permission}});
 }

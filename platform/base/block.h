@@ -6,11 +6,11 @@
 
 namespace platform {
 
-struct free_block {
+struct free_deleter {
     void operator()(void *address) const { free(address); }
 };
 
 template <class T>
-using block = std::unique_ptr<T, free_block>;
+using block = std::unique_ptr<T, free_deleter>;
 
 } // namespace platform

@@ -1,14 +1,15 @@
-// A mutex that is free in a forked child.
+// Mutexes that are unlocked in a forked child.
 //
-// The forking thread holds it across the fork, so that in the child no lost thread owns it and what
-// it guards is consistent.
+// The forking thread holds such a mutex across the fork, so that in the child no other thread owns
+// it and what it guards is consistent.
 #pragma once
 
 #include <pthread.h>
 
 namespace platform {
 
-// Returns 0, or an error number if there is no memory for the handlers.
+// Registers the fork handlers of the mutex. Returns 0, or an error number if there is no memory for
+// the handlers.
 template <pthread_mutex_t &Mutex>
 [[nodiscard]] int keep_across_fork()
 {

@@ -1,8 +1,12 @@
-// The record store's functions: what they accept, and what they make of it.
+// The functions of kvs.h: the checks of their arguments, and their results.
 #include "kvs.h"
 
 #include "platform/base/export.h"
-#include "platform/kvs/records.h"
+#include "platform/kvs/arguments.h"
+#include "platform/kvs/batch.h"
+#include "platform/kvs/binding.h"
+#include "platform/kvs/read_transaction.h"
+#include "platform/kvs/write_transaction.h"
 
 #include <algorithm>
 #include <cstring>
@@ -11,64 +15,13 @@ using namespace platform;
 
 namespace {
 
-constexpr uint64_t appdesc_mark = 0x4B56'5341'5050'4431;
-
-// ---- what the caller describes ----
-
-bool is_plain_key(const kvs_key_attr &key)
-{
-    constexpr uint8_t none[3] = {};
-    return memcmp(key.key_flags, none, sizeof none) == 0 && key.key_len == key_length;
-}
-
-uint32_t check_name(const char *name)
-{
-    const size_t length = strnlen(name, name_limit + 1);
-    return length >= 1 && length <= name_limit ? 0 : KVS_RC_BAD_NAME;
-}
-
-uint32_t check_appdesc(const kvs_appdesc &given)
-{
-    kvs_appdesc wanted;
-    kvs_appdesc_init(&wanted);
-    return memcmp(&given, &wanted, sizeof wanted) == 0 ? 0 : KVS_RC_UNSUPPORTED;
-}
-
-// Checks the descriptors, and adds up their lengths; `offset` is where they go in the record.
-uint32_t measure(const kvs_data_desc *data, uint32_t count, uint32_t offset, uint32_t *length)
-{
-    if (data == nullptr && count != 0)
-        return KVS_RC_NULL_ARG;
-    uint64_t total = 0;
-    for (uint32_t i = 0; i < count; ++i) {
-        if (data[i].data_len != 0 && data[i].data_p == nullptr)
-            return KVS_RC_NULL_ARG;
-        if (data[i].data_len > longest_record - total)
-            return KVS_RC_RECORD_TOO_BIG;
-        total += data[i].data_len;
-    }
-    *length = static_cast<uint32_t>(total);
-    return total <= longest_record - std::min<uint64_t>(offset, longest_record)
-               ? 0
-               : KVS_RC_RECORD_TOO_BIG;
-}
-
-void gather(const kvs_data_desc *data, uint32_t count, unsigned char *to)
-{
-    for (uint32_t i = 0; i < count; ++i) {
-        if (data[i].data_len != 0)
-            memcpy(to, data[i].data_p, data[i].data_len);
-        to += data[i].data_len;
-    }
-}
-
 block<unsigned char> allocate_value(uint32_t record_length)
 {
     return block<unsigned char>(
         static_cast<unsigned char *>(malloc(size_t{record_length} + generation_length)));
 }
 
-uint32_t bind(const char *db_name, bool create, kvs_hdl *hdl_p)
+[[nodiscard]] uint32_t bind(const char *db_name, bool create, kvs_hdl *hdl_p)
 {
     kvs_hdl found = 0;
     uint32_t status = check_name(db_name);
@@ -79,44 +32,41 @@ uint32_t bind(const char *db_name, bool create, kvs_hdl *hdl_p)
     return status;
 }
 
-// ---- finding ----
-
-uint32_t find_one(kvs_hdl hdl, uint32_t key, kvs_rec_hdl **handles_pp, uint32_t *count_p)
+[[nodiscard]] uint32_t find_one(kvs_hdl hdl, const kvs_key_attr *key_p, handle_list *found)
 {
-    const uint32_t status = use_record(hdl, by::key, key, [&](const stored_record &record) {
-        auto *const array = static_cast<kvs_rec_hdl *>(malloc(sizeof(kvs_rec_hdl)));
-        if (array == nullptr)
-            return KVS_RC_NO_MEMORY;
-        *array = record.handle;
-        *handles_pp = array;
-        *count_p = 1;
-        return UINT32_C(0);
-    });
-    if (status != KVS_RC_NO_SUCH_RECORD)
-        return status;
-    *handles_pp = nullptr;
-    *count_p = 0;
+    if (key_p == nullptr || key_p->key_p == nullptr)
+        return KVS_RC_NULL_ARG;
+    if (!is_plain_key(*key_p))
+        return KVS_RC_BAD_KEY;
+    uint32_t key = 0;
+    memcpy(&key, key_p->key_p, key_length);
+    read_transaction reading;
+    stored_record record;
+    const uint32_t status = reading.find(hdl, key, &record);
+    if (status != 0)
+        return status == KVS_RC_NO_SUCH_RECORD ? 0 : status;
+    found->handles.reset(static_cast<kvs_rec_hdl *>(malloc(sizeof(kvs_rec_hdl))));
+    if (!found->handles)
+        return KVS_RC_NO_MEMORY;
+    *found->handles = record.handle;
+    found->count = 1;
     return 0;
 }
 
-uint32_t find_all(kvs_hdl hdl, kvs_rec_hdl **handles_pp, uint32_t *count_p)
+[[nodiscard]] uint32_t find_all(kvs_hdl hdl, handle_list *found)
 {
-    place at;
-    if (const uint32_t status = locate(hdl, &at); status != 0)
-        return status;
-    return read_store(at, [&](reader &in) { return in.list(handles_pp, count_p); });
+    read_transaction reading;
+    return reading.list(hdl, found);
 }
 
-// ---- writing ----
-
-// One write, with its bytes run together at `bytes`.
-struct written {
+// What one call writes, gathered at `bytes`.
+struct gathered_write {
     uint32_t offset;
     uint32_t length;
     const unsigned char *bytes;
 };
 
-bool keeps_key(const written &what, uint32_t key)
+bool keeps_key(const gathered_write &what, uint32_t key)
 {
     unsigned char result[key_length];
     memcpy(result, &key, key_length);
@@ -125,19 +75,20 @@ bool keeps_key(const written &what, uint32_t key)
     return memcmp(result, &key, key_length) == 0;
 }
 
-outcome write_into(const changer &in, kvs_rec_hdl handle, const written &what)
+[[nodiscard]] attempt write_into(const write_transaction &in, kvs_rec_hdl handle,
+                                 const gathered_write &what)
 {
     stored_record old;
-    const outcome found = in.get(handle, &old);
+    const attempt found = in.get(handle, &old);
     if (!found.is_good())
         return found;
     if (what.offset > old.length)
-        return answer(KVS_RC_BAD_OFFSET);
+        return with_status(KVS_RC_BAD_OFFSET);
     const uint32_t length = std::max(old.length, what.offset + what.length);
     // The old bytes may lie on a page that the engine is about to change, so they are copied first.
     const block<unsigned char> value = allocate_value(length);
     if (!value)
-        return answer(KVS_RC_NO_MEMORY);
+        return with_status(KVS_RC_NO_MEMORY);
     memcpy(value.get(), old.bytes, old.length);
     memcpy(value.get() + what.offset, what.bytes, what.length);
     return in.replace(handle, value.get(), length);
@@ -149,9 +100,7 @@ PLATFORM_EXPORT uint32_t kvs_appdesc_init(kvs_appdesc *appdesc_p)
 {
     if (appdesc_p == nullptr)
         return KVS_RC_NULL_ARG;
-    *appdesc_p = {};
-    appdesc_p->mark = appdesc_mark;
-    appdesc_p->key_count = 1;
+    *appdesc_p = default_appdesc();
     return 0;
 }
 
@@ -179,15 +128,13 @@ PLATFORM_EXPORT uint32_t kvs_find_objects(kvs_hdl hdl, const kvs_key_attr *keys_
         return KVS_RC_NULL_ARG;
     if (key_count > 1 || flags != 0)
         return KVS_RC_UNSUPPORTED;
-    if (key_count == 0)
-        return find_all(hdl, handles_pp, count_p);
-    if (keys_p == nullptr || keys_p->key_p == nullptr)
-        return KVS_RC_NULL_ARG;
-    if (!is_plain_key(*keys_p))
-        return KVS_RC_BAD_KEY;
-    uint32_t key = 0;
-    memcpy(&key, keys_p->key_p, key_length);
-    return find_one(hdl, key, handles_pp, count_p);
+    handle_list found;
+    const uint32_t status = key_count == 0 ? find_all(hdl, &found) : find_one(hdl, keys_p, &found);
+    if (status == 0) {
+        *handles_pp = found.handles.release();
+        *count_p = found.count;
+    }
+    return status;
 }
 
 PLATFORM_EXPORT uint32_t kvs_get_object_size(kvs_hdl hdl, const kvs_rec_hdl *rec_p,
@@ -195,10 +142,12 @@ PLATFORM_EXPORT uint32_t kvs_get_object_size(kvs_hdl hdl, const kvs_rec_hdl *rec
 {
     if (rec_p == nullptr || size_p == nullptr)
         return KVS_RC_NULL_ARG;
-    return use_record(hdl, by::handle, *rec_p, [&](const stored_record &record) {
+    read_transaction reading;
+    stored_record record;
+    const uint32_t status = reading.get(hdl, *rec_p, &record);
+    if (status == 0)
         *size_p = record.length;
-        return UINT32_C(0);
-    });
+    return status;
 }
 
 PLATFORM_EXPORT uint32_t kvs_read_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p, uint32_t offset,
@@ -206,14 +155,16 @@ PLATFORM_EXPORT uint32_t kvs_read_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p, 
 {
     if (rec_p == nullptr || length_p == nullptr || (buffer_p == nullptr && *length_p != 0))
         return KVS_RC_NULL_ARG;
-    return use_record(hdl, by::handle, *rec_p, [&](const stored_record &record) {
-        if (offset > record.length)
-            return KVS_RC_BAD_OFFSET;
-        *length_p = std::min(*length_p, record.length - offset);
-        if (*length_p != 0)
-            memcpy(buffer_p, record.bytes + offset, *length_p);
-        return UINT32_C(0);
-    });
+    read_transaction reading;
+    stored_record record;
+    if (const uint32_t status = reading.get(hdl, *rec_p, &record); status != 0)
+        return status;
+    if (offset > record.length)
+        return KVS_RC_BAD_OFFSET;
+    *length_p = std::min(*length_p, record.length - offset);
+    if (*length_p != 0)
+        memcpy(buffer_p, record.bytes + offset, *length_p);
+    return 0;
 }
 
 PLATFORM_EXPORT uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p, uint32_t offset,
@@ -222,8 +173,8 @@ PLATFORM_EXPORT uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p,
 {
     if (rec_p == nullptr || result_p == nullptr)
         return KVS_RC_NULL_ARG;
-    written what{offset, 0, nullptr};
-    if (const uint32_t status = measure(data_p, data_count, offset, &what.length); status != 0)
+    gathered_write what{offset, 0, nullptr};
+    if (const uint32_t status = measure_data(data_p, data_count, offset, &what.length); status != 0)
         return status;
     uint32_t status = 0;
     if (what.length == 0) {
@@ -233,11 +184,12 @@ PLATFORM_EXPORT uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p,
         const block<unsigned char> bytes = allocate_value(what.length);
         if (!bytes)
             return KVS_RC_NO_MEMORY;
-        gather(data_p, data_count, bytes.get());
+        gather_data(data_p, data_count, bytes.get());
         what.bytes = bytes.get();
         if (!keeps_key(what, key_of(*rec_p)))
             return KVS_RC_KEY_CHANGED;
-        status = change_store(hdl, [&](const changer &in) { return write_into(in, *rec_p, what); });
+        status = write_records(
+            hdl, [&](const write_transaction &in) { return write_into(in, *rec_p, what); });
     }
     if (status == 0)
         *result_p = {};
@@ -254,17 +206,17 @@ PLATFORM_EXPORT uint32_t kvs_insert_object(kvs_hdl hdl, const kvs_data_desc *dat
     if (key_count != 1 || reserved_1 != 0 || reserved_2 != 0)
         return KVS_RC_UNSUPPORTED;
     uint32_t length = 0;
-    if (const uint32_t status = measure(data_p, data_count, 0, &length); status != 0)
+    if (const uint32_t status = measure_data(data_p, data_count, 0, &length); status != 0)
         return status;
     if (!is_plain_key(*keys_p) || keys_p->key_offset != 0 || length < key_length)
         return KVS_RC_BAD_KEY;
     const block<unsigned char> value = allocate_value(length);
     if (!value)
         return KVS_RC_NO_MEMORY;
-    gather(data_p, data_count, value.get());
+    gather_data(data_p, data_count, value.get());
     kvs_rec_hdl handle = 0;
-    const uint32_t status = change_store(
-        hdl, [&](const changer &in) { return in.insert(value.get(), length, &handle); });
+    const uint32_t status = write_records(
+        hdl, [&](const write_transaction &in) { return in.insert(value.get(), length, &handle); });
     if (status == 0 || status == KVS_RC_TOLERATED_ON_INSERT)
         *rec_p = handle;
     return status;
@@ -274,15 +226,11 @@ PLATFORM_EXPORT uint32_t kvs_delete_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p
 {
     if (rec_p == nullptr)
         return KVS_RC_NULL_ARG;
-    return change_store(hdl, [&](const changer &in) { return in.remove(*rec_p); });
+    return write_records(hdl, [&](const write_transaction &in) { return in.remove(*rec_p); });
 }
 
 PLATFORM_EXPORT uint32_t kvs_batch_begin(kvs_hdl hdl) { return begin_batch(hdl); }
 
 PLATFORM_EXPORT uint32_t kvs_batch_commit(void) { return commit_batch(); }
 
-PLATFORM_EXPORT uint32_t kvs_batch_abort(void)
-{
-    thread_context *const me = my_context();
-    return me != nullptr ? abort_batch(*me) : KVS_RC_NO_BATCH;
-}
+PLATFORM_EXPORT uint32_t kvs_batch_abort(void) { return abort_batch(); }

@@ -1,0 +1,151 @@
+#include "platform/kvs/binding.h"
+
+#include "platform/base/descriptor.h"
+#include "platform/base/mutex.h"
+#include "platform/base/state_dir.h"
+#include "platform/kvs/call_context.h"
+#include "platform/kvs/engine_status.h"
+#include "platform/kvs/engine_transactions.h"
+#include "platform/kvs/environment.h"
+#include "platform/kvs/recovery.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+#include <utility>
+
+namespace platform {
+namespace {
+
+// Returns the handle of a database that is bound already, or 0.
+kvs_hdl find_bound(const store &store, const char *name)
+{
+    const unsigned count = store.database_count.load(std::memory_order_acquire);
+    for (unsigned i = 0; i < count; ++i)
+        if (strcmp(store.databases[i].name, name) == 0)
+            return database_handle(store, i);
+    return 0;
+}
+
+[[nodiscard]] uint32_t status_of_state_dir_error(int error, bool create)
+{
+    if (error == ENOENT && !create)
+        return KVS_RC_NO_SUCH_DB;
+    const uint32_t status = status_of_engine_error(error);
+    const bool is_resource =
+        status == KVS_RC_NO_MEMORY || status == KVS_RC_NO_SPACE || status == KVS_RC_NO_DESCRIPTORS;
+    return is_resource ? status : KVS_RC_STATE_DIR;
+}
+
+[[nodiscard]] uint32_t add_store(descriptor dir, const struct stat &about, bool create,
+                                 store **store_p)
+{
+    const unsigned count = store_count.load(std::memory_order_relaxed);
+    if (count == store_limit)
+        return log_engine_error("opening one more store", MDB_DBS_FULL);
+    store &added = stores[count];
+    if (const int error = open_environment(added, dir.get(), create); error != 0)
+        return log_engine_error("opening the store", error);
+    added.device = about.st_dev;
+    added.inode = about.st_ino;
+    added.dir = dir.release();
+    added.index = count;
+    store_count.store(count + 1, std::memory_order_release);
+    *store_p = &added;
+    return 0;
+}
+
+// Finds or adds the store in the state directory that the process's environment names.
+[[nodiscard]] uint32_t find_store(const thread_context &thread, bool create, store **store_p)
+{
+    descriptor dir(open_state_dir(create));
+    struct stat about;
+    if (!dir.valid() || fstat(dir.get(), &about) != 0)
+        return status_of_state_dir_error(errno, create);
+    const scoped_lock lock(stores_mutex);
+    for (unsigned i = 0; i < store_count; ++i)
+        if (stores[i].device == about.st_dev && stores[i].inode == about.st_ino) {
+            *store_p = &stores[i];
+            return 0;
+        }
+    if (thread.open_batch.store != nullptr)
+        return KVS_RC_BATCH_ACTIVE;
+    return add_store(std::move(dir), about, create, store_p);
+}
+
+[[nodiscard]] int open_in(MDB_txn *txn, const char *name, unsigned create, MDB_dbi *dbi)
+{
+    unsigned flags = 0;
+    int error = mdb_dbi_open(txn, name, MDB_INTEGERKEY | create, dbi);
+    if (error == 0)
+        error = mdb_dbi_flags(txn, *dbi, &flags);
+    return error == 0 && flags != MDB_INTEGERKEY ? MDB_INCOMPATIBLE : error;
+}
+
+[[nodiscard]] int open_existing(store &store, database &next, const char *name)
+{
+    MDB_txn *txn = nullptr;
+    const int error = begin_read(store.environment, &txn);
+    return error != 0 ? error : end_opening_read(txn, open_in(txn, name, 0, &next.dbi));
+}
+
+[[nodiscard]] int open_or_create(store &store, database &next, const char *name)
+{
+    MDB_txn *txn = nullptr;
+    int error = begin_write(store.environment, &txn);
+    if (error != 0)
+        return error;
+    error = open_in(txn, name, MDB_CREATE, &next.dbi);
+    if (error == 0)
+        return commit_write(store.environment, txn);
+    abort_write(store.environment, txn);
+    return error;
+}
+
+[[nodiscard]] attempt add_database(store &store, const char *name, bool create)
+{
+    const unsigned count = store.database_count.load(std::memory_order_relaxed);
+    if (count == database_limit)
+        return with_engine_error(MDB_DBS_FULL);
+    database &next = store.databases[count];
+    const int error = create ? open_or_create(store, next, name) : open_existing(store, next, name);
+    if (error == MDB_NOTFOUND)
+        return with_status(KVS_RC_NO_SUCH_DB);
+    if (error != 0)
+        return with_engine_error(error);
+    strcpy(next.name, name);
+    store.database_count.store(count + 1, std::memory_order_release);
+    return with_status(0);
+}
+
+} // namespace
+
+uint32_t bind_database(const char *name, bool create, kvs_hdl *hdl)
+{
+    thread_context *const thread = current_thread();
+    if (thread == nullptr)
+        return KVS_RC_NO_MEMORY;
+    store *found = nullptr;
+    if (const uint32_t status = find_store(*thread, create, &found); status != 0)
+        return status;
+    store &store = *found;
+    if ((*hdl = find_bound(store, name)) != 0)
+        return 0;
+    if (thread->open_batch.store != nullptr)
+        return KVS_RC_BATCH_ACTIVE;
+    const scoped_lock binding(store.binding_mutex);
+    if ((*hdl = find_bound(store, name)) != 0)
+        return 0;
+    uint32_t status = attempt_until_status(store, *thread, recover_as_reader,
+                                           [&] { return add_database(store, name, false); });
+    if (status == KVS_RC_NO_SUCH_DB && create) {
+        const scoped_lock writing(store.writer_mutex);
+        status = attempt_until_status(store, *thread, recover_as_writer,
+                                      [&] { return add_database(store, name, true); });
+    }
+    if (status == 0)
+        *hdl = find_bound(store, name);
+    return status;
+}
+
+} // namespace platform

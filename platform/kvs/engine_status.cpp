@@ -1,0 +1,65 @@
+#include "platform/kvs/engine_status.h"
+
+#include "kvs.h"
+#include "platform/base/descriptor.h"
+#include "verbose.h"
+
+#include <cerrno>
+#include <lmdb.h>
+
+namespace platform {
+namespace {
+
+struct mapping {
+    int error;
+    uint32_t status;
+};
+
+constexpr mapping mappings[] = {
+    {ENOMEM, KVS_RC_NO_MEMORY},
+    {EAGAIN, KVS_RC_NO_MEMORY},
+    {ENOSPC, KVS_RC_NO_SPACE},
+    {EDQUOT, KVS_RC_NO_SPACE},
+    {EFBIG, KVS_RC_NO_SPACE},
+    {EMFILE, KVS_RC_NO_DESCRIPTORS},
+    {ENFILE, KVS_RC_NO_DESCRIPTORS},
+    {EACCES, KVS_RC_ACCESS},
+    {EPERM, KVS_RC_ACCESS},
+    {EROFS, KVS_RC_ACCESS},
+    {ELOOP, KVS_RC_STATE_DIR},
+    {ENOTDIR, KVS_RC_STATE_DIR},
+    {ENOENT, KVS_RC_NO_SUCH_DB},
+    {MDB_CORRUPTED, KVS_RC_DAMAGED},
+    {MDB_INVALID, KVS_RC_DAMAGED},
+    {MDB_VERSION_MISMATCH, KVS_RC_DAMAGED},
+    {MDB_PAGE_NOTFOUND, KVS_RC_DAMAGED},
+    {MDB_INCOMPATIBLE, KVS_RC_DAMAGED},
+    {MDB_CURSOR_FULL, KVS_RC_DAMAGED},
+    {MDB_PAGE_FULL, KVS_RC_DAMAGED},
+    {MDB_BAD_VALSIZE, KVS_RC_DAMAGED},
+    {MDB_NOTFOUND, KVS_RC_NO_SUCH_DB},
+    {MDB_DBS_FULL, KVS_RC_TOO_MANY_DBS},
+    {MDB_READERS_FULL, KVS_RC_READERS_FULL},
+    {MDB_MAP_FULL, KVS_RC_BATCH_FULL},
+    {MDB_TXN_FULL, KVS_RC_BATCH_FULL},
+    {MDB_BAD_TXN, KVS_RC_BATCH_BROKEN},
+};
+
+} // namespace
+
+uint32_t status_of_engine_error(int error)
+{
+    for (const mapping &it : mappings)
+        if (it.error == error)
+            return it.status;
+    return KVS_RC_IO;
+}
+
+uint32_t log_engine_error(const char *action, int error)
+{
+    verbose_printf_local(DBG_VS_PLATFORM, "kvs: %s: %s", action,
+                         error > 0 ? error_text(error) : mdb_strerror(error));
+    return status_of_engine_error(error);
+}
+
+} // namespace platform

@@ -1,0 +1,39 @@
+// Transactions of the engine, and the file locks under which they begin.
+//
+// The engine's own locks lie in memory that its processes share. A process that is killed just
+// after it was woken there takes the wake-up with it, and others may wait for ever. So no process
+// waits there: a process that takes a lock of the engine holds a lock on a byte of the data file
+// first, which the system releases when its process ends.
+#pragma once
+
+#include <lmdb.h>
+#include <pthread.h>
+
+namespace platform {
+
+// All return 0, an error of the engine, or an error number.
+
+// Begins a write transaction; the process's writer lock is held until it is committed or aborted.
+// One thread of a process at a time may write to a store.
+[[nodiscard]] int begin_write(MDB_env *environment, MDB_txn **txn);
+[[nodiscard]] int commit_write(MDB_env *environment, MDB_txn *txn);
+void abort_write(MDB_env *environment, MDB_txn *txn);
+
+// The engine returns EIO for every short write. Returns ENOSPC, EDQUOT or EFBIG if that is why, and
+// `error` in all other cases.
+[[nodiscard]] int cause_of_failed_write(MDB_env *environment, int error);
+
+// Begins a read transaction, which takes a slot in the reader table.
+[[nodiscard]] int begin_read(MDB_env *environment, MDB_txn **txn);
+
+// Ends a read transaction in which databases were opened. They stay open if `error` is 0. Returns
+// the first error.
+[[nodiscard]] int end_opening_read(MDB_txn *txn, int error);
+
+// Clears the reader slots of processes that died. Their number goes to `dead`, if it is not null.
+[[nodiscard]] int clear_reader_slots(MDB_env *environment, int *dead);
+
+// Held while a reader slot is taken. Initialized anew in a forked child.
+extern pthread_mutex_t reader_table_mutex;
+
+} // namespace platform

@@ -1,0 +1,109 @@
+#include "platform/kvs/environment.h"
+
+#include "platform/base/mutex.h"
+#include "platform/kvs/engine_transactions.h"
+#include "platform/kvs/environment_info.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+namespace platform {
+namespace {
+
+[[nodiscard]] int open_commit_numbers(store &store)
+{
+    int fd = -1;
+    struct stat about;
+    const int error = mdb_env_get_fd(store.environment, &fd);
+    if (error != 0 || fstat(fd, &about) != 0)
+        return error != 0 ? error : errno;
+    if (store.first_commit_number != nullptr && store.file_device == about.st_dev &&
+        store.file_inode == about.st_ino)
+        return 0;
+    commit_numbers numbers;
+    if (const int failed = map_commit_numbers(store.environment, &numbers); failed != 0)
+        return failed;
+    store.file_device = about.st_dev;
+    store.file_inode = about.st_ino;
+    store.first_commit_number = numbers.first;
+    store.second_commit_number = numbers.second;
+    return 0;
+}
+
+[[nodiscard]] int open_databases(store &store)
+{
+    MDB_txn *txn = nullptr;
+    int error = begin_read(store.environment, &txn);
+    if (error != 0)
+        return error;
+    for (unsigned i = 0; i < store.database_count && error == 0; ++i) {
+        database &next = store.databases[i];
+        error = mdb_dbi_open(txn, next.name, MDB_INTEGERKEY, &next.dbi);
+    }
+    return end_opening_read(txn, error);
+}
+
+// The engine gives up the old map before it asks for the new one, and is lost if it gets none.
+[[nodiscard]] int try_map(const environment_info &info, uint64_t bytes)
+{
+    void *const trial = mmap(nullptr, bytes, PROT_READ, MAP_SHARED, info.fd, 0);
+    if (trial == MAP_FAILED)
+        return errno;
+    munmap(trial, bytes);
+    return 0;
+}
+
+} // namespace
+
+int open_environment(store &store, int dir, bool create)
+{
+    int error = open_environment_files(dir, create, &store.environment);
+    if (error == 0 && (error = open_commit_numbers(store)) != 0) {
+        mdb_env_close(store.environment);
+        store.environment = nullptr;
+    }
+    return error;
+}
+
+int reopen_environment(store &store)
+{
+    exclusive_access access(store);
+    const scoped_lock lock(stores_mutex);
+    access.close_environment();
+    int error = open_environment_files(store.dir, false, &store.environment);
+    if (error == 0 &&
+        ((error = open_commit_numbers(store)) != 0 || (error = open_databases(store)) != 0))
+        access.close_environment();
+    // Another process may have written more than fits the new map already.
+    return error == MDB_MAP_RESIZED ? 0 : error;
+}
+
+int enlarge_map(store &store, uint64_t bytes)
+{
+    environment_info info;
+    if (const int error = get_environment_info(store.environment, &info); error != 0)
+        return error;
+    bytes = std::max(bytes, info.used_size);
+    if (bytes <= info.map_size)
+        return 0;
+    static_cast<void>(
+        clear_reader_slots(store.environment, nullptr)); // dead ones keep pages in use
+    if (const int error = try_map(info, bytes); error != 0)
+        return error;
+    exclusive_access access(store);
+    const int error = mdb_env_set_mapsize(store.environment, bytes);
+    if (error != 0)
+        access.close_environment();
+    return error;
+}
+
+int double_map(store &store)
+{
+    environment_info info;
+    const int error = get_environment_info(store.environment, &info);
+    return error != 0 ? error : enlarge_map(store, 2 * info.map_size);
+}
+
+} // namespace platform

@@ -1,0 +1,56 @@
+#include "platform/kvs/recovery.h"
+
+#include "platform/kvs/engine_status.h"
+#include "platform/kvs/engine_transactions.h"
+#include "platform/kvs/environment.h"
+
+namespace platform {
+namespace {
+
+[[nodiscard]] uint32_t clear_dead_readers(store &store, thread_context &thread)
+{
+    const environment_guard guard(store, thread);
+    if (store.environment == nullptr)
+        return 0;
+    int dead = 0;
+    int error = clear_reader_slots(store.environment, &dead);
+    if (error == 0 && dead == 0)
+        error = MDB_READERS_FULL;
+    return error != 0 ? log_engine_error("clearing the reader table", error) : 0;
+}
+
+} // namespace
+
+uint32_t recover_as_writer(store &store, thread_context &thread, int error, uint64_t epoch)
+{
+    if (error == MDB_READERS_FULL)
+        return clear_dead_readers(store, thread);
+    if (store.environment_epoch != epoch)
+        return 0;
+    if (error == not_open || error == MDB_PANIC)
+        error = reopen_environment(store);
+    else if (error == MDB_MAP_RESIZED)
+        error = enlarge_map(store, 0);
+    else if (error == MDB_MAP_FULL)
+        error = double_map(store);
+    return error != 0 ? log_engine_error("using the store", error) : 0;
+}
+
+uint32_t recover_as_reader(store &store, thread_context &thread, int error, uint64_t epoch)
+{
+    if (error == MDB_READERS_FULL)
+        return clear_dead_readers(store, thread);
+    if (error != not_open && error != MDB_PANIC && error != MDB_MAP_RESIZED)
+        return log_engine_error("reading the store", error);
+    // The thread that holds the mutex meets the same error and recovers from it. A reader does not
+    // wait for the end of a batch.
+    if (pthread_mutex_trylock(&store.writer_mutex) != 0) {
+        sleep_briefly();
+        return 0;
+    }
+    const uint32_t status = recover_as_writer(store, thread, error, epoch);
+    pthread_mutex_unlock(&store.writer_mutex);
+    return status;
+}
+
+} // namespace platform

@@ -1,0 +1,168 @@
+// A forked child gets the parent's memory, but neither its threads nor its locks on the lock file.
+// So it keeps nothing but the names: the environments are forgotten and not closed, since a thread
+// may have been changing them, and since the engine forbids it. Their maps and descriptors stay
+// behind in the child. The same holds for the transactions, whose reader slots are the parent's.
+#include "platform/kvs/threads.h"
+
+#include "platform/base/mutex.h"
+#include "platform/kvs/engine_transactions.h"
+
+#include <ctime>
+#include <new>
+
+namespace platform {
+
+constinit thread_local thread_context *cached_context = nullptr;
+
+namespace {
+
+pthread_mutex_t threads_mutex = PTHREAD_MUTEX_INITIALIZER;
+thread_context *threads = nullptr;
+
+pthread_key_t thread_key;
+bool has_key = false;
+bool has_handlers = false;
+
+void destroy_thread_context(void *value)
+{
+    auto *const thread = static_cast<thread_context *>(value);
+    abort_open_batch(*thread);
+    {
+        const scoped_lock lock(threads_mutex);
+        for (thread_context **link = &threads; *link != nullptr; link = &(*link)->next)
+            if (*link == thread) {
+                *link = thread->next;
+                break;
+            }
+        for (MDB_txn *const txn : thread->read_txns)
+            if (txn != nullptr)
+                mdb_txn_abort(txn);
+    }
+    cached_context = nullptr;
+    thread->~thread_context();
+    free(thread);
+}
+
+void lock_before_fork()
+{
+    pthread_mutex_lock(&threads_mutex);
+    pthread_mutex_lock(&stores_mutex);
+}
+
+void unlock_after_fork()
+{
+    pthread_mutex_unlock(&stores_mutex);
+    pthread_mutex_unlock(&threads_mutex);
+}
+
+void reset_in_child()
+{
+    for (unsigned i = 0; i < store_count.load(std::memory_order_relaxed); ++i) {
+        stores[i].environment = nullptr;
+        ++stores[i].environment_epoch;
+        pthread_mutex_init(&stores[i].writer_mutex, nullptr);
+        pthread_mutex_init(&stores[i].binding_mutex, nullptr);
+    }
+    pthread_mutex_init(&reader_table_mutex, nullptr);
+    threads = cached_context;
+    if (thread_context *const thread = cached_context; thread != nullptr) {
+        thread->entered.store(0, std::memory_order_relaxed);
+        thread->entered_by_batch = 0;
+        for (MDB_txn *&txn : thread->read_txns)
+            txn = nullptr;
+        thread->open_batch = {};
+        thread->cache.clear();
+        thread->next = nullptr;
+    }
+    unlock_after_fork();
+}
+
+bool register_handlers()
+{
+    has_key = has_key || pthread_key_create(&thread_key, destroy_thread_context) == 0;
+    has_handlers =
+        has_handlers || pthread_atfork(lock_before_fork, unlock_after_fork, reset_in_child) == 0;
+    return has_key && has_handlers;
+}
+
+} // namespace
+
+thread_context *make_thread_context()
+{
+    const scoped_lock lock(threads_mutex);
+    if (!register_handlers())
+        return nullptr;
+    void *const memory = malloc(sizeof(thread_context));
+    if (memory == nullptr)
+        return nullptr;
+    auto *const thread = new (memory) thread_context;
+    if (pthread_setspecific(thread_key, thread) != 0) {
+        free(memory);
+        return nullptr;
+    }
+    thread->next = threads;
+    threads = thread;
+    cached_context = thread;
+    return thread;
+}
+
+void sleep_briefly()
+{
+    const timespec fifty_microseconds{0, 50'000};
+    nanosleep(&fifty_microseconds, nullptr);
+}
+
+void wait_for_shared_access(const store &store)
+{
+    while (store.is_exclusive.load(std::memory_order_acquire))
+        sleep_briefly();
+}
+
+exclusive_access::exclusive_access(store &store) : store_(store)
+{
+    pthread_mutex_lock(&threads_mutex);
+    store.is_exclusive.store(true, std::memory_order_seq_cst);
+    for (const thread_context *other = threads; other != nullptr; other = other->next)
+        while ((other->entered.load(std::memory_order_seq_cst) & 1u << store.index) != 0)
+            sleep_briefly();
+    ++store.environment_epoch;
+}
+
+exclusive_access::~exclusive_access()
+{
+    store_.is_exclusive.store(false, std::memory_order_release);
+    pthread_mutex_unlock(&threads_mutex);
+}
+
+void exclusive_access::close_environment()
+{
+    if (store_.environment == nullptr)
+        return;
+    for (thread_context *thread = threads; thread != nullptr; thread = thread->next) {
+        MDB_txn *&txn = thread->read_txns[store_.index];
+        if (txn != nullptr)
+            mdb_txn_abort(txn);
+        txn = nullptr;
+    }
+    mdb_env_close(store_.environment);
+    store_.environment = nullptr;
+}
+
+void release_batch(thread_context &thread)
+{
+    store &store = *thread.open_batch.store;
+    thread.open_batch = {};
+    thread.entered_by_batch = 0;
+    thread.entered.store(0, std::memory_order_release);
+    pthread_mutex_unlock(&store.writer_mutex);
+}
+
+void abort_open_batch(thread_context &thread)
+{
+    if (thread.open_batch.store == nullptr)
+        return;
+    abort_write(thread.open_batch.store->environment, thread.open_batch.txn);
+    release_batch(thread);
+}
+
+} // namespace platform
