@@ -158,17 +158,18 @@ extern uint32_t dummy_unused_var;            /* set to 0 by the load and unload 
 
 /*
  * Opens the three databases in the order of their selectors, creating what is missing, with up to 3
- * attempts for each and a pause of one second between attempts. Called once in a process, before its
- * other calls. `evm` is the platform handle, handed on to the store and the debug prints.
+ * attempts for each and a pause of one second between attempts. Called once in a process, before
+ * its other calls. `evm` is the platform handle, handed on to the store and the debug prints.
  *
  * Returns the status of the last attempt for the database that could not be opened; databases
  * opened before it stay open, later ones are not attempted. A second call finds database 0 open and
  * returns VS_KVS_DB_ALREADY_OPEN, after its retries. Failures are also written to standard error.
  *
  * Without it, or after it failed, every other operation opens the database that it needs on demand,
- * if some process has created it; only the bulk operations are refused (VS_FAULT_KVS_DB_LOOKUP) until
- * it has succeeded. A call that comes after such an operation finds that database open, and returns
- * VS_KVS_DB_ALREADY_OPEN: a process that failed to initialise goes on without it, or starts anew.
+ * if some process has created it; only the bulk operations are refused (VS_FAULT_KVS_DB_LOOKUP)
+ * until it has succeeded. A call that comes after such an operation finds that database open, and
+ * returns VS_KVS_DB_ALREADY_OPEN: a process that failed to initialise goes on without it, or starts
+ * anew.
  *
  * Two threads that call it at once do no harm, but each database is opened by one of them and the
  * other may get VS_KVS_DB_ALREADY_OPEN.
@@ -366,8 +367,8 @@ uint32_t vs_kvs_get_clients_info_all_recs(uint32_t *vs_clients_info_kvs_recs_cou
 uint32_t vs_kvs_add_new_client_info(uint32_t vs_object_id, const vs_client_info_entry *new_client);
 
 /*
- * Replaces the first client that has new_client's jid, all 20 bytes of it, and verifies its pid. The
- * record is written as long as it is stored, but never longer than it was read.
+ * Replaces the first client that has new_client's jid, all 20 bytes of it, and verifies its pid.
+ * The record is written as long as it is stored, but never longer than it was read.
  *
  *   VS_FAULT_NULL_ARG            no client
  *   VS_FAULT_INVALID_OBJECT_ID   id 0

@@ -255,6 +255,9 @@ const scenario special[] = {
     {"add client: to an empty list", add_client, replaced("vs_clients_info", {A, 0})},
     {"add client: jid 0, list shortened", plain(vs_kvs_add_new_client_info, A, &nobody),
      before_nth("kvs_get_object_size", 2, replaced("vs_clients_info", {A, 0}))},
+    {"add client: write undone", add_client,
+     before_nth("kvs_get_object_size", 2,
+                replaced("vs_clients_info", {A, 2, 4, 400, 0, 0, 0, 5, 500, 0xAB, 0, 0}))},
     {"update client: null before id", plain(vs_kvs_update_client_info, 0, nullptr)},
     {"update client: id 0", plain(vs_kvs_update_client_info, 0, &same_jid)},
     {"update client: not listed", plain(vs_kvs_update_client_info, A, &new_client)},
@@ -287,7 +290,9 @@ const scenario special[] = {
     {"add object: to an empty registration", plain(vs_kvs_add_new_client_objects_reg_object, K, B)},
     {"add object: empty record, filled when read back",
      plain(vs_kvs_add_new_client_objects_reg_object, J, A), empty_until_written},
-    // the frame
+    {"add object: write undone", plain(vs_kvs_add_new_client_objects_reg_object, J, unknown),
+     before_nth("kvs_get_object_size", 2, replaced("vs_clientobjectsreg", {J, 2, A, B}))},
+    // start-up
     {"db_init: unknown, set up", plain(vs_kvs_db_init, 5, 3),
      [] { g_vs_kvs_debug_initialized = 1; }},
     {"db_init: unknown, not set up", plain(vs_kvs_db_init, 5, 3)},

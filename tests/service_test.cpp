@@ -82,6 +82,7 @@ TEST(DISABLED_program, has_no_common_buffer) { EXPECT_EQ(vs_ringlog, 0u); }
 TEST(DISABLED_program, sets_up)
 {
     const char *const job = getenv("VS_JOB_ID");
+    EXPECT_EQ(vs_kvs_update_vs_objects(nullptr, 0), VS_FAULT_KVS_DB_LOOKUP);
     EXPECT_EQ(vs_kvs_initialize(1), 0u);
     EXPECT_EQ(g_vs_kvs_proc_name, job ? std::string(64, 'n') : "service_test");
     EXPECT_EQ(vs_kvs_get_vs_object_rec(0, nullptr), VS_FAULT_NULL_ARG);

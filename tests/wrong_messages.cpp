@@ -1,4 +1,5 @@
 // Messages that must not compile: one for each WRONG, and none for 0.
+#include "core/layout.h"
 #include "core/report.h"
 
 using namespace vs_kvs;
@@ -9,6 +10,15 @@ using namespace vs_kvs;
 
 #if WRONG == 0
 constexpr errors<object_id, status_text> right{0x50300010299, "%s: id 0x%X: %s"};
+
+// A list of fields that leaves one out, at the end or before it, does not cover its record.
+constexpr field all_fields[] = {VS_KVS_FIELD(vs_client_info_entry, jid),
+                                VS_KVS_FIELD(vs_client_info_entry, pid),
+                                VS_KVS_FIELD(vs_client_info_entry, client_data)};
+constexpr field a_gap[] = {all_fields[0], all_fields[2]};
+static_assert(cover(all_fields, sizeof(vs_client_info_entry)));
+static_assert(!cover(std::span(all_fields).first(2), sizeof(vs_client_info_entry)));
+static_assert(!cover(a_gap, sizeof(vs_client_info_entry)));
 #elif WRONG == 1 // an argument too many in the identifier
 constexpr errors<object_id, status_text> wrong{0x50400010299, "%s: id 0x%X: %s"};
 #elif WRONG == 2 // a string that the mask does not tell

@@ -44,10 +44,12 @@ typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
 #define KVS_RC_BAD_HDL UINT32_C(0xA6960400)  /* no database of this process has this handle */
 #define KVS_RC_BAD_KEY UINT32_C(0xA6960600)  /* a key descriptor names no 4-byte key at offset 0 */
 #define KVS_RC_KEY_CHANGED UINT32_C(0xA6960800) /* a write would change the record's key */
-#define KVS_RC_BAD_OFFSET UINT32_C(0xA6960A00)  /* a read or write starts beyond the record's end  \
-                                                 */
-#define KVS_RC_BAD_NAME UINT32_C(0xA6960C00) /* a database name is empty or longer than 64 bytes   \
-                                              */
+#define KVS_RC_BAD_OFFSET                                                                          \
+    UINT32_C(0xA6960A00) /* a read or write starts beyond the record's end                         \
+                          */
+#define KVS_RC_BAD_NAME                                                                            \
+    UINT32_C(0xA6960C00) /* a database name is empty or longer than 64 bytes                       \
+                          */
 #define KVS_RC_UNSUPPORTED                                                                         \
     UINT32_C(0xA6960E00) /* an argument asks for what this store does not do */
 #define KVS_RC_RECORD_TOO_BIG                                                                      \
@@ -60,8 +62,9 @@ typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
 #define KVS_RC_TOLERATED_ON_INSERT UINT32_C(0xA6962A00)
 
 /* What the store found, or could not do. */
-#define KVS_RC_NO_SUCH_DB UINT32_C(0xC6960200) /* no process has created a database of this name   \
-                                                */
+#define KVS_RC_NO_SUCH_DB                                                                          \
+    UINT32_C(0xC6960200) /* no process has created a database of this name                         \
+                          */
 #define KVS_RC_NO_SUCH_RECORD                                                                      \
     UINT32_C(0xC6960400) /* the record of this handle is not stored any more */
 #define KVS_RC_RECORD_EXISTS UINT32_C(0xC6960600) /* another record is stored under this key */
@@ -73,11 +76,13 @@ typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
 #define KVS_RC_IO UINT32_C(0xC6961200)        /* a read or write of the store's file failed */
 #define KVS_RC_READERS_FULL UINT32_C(0xC6961400) /* too many threads read the store at once */
 #define KVS_RC_NO_DESCRIPTORS                                                                      \
-    UINT32_C(0xC6961600)                         /* the process or system has no descriptor left */
-#define KVS_RC_TOO_MANY_DBS UINT32_C(0xC6961800) /* the store or process holds no more databases   \
-                                                  */
-#define KVS_RC_BATCH_FULL UINT32_C(0xC6961A00)   /* the batch outgrew its room; abort, begin again \
-                                                  */
+    UINT32_C(0xC6961600) /* the process or system has no descriptor left */
+#define KVS_RC_TOO_MANY_DBS                                                                        \
+    UINT32_C(0xC6961800) /* the store or process holds no more databases                           \
+                          */
+#define KVS_RC_BATCH_FULL                                                                          \
+    UINT32_C(0xC6961A00) /* the batch outgrew its room; abort, begin again                         \
+                          */
 #define KVS_RC_BATCH_BROKEN                                                                        \
     UINT32_C(0xC6961C00)                      /* a change in the batch failed; it can only abort */
 #define KVS_RC_EXHAUSTED UINT32_C(0xC6961E00) /* the database has given out all its handles */
