@@ -437,6 +437,21 @@ STORE_TEST(serves_threads_and_processes_while_it_outgrows_its_map)
     EXPECT_EQ(d.all().size(), 5u * 30 + 6);
 }
 
+STORE_TEST(is_made_once_however_many_make_it)
+{
+    for (uint32_t round = 0; round < 30; ++round) {
+        setenv("VS_STATE_DIR", (state / std::to_string(round)).c_str(), 1);
+        pid_t makers[4];
+        for (uint32_t key = 0; key < 4; ++key)
+            makers[key] = start_in_child([=] { EXPECT_EQ(db().insert(record(key)), 0u); });
+        usleep(round * 30);
+        kill(makers[3], SIGKILL);
+        for (const pid_t each : makers)
+            EXPECT_TRUE(finish(each) == 0 || each == makers[3]);
+        EXPECT_TRUE(passes_in_child([] { EXPECT_GE(db().all().size(), 3u); }));
+    }
+}
+
 STORE_TEST(takes_the_slots_of_dead_readers)
 {
     constexpr int threads = 300; // of each process, which makes more than there are slots
