@@ -1,9 +1,9 @@
 // A store's data file with damage in it, through the record store.
 //
-// A status is fine, whatever it is; to die or never to come back is not. The engine believes its
-// file, so what is damaged is what the store looks at before it gives the file to the engine, and
-// what it never gives to it: the headers but for where their trees are rooted, the file's length,
-// and the records. An input is a row of changes, five bytes each: what, where and the new value.
+// Any status is right; a crash or a hang is not. The engine does not check its file, so only that
+// is damaged what the store checks before it opens the file with the engine, or what the engine
+// never interprets: the headers except for the roots of their trees, the file's length, and the
+// records. An input is a list of changes, five bytes each: what, where and the new value.
 #include "fuzz.h"
 #include "kvs.h"
 

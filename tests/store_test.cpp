@@ -81,7 +81,7 @@ std::string record(uint32_t key, const std::string &body = "")
 
 using records = std::map<uint32_t, std::string>;
 
-// A database, in fewer words.
+// A database, with short calls for what the tests do.
 struct db {
     kvs_hdl hdl = 0;
     uint32_t bound;
@@ -116,7 +116,7 @@ struct db {
     uint32_t remove(kvs_rec_hdl rec) const { return kvs_delete_object(hdl, &rec); }
     kvs_rec_hdl find(uint32_t key) const
     {
-        const kvs_key_attr by_key{{0, 0, 0}, 0, 4, &key, 99}; // nobody sets the offset to look up
+        const kvs_key_attr by_key{{0, 0, 0}, 0, 4, &key, 99}; // the offset is ignored in a lookup
         kvs_rec_hdl *found = nullptr;
         uint32_t count = 0;
         EXPECT_EQ(kvs_find_objects(hdl, &by_key, 1, 0, &found, &count), 0u);
@@ -155,7 +155,7 @@ struct db {
     }
 };
 
-// Opens the store's files with the engine itself, in a process that has no other use of them.
+// Opens the store's files with the engine itself, in a process that does not use them otherwise.
 void in_engine(const std::function<void(MDB_env *)> &work)
 {
     EXPECT_TRUE(passes_in_child([&] {
@@ -168,7 +168,7 @@ void in_engine(const std::function<void(MDB_env *)> &work)
     }));
 }
 
-// Puts a value into a database behind the store's back; without a name into the engine's main one.
+// Puts a value into a database past the store; without a name, into the engine's main one.
 void plant(const char *database, std::string name, std::string bytes)
 {
     in_engine([&](MDB_env *env) {
@@ -182,7 +182,7 @@ void plant(const char *database, std::string name, std::string bytes)
     });
 }
 
-// Whether the process has a slot in the readers' table.
+// Checks whether the process has a slot in the reader table.
 void expect_slot(pid_t reader, bool expected)
 {
     in_engine([&](MDB_env *env) {
@@ -437,6 +437,21 @@ STORE_TEST(serves_threads_and_processes_while_it_outgrows_its_map)
     EXPECT_EQ(d.all().size(), 5u * 30 + 6);
 }
 
+STORE_TEST(is_made_once_however_many_make_it)
+{
+    for (uint32_t round = 0; round < 30; ++round) {
+        setenv("VS_STATE_DIR", (state / std::to_string(round)).c_str(), 1);
+        pid_t makers[4];
+        for (uint32_t key = 0; key < 4; ++key)
+            makers[key] = start_in_child([=] { EXPECT_EQ(db().insert(record(key)), 0u); });
+        usleep(round * 30);
+        kill(makers[3], SIGKILL);
+        for (const pid_t each : makers)
+            EXPECT_TRUE(finish(each) == 0 || each == makers[3]);
+        EXPECT_TRUE(passes_in_child([] { EXPECT_GE(db().all().size(), 3u); }));
+    }
+}
+
 STORE_TEST(takes_the_slots_of_dead_readers)
 {
     constexpr int threads = 300; // of each process, which makes more than there are slots
@@ -506,8 +521,8 @@ STORE_TEST(tells_stores_apart_by_their_directory)
     }
 }
 
-// Goes through all kinds of changes, half of them with a sound system. What is stored is what was
-// acknowledged, all along. Returns whether anything failed.
+// Makes all kinds of changes, the second half without faults, and checks that what is stored is
+// what was acknowledged. Returns whether anything failed.
 bool meets_fault(uint32_t expected)
 {
     records wanted, found;

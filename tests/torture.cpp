@@ -1,4 +1,4 @@
-// Does the store harm in every way that comes to mind, and looks whether anything is lost.
+// Harms the store in several ways, and checks that no acknowledged change is lost.
 //
 //   torture kills [COUNT [SEED]]      writers killed at random instants, in batches too
 //   torture powercut [STATES [SEED]]  what a disk may hold after the power went, by what was synced
@@ -141,7 +141,7 @@ int main(int count, char **arguments)
         bool (*run)(unsigned, uint64_t);
         int times;
     } parts[] = {{"kills", kills, 100},
-                 {"powercut", powercut, 200},
+                 {"powercut", powercut, 600},
                  {"exhaustion", exhaustion, 0},
                  {"privilege", privilege, 0}};
     for (const auto &part : parts)

@@ -1,4 +1,4 @@
-// A store that runs out of something, and one that somebody else is after.
+// A store that runs out of something, and one that another user attacks.
 #include "torture.h"
 #include "vs_kvs.h"
 
@@ -11,7 +11,7 @@
 namespace torture {
 namespace {
 
-constexpr uid_t somebody = 65534;
+constexpr uid_t other_user = 65534;
 constexpr int not_here = 77; // exit status of what this system does not allow
 
 void skip(bool when, const char *why)
@@ -33,20 +33,21 @@ uint32_t bind(const char *name = "vs_objects")
 
 void set_mode(const fs::path &of, mode_t mode) { need(chmod(of.c_str(), mode) == 0, of.c_str()); }
 
-void become_somebody()
+void become_other_user()
 {
-    need(geteuid() != 0 || (setresgid(somebody, somebody, somebody) == 0 &&
-                            setresuid(somebody, somebody, somebody) == 0),
+    need(geteuid() != 0 || (setresgid(other_user, other_user, other_user) == 0 &&
+                            setresuid(other_user, other_user, other_user) == 0),
          "becoming another user");
 }
 
-fs::path make_for_somebody()
+fs::path make_for_other_user()
 {
     const fs::path dir = use_new_state("harm");
     set_mode(root, 0755);
     fs::create_directory(dir);
     set_mode(dir, 0700);
-    need(geteuid() != 0 || chown(dir.c_str(), somebody, somebody) == 0, "giving a directory away");
+    need(geteuid() != 0 || chown(dir.c_str(), other_user, other_user) == 0,
+         "giving a directory away");
     return dir;
 }
 
@@ -62,8 +63,8 @@ void change_often(uint64_t seed, contents &all)
 }
 
 // Adds big records while `narrow` has made something scarce, one by one and in a batch, until one
-// is refused; `widen` ends the scarcity. What was acknowledged is there and nothing else, and work
-// goes on.
+// is refused; `widen` ends the scarcity. Checks that exactly what was acknowledged is stored, and
+// that changes succeed again.
 void run_out(const std::function<void()> &narrow, const std::function<void()> &widen,
              std::initializer_list<uint32_t> allowed)
 {
@@ -98,7 +99,7 @@ void file_size_limit()
             [] { limit(RLIMIT_FSIZE, RLIM_INFINITY); }, {KVS_RC_NO_SPACE});
 }
 
-// One more descriptor at a time until they suffice; once it is open the store needs none.
+// Allows one more descriptor at a time until opening succeeds; an open store needs no more.
 void no_descriptors()
 {
     use_new_state("harm");
@@ -123,8 +124,8 @@ void no_descriptors()
 
 void no_permission()
 {
-    const fs::path state = make_for_somebody();
-    become_somebody();
+    const fs::path state = make_for_other_user();
+    become_other_user();
     for (const char *const name : {".", "store.mdb", "store.mdb-lock"}) {
         set_mode(state / name, 0500);
         need(in_child([] { _exit(bind() != KVS_RC_ACCESS); }) == 0, name);
@@ -154,14 +155,15 @@ void other_users()
     for (const mode_t mode : {0700u, 0755u}) {
         set_mode(state, mode);
         const uint32_t expected = mode == 0700 ? KVS_RC_STATE_DIR : KVS_RC_ACCESS;
-        need(in_child([&] { become_somebody(), _exit(bind() != expected); }) == 0, "another user");
+        need(in_child([&] { become_other_user(), _exit(bind() != expected); }) == 0,
+             "another user");
     }
     set_mode(state, 0777);
     need(bind() == KVS_RC_STATE_DIR, "a directory that others may write to");
 }
 
-// In the place of each file a link that leads out of the directory, and a pipe. What is left of an
-// unfinished store is not looked at.
+// Puts a link that leads out of the directory, and a pipe, in the place of each file. What is left
+// of an unfinished store is replaced.
 void planted_files()
 {
     const fs::path outside = root / "outside", victim = outside / "victim";
@@ -184,7 +186,7 @@ void planted_files()
         }
 }
 
-// A store that the tool finds by a variable it does not find as a set-user-ID program.
+// The tool ignores the variables that name a store when it runs as a set-user-ID program.
 void set_user_id()
 {
     struct statvfs about {};
@@ -193,7 +195,7 @@ void set_user_id()
     const char *const variables[] = {"VS_STATE_DIR", "XDG_STATE_HOME", "HOME"};
     const fs::path tool = root / "tool";
     fs::copy_file(VSKVS, tool);
-    need(chown(tool.c_str(), somebody, somebody) == 0, "giving a program away");
+    need(chown(tool.c_str(), other_user, other_user) == 0, "giving a program away");
     const auto check = [&] {
         for (const int output : {STDOUT_FILENO, STDERR_FILENO})
             dup2(open("/dev/null", O_WRONLY), output);
@@ -201,12 +203,12 @@ void set_user_id()
         _exit(not_here);
     };
     for (const char *const variable : variables) {
-        const fs::path state = make_for_somebody();
+        const fs::path state = make_for_other_user();
         for (const char *const other : variables)
             unsetenv(other);
         setenv(variable, state.c_str(), 1);
         set_mode(tool, 0755);
-        const int found = in_child([&] { become_somebody(), open_databases(), check(); });
+        const int found = in_child([&] { become_other_user(), open_databases(), check(); });
         skip(found == not_here || found == 127, "another user cannot run the tool");
         need(found == 0, "a plain program heeds the variable");
         set_mode(tool, 04755);
@@ -214,15 +216,15 @@ void set_user_id()
     }
 }
 
-struct ordeal {
+struct test_case {
     const char *name;
     void (*run)();
 };
 
-bool go_through(const char *what, std::initializer_list<ordeal> ordeals)
+bool run_cases(const char *what, std::initializer_list<test_case> cases)
 {
     unsigned skipped = 0, failed = 0;
-    for (const ordeal &it : ordeals) {
+    for (const test_case &it : cases) {
         const int status = in_child([&] { alarm(5 * patience), it.run(); });
         skipped += status == not_here;
         if (status == 0 || status == not_here)
@@ -230,8 +232,7 @@ bool go_through(const char *what, std::initializer_list<ordeal> ordeals)
         fprintf(stderr, "torture %s: %s: exit status %d\n", what, it.name, status);
         ++failed;
     }
-    printf("torture %s: %zu ordeals, %u skipped, %u failed\n", what, ordeals.size(), skipped,
-           failed);
+    printf("torture %s: %zu cases, %u skipped, %u failed\n", what, cases.size(), skipped, failed);
     return failed == 0;
 }
 
@@ -239,16 +240,16 @@ bool go_through(const char *what, std::initializer_list<ordeal> ordeals)
 
 bool exhaustion(unsigned, uint64_t)
 {
-    return go_through("exhaustion", {{"a limit on the file's size", file_size_limit},
-                                     {"no descriptors", no_descriptors},
-                                     {"no permission", no_permission}});
+    return run_cases("exhaustion", {{"a limit on the file's size", file_size_limit},
+                                    {"no descriptors", no_descriptors},
+                                    {"no permission", no_permission}});
 }
 
 bool privilege(unsigned, uint64_t)
 {
-    return go_through("privilege", {{"other users", other_users},
-                                    {"planted files", planted_files},
-                                    {"a set-user-ID program", set_user_id}});
+    return run_cases("privilege", {{"other users", other_users},
+                                   {"planted files", planted_files},
+                                   {"a set-user-ID program", set_user_id}});
 }
 
 } // namespace torture

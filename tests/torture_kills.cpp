@@ -1,5 +1,5 @@
-// Writers are killed one after the other while the rest goes on, and the store looked at when all
-// are dead. Each has keys of its own, so what must be there is known to the record.
+// Writers are killed one after the other while the rest continues, and the store is inspected when
+// all are dead. Each has keys of its own, so what must be stored is certain down to the record.
 #include "torture.h"
 
 #include <atomic>
@@ -13,9 +13,8 @@ namespace {
 constexpr unsigned writers = 3, rounds_on_one_store = 10;
 constexpr uint32_t key_range = 1u << 20; // of each writer
 
-// What outlives a writer: its word about its changes, which are numbered. And what an inspection
-// tells.
-struct board {
+// What outlives a writer: the numbers of its last changes. And what an inspection found.
+struct shared_progress {
     struct {
         std::atomic<uint64_t> started, acknowledged;
     } by[writers];
@@ -32,8 +31,8 @@ struct totals {
 struct writer {
     uint32_t first_key;
     uint64_t seed;
-    contents before, after; // the change in flight, if there is one
-    uint64_t known = 0;     // the number of the last change that is in `before`
+    contents before, after;   // the change in flight, if there is one
+    uint64_t last_change = 0; // the number of the last change that is in `before`
 };
 
 void take_job(const char *id) // so that all its incarnations share its trace buffers
@@ -43,26 +42,27 @@ void take_job(const char *id) // so that all its incarnations share its trace bu
     open_databases();
 }
 
-[[noreturn]] void write_on(writer me, board &told, unsigned number)
+[[noreturn]] void write_on(writer self, shared_progress &progress, unsigned number)
 {
     take_job(std::to_string(number + 1).c_str());
     for (;;) {
         alarm(patience);
-        told.by[number].started = ++me.known;
-        const uint32_t status = change(me.seed + me.known, me.first_key, me.before, true);
+        progress.by[number].started = ++self.last_change;
+        const uint32_t status =
+            change(self.seed + self.last_change, self.first_key, self.before, true);
         need(status == 0, "changing", status);
-        told.by[number].acknowledged = me.known;
+        progress.by[number].acknowledged = self.last_change;
     }
 }
 
 // Ends with a failure when a process that is gone has a reader slot. It has an environment of its
 // own, so it must not share a process with the store.
-void look_for_dead_slots(const char *store)
+void check_for_dead_slots(const char *store)
 {
     MDB_env *env = nullptr;
     need(mdb_env_create(&env) == 0 &&
              mdb_env_open(env, store, MDB_NOSUBDIR | MDB_RDONLY, 0600) == 0,
-         "looking at the readers' table");
+         "reading the reader table");
     const auto look = [](const char *line, void *) {
         int pid = 0;
         need(std::sscanf(line, "%d", &pid) != 1 || kill(pid, 0) == 0, "a slot left");
@@ -71,9 +71,10 @@ void look_for_dead_slots(const char *store)
     mdb_reader_list(env, look, nullptr);
 }
 
-// Looks twice, with a change between: a commit whose writer died just before it could tell the
-// engine's other processes is shown when the next writer comes.
-void inspect(const writer (&all)[writers], const fs::path &state, board &told, uint64_t seed)
+// Inspects twice, with a change between: a commit whose writer died just before it was published to
+// the engine's other processes becomes visible with the next change.
+void inspect(const writer (&all)[writers], const fs::path &state, shared_progress &progress,
+             uint64_t seed)
 {
     take_job("100");
     contents mine;
@@ -82,10 +83,10 @@ void inspect(const writer (&all)[writers], const fs::path &state, board &told, u
         for (const auto &[key, record] : stored())
             found[key.second / key_range - 1].emplace(key, record);
         for (unsigned i = 0; i < writers; ++i) {
-            const finding was = told.found[i];
-            told.found[i] = judge(found[i], all[i].before, all[i].after);
-            if (again && was != finding::before && told.found[i] != was)
-                told.found[i] = finding::wrong;
+            const finding was = progress.found[i];
+            progress.found[i] = judge(found[i], all[i].before, all[i].after);
+            if (again && was != finding::before && progress.found[i] != was)
+                progress.found[i] = finding::wrong;
         }
         need(!again || found[writers] == mine, "the change after the kills");
         mine = found[writers];
@@ -93,20 +94,20 @@ void inspect(const writer (&all)[writers], const fs::path &state, board &told, u
             need(change(seed++, (writers + 1) * key_range, mine, true) == 0, "one more change");
     }
     const std::string store = state / "store.mdb";
-    need(in_child([&] { look_for_dead_slots(store.c_str()); }) == 0, "the readers' slots");
+    need(in_child([&] { check_for_dead_slots(store.c_str()); }) == 0, "the readers' slots");
 }
 
-void kill_all(dice &roll, const writer (&all)[writers], board &told, totals &sum)
+void kill_all(dice &roll, const writer (&all)[writers], shared_progress &progress, totals &sum)
 {
     pid_t pids[writers];
     for (unsigned i = 0; i < writers; ++i)
-        pids[i] = start([&] { write_on(all[i], told, i); });
+        pids[i] = start([&] { write_on(all[i], progress, i); });
     const unsigned first = roll.below(writers);
     for (unsigned left = writers; left != 0; --left) {
         const unsigned i = (first + left) % writers;
-        const uint64_t acknowledged = told.by[i].acknowledged;
+        const uint64_t acknowledged = progress.by[i].acknowledged;
         if (roll.below(4) != 0)
-            sum.failed += !comes([&] { return told.by[i].acknowledged != acknowledged; });
+            sum.failed += !comes([&] { return progress.by[i].acknowledged != acknowledged; });
         usleep(static_cast<useconds_t>(std::pow(30'000, roll.below(1000) / 1000.0)));
         kill(pids[i], SIGKILL);
         sum.failed += finish(pids[i]) != 128 + SIGKILL;
@@ -114,24 +115,24 @@ void kill_all(dice &roll, const writer (&all)[writers], board &told, totals &sum
     }
 }
 
-void check(writer (&all)[writers], board &told, const fs::path &state, totals &sum)
+void check(writer (&all)[writers], shared_progress &progress, const fs::path &state, totals &sum)
 {
     for (unsigned i = 0; i < writers; ++i) {
         writer &it = all[i];
-        sum.acknowledged += told.by[i].acknowledged - it.known;
-        while (it.known < told.by[i].acknowledged)
-            change(it.seed + ++it.known, it.first_key, it.before, false);
+        sum.acknowledged += progress.by[i].acknowledged - it.last_change;
+        while (it.last_change < progress.by[i].acknowledged)
+            change(it.seed + ++it.last_change, it.first_key, it.before, false);
         it.after = it.before;
-        if (told.by[i].started > it.known)
-            change(it.seed + ++it.known, it.first_key, it.after, false);
+        if (progress.by[i].started > it.last_change)
+            change(it.seed + ++it.last_change, it.first_key, it.after, false);
     }
-    sum.failed += in_child([&] { inspect(all, state, told, uint64_t{sum.kills} << 32); }) != 0;
+    sum.failed += in_child([&] { inspect(all, state, progress, uint64_t{sum.kills} << 32); }) != 0;
     for (unsigned i = 0; i < writers; ++i) {
-        sum.wrong += told.found[i] == finding::wrong;
-        sum.kept += told.found[i] == finding::after;
-        if (told.found[i] == finding::after)
+        sum.wrong += progress.found[i] == finding::wrong;
+        sum.kept += progress.found[i] == finding::after;
+        if (progress.found[i] == finding::after)
             all[i].before = all[i].after;
-        told.by[i].acknowledged = all[i].known;
+        progress.by[i].acknowledged = all[i].last_change;
     }
 }
 
@@ -143,16 +144,16 @@ bool kills(unsigned count, uint64_t seed)
     totals sum;
     while (sum.kills < count && sum.all_well()) {
         const fs::path state = use_new_state("kills");
-        auto &told = shared<board>();
+        auto &progress = shared<shared_progress>();
         writer all[writers];
         for (unsigned i = 0; i < writers; ++i)
             all[i] = {(i + 1) * key_range, uint64_t{roll()} << 32, {}, {}};
-        // Somebody who keeps the readers' table from being made anew. Comes after the first round,
-        // in which the store is made under the kills.
+        // A process that keeps the reader table from being made anew. It starts after the first
+        // round, in which the store is made under the kills.
         pid_t keeper = 0;
         for (unsigned round = 0; round < rounds_on_one_store && sum.kills < count; ++round) {
-            kill_all(roll, all, told, sum);
-            check(all, told, state, sum);
+            kill_all(roll, all, progress, sum);
+            check(all, progress, state, sum);
             if (!sum.all_well())
                 break;
             if (keeper == 0)

@@ -1,8 +1,8 @@
-// What a disk may hold after a power cut, tried out.
+// Opens what a disk may hold after a power cut.
 //
-// This executable takes over the calls by which the engine writes, and records them for its data
-// file, with the changes between them. From the record it makes files as a disk might hold them
-// after a cut at some point: what was synced is there, and of what was not any part, cut up in
+// This executable takes over the calls by which the engine writes, and records those on its data
+// file, between marks at which changes start. From the record it makes files as a disk might hold
+// them after a cut at some point: what was synced is there, and of what was not any part, cut up in
 // sectors, in any order. A write through a descriptor opened with O_DSYNC counts as synced once it
 // has returned. Each file must open with every change acknowledged before the cut, which are all
 // but the last one started.
@@ -208,7 +208,7 @@ void record_session(uint64_t seed)
          "the recording makes the file that the engine made");
 }
 
-// Looks at the store after a cut, in a process of its own, and goes on with it.
+// Checks the store after a cut, in a process of its own, and changes it once more.
 [[noreturn]] void try_out(const fs::path &state, const disk &now, dice roll, const contents &before,
                           const contents &after)
 {
@@ -258,7 +258,7 @@ bool powercut(unsigned states, uint64_t seed)
                     change(change_seed + changes++, first_key, after, false);
                 }
             }
-            const dice its{roll()}; // rolled here: a child's rolls are not ours
+            const dice its{roll()}; // rolled here, as a child would roll the same each time
             const int status = in_child([&] { try_out(state, now, its, before, after); });
             without += status == 10 + static_cast<int>(finding::before);
             with += status == 10 + static_cast<int>(finding::after);
