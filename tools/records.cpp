@@ -127,7 +127,8 @@ void refuse_others(const json_line &line, const std::string &path,
     };
     for (const auto &[name, value] : line.value().at(json::json_pointer(path)).items())
         if (!is_among(name, fields) && !is_more(name))
-            line.refuse(path + "/" + name, "unknown field \"" + name + "\"");
+            line.refuse((json::json_pointer(path) / name).to_string(),
+                        "unknown field \"" + name + "\"");
 }
 
 void refuse_missing(const json_line &line, const std::string &path, const char *name)
