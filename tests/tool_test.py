@@ -34,7 +34,7 @@ REFUSED = [
     ("object add 1 --select 1 --versions 1,x", 2, "not a number"),
     ("client add 1 --jid 1 --pid 1 --data 123", 2, "hex"),
     ("client add 1 --jid 1 --pid 1 --data " + "00" * 13, 2, "hex"),
-    ("client add 1 --jid 1", 2, "--pid"), ("trace --since yesterday", 2, "not a moment"),
+    ("client add 1 --jid 1", 2, "--pid"), ("trace --since yesterday", 2, "not a time"),
     ("status 99999999999", 2, "number"), ("--state-dir= object list", 2, "subcommand"),
     ("object import /nonexistent", 1, "No such file"), ("restore /nonexistent", 1, "No such file"),
     ("--state-dir /" + "x" * 3000 + " object list", 2, "--state-dir"),
