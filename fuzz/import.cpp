@@ -2,6 +2,7 @@
 // failure, and nothing else.
 #include "fuzz.h"
 #include "tools/commands.h"
+#include "tools/store.h"
 #include "vs_kvs.h"
 
 #include <fcntl.h>
@@ -21,7 +22,7 @@ static void forget_databases()
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     // A store that is not empty is restored to only after the whole dump was found good: by a
-    // refusal. What the commands tell goes to standard output.
+    // refusal. What the commands print goes to standard output.
     static const bool is_ready = [] {
         initialize("fuzz");
         return clients.insert({1, 0}) == 0 && dup2(open("/dev/null", O_WRONLY), 1) == 1;

@@ -2,12 +2,14 @@
 """The tool as a process. Usage: tool_test.py VSKVS [unittest arguments]
 
 The sessions of tool_session.txt are held as they are written there: after "==" a fresh store, after
-"$" a command, after "<" its standard input, and then what it told. With ACCEPT=1 that file is
-written anew, and the difference is to be read before it is believed.
+"$" a command, after "<" its standard input, and then its output. With ACCEPT=1 that file is
+written anew, and the difference is to be reviewed.
 """
+import json
 import os
 import random
 import re
+import resource
 import signal
 import subprocess
 import sys
@@ -34,17 +36,70 @@ REFUSED = [
     ("object add 1 --select 1 --versions 1,x", 2, "not a number"),
     ("client add 1 --jid 1 --pid 1 --data 123", 2, "hex"),
     ("client add 1 --jid 1 --pid 1 --data " + "00" * 13, 2, "hex"),
-    ("client add 1 --jid 1", 2, "--pid"), ("trace --since yesterday", 2, "not a moment"),
+    ("client add 1 --jid 1", 2, "--pid"), ("trace --since yesterday", 2, "not a time"),
+    ("trace --since 9999999999", 2, "not a time"), ("trace --since 1e9d", 2, "not a time"),
     ("status 99999999999", 2, "number"), ("--state-dir= object list", 2, "subcommand"),
     ("object import /nonexistent", 1, "No such file"), ("restore /nonexistent", 1, "No such file"),
     ("--state-dir /" + "x" * 3000 + " object list", 2, "--state-dir"),
     ("--state-dir /proc/nowhere object list", 1, "database not available"),
 ]
 
-# Stores a VS object that is shorter than its count says, behind the library's back.
-STORE_SHORT_RECORD = f"""
-import ctypes, struct
+LINE_LIMIT = 16 << 20
+FIELDS = "".join(f', "f{i}": 0' for i in range(60000)).encode()
+
+# Lines that no command takes, with the column and the message.
+INVALID_LINES = [
+    (b'{"vs_object_id": 1} \0 x', 21, "not JSON: control character 0x0"),
+    (b'{"a": "\x01"}', 8, "not JSON: control character 0x1"),
+    (b'{"a":\r1}', 6, "not JSON: control character 0xd"),
+    *[(b'{"a":1, "\xc3\xa9' + bad + b'": 1}', 12, "not JSON: invalid UTF-8")
+      for bad in (b"\xff", b"\x80", b"\xc0\x80", b"\xe2\x82", b"\xed\xa0\x80", b"\xf4\x90\x80\x80")],
+    (b'{"a": ' + b"[" * 50000, 70, "nested deeper than 64 levels"),
+    (b'{"a": ' + b'{"a":' * 50000, 7 + 5 * 63, "nested deeper than 64 levels"),
+    (b'{"a": 1' + FIELDS + b', "f7": 0}', 10 + len(FIELDS), 'field "f7" is given twice'),
+    (b'{"a": [0, {"b": 1, "b": 2}]}', 20, 'field "b" is given twice'),
+    (b" " * (LINE_LIMIT + 1), LINE_LIMIT + 1, "a line of more than 16 MB"),
+]
+# Lines that are taken apart, but hold no VS object.
+UNFIT_LINES = [
+    (b'{"a": ' + b"[" * 63 + b"]" * 63 + b"}", 2, 'unknown field "a"'),
+    (b'{"supp_versions": [1], "supp_versions/0": 1}', 24, 'unknown field "supp_versions/0"'),
+    (b'{"n' + b"n" * 600 + b'": 1}', 2, 'unknown field "' + "n" * 485 + "..."),
+    (b'{"vs_object_id": 1, "selected_version": 1, "supp_versions": [' + b"1," * 500000 + b'-1]}',
+     1000062, "supp_versions/500000 must be a whole number from 0 to 4294967295"),
+]
+
+# Text that would change what a terminal shows; only its last letter may be printed.
+HOSTILE = (b"\x1b[31m\r\n\t\x7f\xff\xc0\x80\xed\xa0\x80" +
+           "\x80\x85\x9b\u061c\u200e\u200f\u2028\u202a\u202e\u2066\u2069\u00e9".encode())
+UNPRINTABLE = r"[\0-\x09\x0b-\x1f\x7f-\x9f\u061c\u200e\u200f\u2028-\u202e\u2066-\u2069\ud800-\udfff]"
+
+# Scripts that use the platform, without the library.
+WITH_PLATFORM = f"""
+import ctypes, os, struct, sys
 lib = ctypes.CDLL({os.path.dirname(TOOL)!r} + "/../libvs_platform.so")
+def open_buffer(name):
+    handle = ctypes.c_uint64()
+    assert lib.ringlog_init2(name, 0, 0, 16, 16, 0, ctypes.byref(handle)) == 0
+    return handle
+def emit(name):
+    lib._ringlog_emit(open_buffer(name), ctypes.c_uint64(0x30200000001), name, name)
+"""
+EMIT_HOSTILE = f"""
+text = {HOSTILE!r}
+ctypes.CDLL(None).prctl(15, text[:15])
+emit(b"x/" + text)
+"""
+EMIT_TO_MANY = """
+for i in [*range(0, 400, 2), *range(1, 400, 2)]:
+    if os.fork() == 0: # a process has room for 256 buffers
+        emit(b"many/%d" % i)
+        os._exit(0)
+    assert os.wait()[1] == 0
+"""
+
+# Stores a VS object that is shorter than its count says, behind the library's back.
+STORE_SHORT_RECORD = """
 hdl, rec = ctypes.c_uint64(), ctypes.c_uint64()
 record = struct.pack("7I", 5, 1, 0, 0, 0, 3, 1)
 data = (ctypes.c_uint64 * 2)(ctypes.cast(record, ctypes.c_void_p).value, len(record))
@@ -52,6 +107,10 @@ attr = ctypes.create_string_buffer(struct.pack("IIQQ", 0, 4, 0, 0))
 assert lib.kvs_lookup_db_handle(b"vs_objects", ctypes.byref(hdl)) == 0
 assert lib.kvs_insert_object(hdl, data, 1, attr, 1, 0, 0, ctypes.byref(rec)) == 0
 """
+
+
+def limit_descriptors(count):
+    return lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (count, count))
 
 
 class Tool(unittest.TestCase):
@@ -70,17 +129,25 @@ class Tool(unittest.TestCase):
     def start(self, *arguments, **options):
         pipes = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.PIPE)
         return subprocess.Popen([TOOL, *arguments], env=self.environment, text=True,
-                                **{**pipes, **options})
+                                errors="surrogateescape", **{**pipes, **options})
 
     def run_tool(self, *arguments, text="", **options):
         process = self.start(*arguments, **options)
         out, err = process.communicate(text)
         return process.returncode, out, err
 
-    def expect(self, *arguments):
-        rc, out, err = self.run_tool(*arguments)
+    def expect(self, *arguments, **options):
+        rc, out, err = self.run_tool(*arguments, **options)
         self.assertEqual(rc, 0, f"{arguments}: {err}")
         return out
+
+    def run_script(self, script):
+        done = subprocess.run([sys.executable, "-c", WITH_PLATFORM + script],
+                              env=self.environment, capture_output=True, text=True)
+        err = done.stderr
+        if "ASan" in err or "static TLS" in err:
+            self.skipTest("the platform as built with sanitizers cannot be loaded here")
+        self.assertEqual(done.returncode, 0, err)
 
     def test_sessions(self):
         with open(SESSION) as file:
@@ -114,12 +181,67 @@ class Tool(unittest.TestCase):
                 rc, _, err = self.run_tool(*command.split(), stdout=full)
             self.assertEqual(rc, 1, command)
             self.assertIn("No space left", err)
-        # Nor does what the tool tells go into the store when there is no standard error.
+        # Nor does what the tool prints go into the store when there is no standard error.
         self.assertEqual(
             self.run_tool("object", "show", "9", preexec_fn=lambda: os.close(2))[0], 1)
         for name in ("store.mdb", "store.mdb-lock"):
             with open(f"{self.state}/{name}", "rb") as file:
                 self.assertNotIn(b"vskvs: ", file.read())
+
+    def test_lines_that_are_refused(self):
+        self.expect("init")
+        path = self.folder + "/line"
+        cases = [(("restore", path), *case) for case in INVALID_LINES]
+        cases += [(("object", "import", path), *case) for case in INVALID_LINES + UNFIT_LINES]
+        for command, line, column, message in cases:
+            with open(path, "wb") as file:
+                file.write(b"\n" + line + b"\n")
+            expected = (1, "", f"vskvs: {path}:2:{column}: {message}\n")
+            self.assertEqual(self.run_tool(*command), expected, line[:80])
+        # What is too long is refused without the rest of the line.
+        process = self.start("object", "import", "-", stderr=subprocess.STDOUT)
+        process.stdin.write(" " * (LINE_LIMIT + 1))
+        process.stdin.flush()
+        self.assertIn(f"-:1:{LINE_LIMIT + 1}: ", process.stdout.readline())
+        process.communicate()
+
+    def test_only_printable_text_is_printed(self):
+        self.expect("init")
+        path = self.folder + "/line"
+        with open(path, "w") as file:
+            json.dump({HOSTILE.decode(errors="replace"): 1}, file)
+        client = ("client", "add", "1", "--jid", "1", "--pid", "1", "--data", HOSTILE)
+        for lines, *command in [
+                (1, "object", "import", HOSTILE), (1, "object", "import", path),
+                (1, "restore", HOSTILE), (2, "trace", HOSTILE), (1, *client),
+                (2, "object", "show", HOSTILE), (2, "trace", "--since", HOSTILE)]:
+            rc, out, err = self.run_tool(*command)
+            self.assertIn(rc, (1, 2), command)
+            self.assertNotRegex(out + err, UNPRINTABLE, command)
+            self.assertIn("\u00e9", err, command)
+            self.assertEqual(err.count("\n"), lines, command)
+        self.run_script(EMIT_HOSTILE)
+        text = self.expect("trace")
+        self.assertEqual((text.count("\n"), text.count("\u00e9")), (1 + text.count("vskvs["), 3))
+        document = self.expect("trace", "--json", "x/" + HOSTILE.decode(errors="surrogateescape"))
+        self.assertEqual(json.loads(document)["operation"],
+                         "x/" + HOSTILE.decode(errors="replace"))
+        self.assertNotRegex(text + document, UNPRINTABLE)
+
+    def test_trace_of_many_buffers(self):
+        self.run_script(EMIT_TO_MANY)
+        def numbers(lines):
+            return [int(re.search(r"  many/(\d+)  ", line)[1]) for line in lines]
+        lines = self.expect("trace", preexec_fn=limit_descriptors(16)).splitlines()
+        self.assertEqual(numbers(lines), [*range(0, 400, 2), *range(1, 400, 2)])
+        follower = self.start("trace", "--follow", preexec_fn=limit_descriptors(150))
+        for _ in lines:
+            follower.stdout.readline()
+        for name in (b"many/1", b"many/399", b"none/0", b"many/1"):
+            self.run_script(f"emit({name})")
+            self.assertIn(f"  {name.decode()}  ", follower.stdout.readline())
+        follower.send_signal(signal.SIGINT)
+        self.assertEqual((follower.communicate(), follower.returncode), (("", ""), 0))
 
     def test_every_command_has_help_with_an_example(self):
         def visit(words):
@@ -132,11 +254,7 @@ class Tool(unittest.TestCase):
 
     def test_a_short_record_is_found(self):
         self.expect("init")
-        done = subprocess.run([sys.executable, "-c", STORE_SHORT_RECORD], env=self.environment,
-                              capture_output=True, text=True)
-        if "ASan" in done.stderr or "static TLS" in done.stderr:
-            self.skipTest("the platform as built with sanitizers cannot be loaded here")
-        self.assertEqual(done.returncode, 0, done.stderr)
+        self.run_script(STORE_SHORT_RECORD)
         self.assertIn("vskvs check", self.run_tool("object", "list")[2])
         self.assertRegex(self.run_tool("check", "--json")[1],
                          r'"finding": "record-length",\s*"database": "vs_objects",\s*.*: 5,')
@@ -162,8 +280,8 @@ class Tool(unittest.TestCase):
 
     def test_trace_survives_damage_and_follows(self):
         self.expect("--state-dir", self.state, "init")
-        told = "all VS KVS DBs initialized successfully"
-        self.assertIn(told, self.expect("trace", "--job", "4294967295"))
+        self.assertIn("all VS KVS DBs initialized successfully",
+                      self.expect("trace", "--job", "4294967295"))
         self.assertEqual(self.expect("trace", "--since", "2000000000"), "")
         follower = self.start("trace", "--follow", "--operation", "vs_kvs_insert_vs_object_rec")
         time.sleep(0.3)

@@ -1,6 +1,7 @@
 // The commands on many records: each validates all of its input before the first change, and makes
 // its changes in one batch of the store, so that they come about together or not at all.
 #include "tools/commands.h"
+#include "tools/store.h"
 #include "vs_kvs.h"
 
 #include <algorithm>

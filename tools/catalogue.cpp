@@ -64,7 +64,7 @@ struct heading {
 heading heading_of(const ringlog_record &record)
 {
     for (uint32_t i = 0; i < record.argument_count && i < 2; ++i)
-        if (record.arguments[i].text)
+        if (record.arguments[i].text != nullptr)
             return {i + 1, record.arguments[i].text};
     return {};
 }
@@ -108,7 +108,7 @@ std::string sentence_of(const catalogued_message &message, const ringlog_argumen
         const ringlog_argument &argument = arguments[next++];
         if (shown.printed_as != vs_kvs::fact_kind::text)
             sentence += formatted(*at, argument.number);
-        else if (argument.text)
+        else if (argument.text != nullptr)
             sentence += argument.text;
         else
             sentence += fault_strerror(static_cast<uint32_t>(argument.number));
@@ -118,7 +118,7 @@ std::string sentence_of(const catalogued_message &message, const ringlog_argumen
 
 void add_fact(json &facts, const std::string &name, const ringlog_argument &argument)
 {
-    if (argument.text)
+    if (argument.text != nullptr)
         facts[name] = argument.text;
     else
         facts[name] = argument.number;
@@ -126,11 +126,12 @@ void add_fact(json &facts, const std::string &name, const ringlog_argument &argu
 
 trace_sentence decode_raw(const ringlog_record &record, const heading &head)
 {
-    trace_sentence result{head.operation ? head.operation : "", hex(record.id), json::object()};
+    trace_sentence result{head.operation != nullptr ? head.operation : "", hex(record.id),
+                          json::object()};
     for (uint32_t i = head.length; i < record.argument_count; ++i) {
         const ringlog_argument &argument = record.arguments[i];
-        result.sentence +=
-            " " + (argument.text ? '"' + std::string(argument.text) + '"' : hex(argument.number));
+        result.sentence += " " + (argument.text != nullptr ? '"' + std::string(argument.text) + '"'
+                                                           : hex(argument.number));
         add_fact(result.facts, "argument_" + std::to_string(i), argument);
     }
     return result;

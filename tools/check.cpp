@@ -3,6 +3,7 @@
 // The library reads a whole database or nothing of it, and refuses records that are too short. To
 // say which record is at fault, the check goes to the store itself.
 #include "tools/commands.h"
+#include "tools/store.h"
 #include "vs_kvs.h"
 
 #include <algorithm>

@@ -77,7 +77,7 @@ void import_objects(const arguments &given);
 void dump(const arguments &given);
 void restore(const arguments &given);
 
-// ---- on the whole (check.cpp, trace.cpp, vskvs.cpp) ----
+// ---- on the whole (check.cpp, trace.cpp, status.cpp) ----
 
 void check(const arguments &given);
 void trace(const arguments &given);

@@ -1,19 +1,29 @@
 // Reading JSON lines.
 //
-// The parser knows where it is in the text but the parsed value does not. A line is parsed without
-// looking at places; only one that is refused is gone through again, to find the place of a path.
+// The parsed value does not hold where its parts were in the text. While a line is parsed the
+// columns are noted in the order of the text, and that is the order of a walk through the value.
 #include "tools/json_lines.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <memory>
+#include <unordered_set>
 
 namespace vskvs {
 namespace {
+
+constexpr size_t longest_line = size_t{16} << 20;
+constexpr size_t deepest_nesting = 64;
+constexpr size_t longest_message = 500;
+
+// What is wrong with a line, and the column, counted from 1.
+struct line_error {
+    size_t column;
+    std::string message;
+};
 
 // An iterator over text that records how far the parser has read.
 class watched_iterator {
@@ -44,61 +54,163 @@ private:
     const char **reached_;
 };
 
-json parse_watched(const std::string &text, const char **reached,
-                   const json::parser_callback_t &look)
-{
-    return json::parse(watched_iterator(text.data(), reached),
-                       watched_iterator(text.data() + text.size(), reached), look);
-}
+// Builds the value of a line from the parser's events, in time linear in the line: the library's
+// own builder looks for a name among all fields before it.
+class value_builder {
+public:
+    value_builder(const std::string &text, json &value, std::vector<uint32_t> &columns)
+        : text_(text), reached_(text.data()), value_(value), columns_(columns)
+    {
+    }
 
-// Where the parser is in nested values.
-struct level {
-    bool is_array;
-    size_t index;
-    std::string name; // of the current field
+    void build()
+    {
+        json::sax_parse(watched_iterator(text_.data(), &reached_),
+                        watched_iterator(text_.data() + text_.size(), &reached_), this);
+    }
+
+    // ---- the parser's events ----
+
+    bool null() { return add_value(nullptr); }
+    bool boolean(bool value) { return add_value(value); }
+    bool number_integer(int64_t value) { return add_number(value); }
+    bool number_unsigned(uint64_t value) { return add_number(value); }
+    bool number_float(double value, const std::string &) { return add_number(value); }
+    bool string(std::string &value) { return add_value(std::move(value)); }
+    bool binary(json::binary_t &) { return false; } // not in text
+    bool start_object(size_t) { return open(json::object()); }
+    bool start_array(size_t) { return open(json::array()); }
+    bool end_object() { return close(); }
+    bool end_array() { return close(); }
+
+    bool key(std::string &name)
+    {
+        const size_t column = take_token();
+        if (!open_.back().names.insert(name).second)
+            throw line_error{column, "field \"" + name + "\" is given twice"};
+        columns_.push_back(static_cast<uint32_t>(column));
+        name_ = std::move(name);
+        return true;
+    }
+
+    // The library's text gives the place in its own way, then what is wrong.
+    bool parse_error(size_t, const std::string &, const json::exception &error)
+    {
+        const std::string what = error.what();
+        const size_t reason = what.find(": ");
+        throw line_error{std::max<size_t>(position(), 1),
+                         "not JSON: " + what.substr(reason == what.npos ? 0 : reason + 2)};
+    }
+
+private:
+    struct open_value {
+        json *value;
+        std::unordered_set<std::string> names; // of the fields so far
+    };
+
+    size_t position() const { return static_cast<size_t>(reached_ - text_.data()); }
+
+    // The column of the token that the parser has read.
+    size_t take_token()
+    {
+        const size_t start = text_.find_first_not_of(" \t,:", token_end_);
+        token_end_ = position();
+        return start + 1;
+    }
+
+    json *add(json value)
+    {
+        const size_t column = take_token();
+        json *const parent = open_.empty() ? nullptr : open_.back().value;
+        if (parent != nullptr && parent->is_object()) {
+            auto &fields = parent->get_ref<json::object_t &>();
+            return &fields.emplace_back(std::move(name_), std::move(value)).second;
+        }
+        columns_.push_back(static_cast<uint32_t>(column));
+        if (parent != nullptr)
+            return &parent->get_ref<json::array_t &>().emplace_back(std::move(value));
+        value_ = std::move(value);
+        return &value_;
+    }
+
+    bool add_value(json value)
+    {
+        add(std::move(value));
+        return true;
+    }
+
+    // After a number the parser has read one character more than belongs to it.
+    bool add_number(json value)
+    {
+        add(std::move(value));
+        --token_end_;
+        return true;
+    }
+
+    bool open(json value)
+    {
+        if (open_.size() == deepest_nesting)
+            throw line_error{take_token(),
+                             "nested deeper than " + std::to_string(deepest_nesting) + " levels"};
+        open_.push_back({add(std::move(value)), {}});
+        return true;
+    }
+
+    bool close()
+    {
+        take_token();
+        open_.pop_back();
+        return true;
+    }
+
+    const std::string &text_;
+    const char *reached_;
+    size_t token_end_ = 0; // of the token before
+    json &value_;
+    std::vector<uint32_t> &columns_;
+    std::vector<open_value> open_;
+    std::string name_; // of the field whose value comes next
 };
 
-std::string path_of(const std::vector<level> &levels)
+// The parser takes a zero byte for the end of the text.
+void check_characters(std::string_view text)
 {
-    std::string path;
-    for (const level &at : levels)
-        path += "/" + (at.is_array ? std::to_string(at.index) : at.name);
-    return path;
+    for (size_t at = 0; at < text.size();) {
+        const character next = first_character(text.substr(at));
+        if (next.length == 0)
+            throw line_error{at + 1, "not JSON: invalid UTF-8"};
+        if (next.code < 0x20 && next.code != '\t')
+            throw line_error{at + 1, "not JSON: control character " + hex(uint64_t{next.code})};
+        at += next.length;
+    }
 }
 
-// The column, counted from 1, at which the value at `path` begins, or the name of a field. Of a
-// field that is there more than once it is the last.
-size_t column_of(const std::string &text, const std::string &path)
+// How many columns were noted for a value, its own included.
+size_t column_count(const json &value)
 {
-    using event = json::parse_event_t;
-    const char *reached = text.data();
-    size_t token_end = 0; // of the token before
-    size_t found = 0;
-    std::vector<level> levels;
+    size_t count = 1;
+    if (value.is_structured())
+        for (const json &part : value)
+            count += column_count(part);
+    return count;
+}
 
-    const auto look = [&](int, event what, const json &parsed) {
-        const size_t start = text.find_first_not_of(" \t,:", token_end);
-        token_end = static_cast<size_t>(reached - text.data());
-        // After a number the parser has read one character more than belongs to it.
-        if (what == event::value && parsed.is_number())
-            --token_end;
-        if (what == event::array_end || what == event::object_end) {
-            levels.pop_back();
-        } else {
-            if (what == event::key)
-                levels.back().name = parsed.get<std::string>();
-            const bool in_object = !levels.empty() && !levels.back().is_array;
-            if (in_object == (what == event::key) && path_of(levels) == path)
-                found = start;
-        }
-        if (what == event::array_start || what == event::object_start)
-            levels.push_back({what == event::array_start, 0, {}});
-        else if (!levels.empty() && levels.back().is_array)
-            ++levels.back().index;
-        return true;
-    };
-    static_cast<void>(parse_watched(text, &reached, look));
-    return found + 1;
+[[noreturn]] void refuse_line(const std::string &file, size_t number, const line_error &error)
+{
+    const bool is_long = error.message.size() > longest_message;
+    throw failure(file + ":" + std::to_string(number) + ":" + std::to_string(error.column) + ": " +
+                  error.message.substr(0, longest_message) + (is_long ? "..." : ""));
+}
+
+// Reads a line without its end; one that is too long is read a byte beyond the limit. Returns
+// false at the end of the file.
+bool read_line(FILE *from, std::string &line)
+{
+    line.clear();
+    int next = 0;
+    while (line.size() <= longest_line && (next = getc_unlocked(from)) != EOF && next != '\n')
+        line += static_cast<char>(next);
+    return next != EOF || !line.empty();
 }
 
 struct close_file {
@@ -111,50 +223,37 @@ struct close_file {
 
 } // namespace
 
-json_line::json_line(const std::string &file, size_t number, std::string text)
-    : file_(file), number_(number), text_(std::move(text))
+json_line::json_line(const std::string &file, size_t number, const std::string &text)
+    : file_(file), number_(number)
 {
-    std::vector<std::vector<std::string>> names; // of the fields seen, for each open object
-    std::string repeated;
-    const auto look = [&](int, json::parse_event_t what, const json &parsed) {
-        if (what == json::parse_event_t::object_start)
-            names.emplace_back();
-        else if (what == json::parse_event_t::object_end)
-            names.pop_back();
-        if (what != json::parse_event_t::key)
-            return true;
-        const auto name = parsed.get<std::string>();
-        if (repeated.empty() && std::ranges::count(names.back(), name) != 0)
-            repeated = name;
-        names.back().push_back(name);
-        return true;
-    };
-    const char *reached = text_.data();
     try {
-        value_ = parse_watched(text_, &reached, look);
-    } catch (const json::exception &error) {
-        // The library's text says the place in its own way, then what is wrong.
-        const std::string what = error.what();
-        const size_t reason = what.find(": ");
-        const auto column = static_cast<size_t>(reached - text_.data());
-        refuse_at(std::max<size_t>(column, 1),
-                  "not JSON: " + what.substr(reason == what.npos ? 0 : reason + 2));
+        check_characters(text);
+        value_builder(text, value_, columns_).build();
+    } catch (const line_error &error) {
+        refuse_line(file_, number_, error);
     }
     if (!value_.is_object())
         refuse("", "not a JSON object");
-    if (!repeated.empty())
-        refuse("/" + repeated, "field \"" + repeated + "\" is given twice");
 }
 
 void json_line::refuse(const std::string &path, const std::string &message) const
 {
-    refuse_at(column_of(text_, path), message);
-}
-
-void json_line::refuse_at(size_t column, const std::string &message) const
-{
-    throw failure(file_ + ":" + std::to_string(number_) + ":" + std::to_string(column) + ": " +
-                  printable(message));
+    std::vector<std::string> names;
+    for (json::json_pointer rest(path); !rest.empty(); rest.pop_back())
+        names.push_back(rest.back());
+    const json *value = &value_;
+    size_t place = 0;
+    for (; !names.empty(); names.pop_back()) {
+        ++place;
+        for (const auto &[name, part] : value->items()) {
+            if (name == names.back()) {
+                value = &part;
+                break;
+            }
+            place += column_count(part);
+        }
+    }
+    refuse_line(file_, number_, {columns_.at(place), message});
 }
 
 uint32_t json_line::number_at(const std::string &path) const
@@ -168,21 +267,18 @@ uint32_t json_line::number_at(const std::string &path) const
 void read_json_lines(const std::string &file, const std::function<void(const json_line &)> &take)
 {
     const std::unique_ptr<FILE, close_file> from(file == "-" ? stdin : fopen(file.c_str(), "re"));
-    if (!from)
-        throw failure(file + ": " + std::strerror(errno));
-    char *text = nullptr;
-    size_t room = 0;
-    const auto release = [](char **block) { free(*block); };
-    const std::unique_ptr<char *, decltype(release)> owner(&text, release);
-    ssize_t length = 0;
-    for (size_t number = 1; (length = getline(&text, &room, from.get())) >= 0; ++number) {
-        std::string line(text, static_cast<size_t>(length));
-        line.erase(line.find_last_not_of("\r\n") + 1);
+    if (from == nullptr)
+        throw failure(file + ": " + strerror(errno));
+    std::string line;
+    for (size_t number = 1; read_line(from.get(), line); ++number) {
+        if (line.size() > longest_line)
+            refuse_line(file, number, {line.size(), "a line of more than 16 MB"});
+        line.erase(line.find_last_not_of('\r') + 1);
         if (line.find_first_not_of(" \t") != line.npos)
-            take(json_line(file, number, std::move(line)));
+            take(json_line(file, number, line));
     }
-    if (!std::feof(from.get()))
-        throw failure(file + ": " + std::strerror(errno));
+    if (ferror(from.get()))
+        throw failure(file + ": " + strerror(errno));
 }
 
 } // namespace vskvs

@@ -1,4 +1,8 @@
 // Files of JSON objects, one a line, and exact places for what is wrong in them.
+//
+// A line is refused if it has more than 16 MB, is nested deeper than 64 levels, holds a control
+// character or bytes that are not UTF-8, or a field twice. No more of a file is in memory than one
+// line.
 #pragma once
 
 #include "tools/output.h"
@@ -6,30 +10,29 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace vskvs {
 
 class json_line {
 public:
-    json_line(const std::string &file, size_t number, std::string text);
+    json_line(const std::string &file, size_t number, const std::string &text);
 
     const json &value() const { return value_; }
     size_t number() const { return number_; }
 
-    // Throws a failure that names the place of the value at `path` ("/clients/2/jid", "" for the
-    // whole line), or of its name when it is a field.
+    // Throws a failure that names the place of the value at `path`, or of its name when it is a
+    // field. A path is a JSON pointer: "/clients/2/jid", or "" for the whole line.
     [[noreturn]] void refuse(const std::string &path, const std::string &message) const;
 
     // The 32-bit number at `path`.
     uint32_t number_at(const std::string &path) const;
 
 private:
-    [[noreturn]] void refuse_at(size_t column, const std::string &message) const;
-
     std::string file_;
     size_t number_;
-    std::string text_;
     json value_;
+    std::vector<uint32_t> columns_; // of all values and names, in the order of the text
 };
 
 // Gives each line of a file ("-" for standard input) to `take`, without the empty ones. A line must

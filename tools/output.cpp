@@ -23,8 +23,8 @@ std::string styled(const char *code, const std::string &text)
     static const bool is_on = [] {
         const char *const no_color = getenv("NO_COLOR");
         const char *const term = getenv("TERM");
-        return isatty(STDOUT_FILENO) && !(no_color && *no_color) && term &&
-               strcmp(term, "dumb") != 0;
+        return isatty(STDOUT_FILENO) && (no_color == nullptr || *no_color == '\0') &&
+               term != nullptr && strcmp(term, "dumb") != 0;
     }();
     return is_on ? std::string("\033[") + code + "m" + text + "\033[0m" : text;
 }
@@ -35,6 +35,17 @@ std::string padded(const std::string &text, size_t width, bool to_the_right)
     return to_the_right ? space + text : text + space;
 }
 
+// Control characters of C0 and C1, and what changes the line or the direction of the text after it.
+bool is_unprintable(char32_t code)
+{
+    constexpr struct {
+        char32_t first, last;
+    } ranges[] = {{0, 0x1F},        {0x7F, 0x9F},     {0x61C, 0x61C},
+                  {0x200E, 0x200F}, {0x2028, 0x202E}, {0x2066, 0x2069}};
+    return std::ranges::any_of(
+        ranges, [&](const auto &range) { return range.first <= code && code <= range.last; });
+}
+
 } // namespace
 
 void print(std::string_view text)
@@ -43,15 +54,15 @@ void print(std::string_view text)
         output_failed();
 }
 
-// Bytes that are not UTF-8 can come from a trace record; JSON has no place for them.
-void print_line(const json &document)
-{
-    print(document.dump(-1, ' ', false, json::error_handler_t::replace) + "\n");
-}
+void print_line(const json &document) { print(json_text(document) + "\n"); }
 
-void print_pretty(const json &document)
+void print_pretty(const json &document) { print(json_text(document, 2) + "\n"); }
+
+// All but ASCII is escaped, for JSON leaves C1 controls and bidirectional marks as they are. Bytes
+// that are not UTF-8 can come from a trace record; JSON has no place for them.
+std::string json_text(const json &document, int indent)
 {
-    print(document.dump(2, ' ', false, json::error_handler_t::replace) + "\n");
+    return document.dump(indent, ' ', true, json::error_handler_t::replace);
 }
 
 void flush()
@@ -60,14 +71,17 @@ void flush()
         output_failed();
 }
 
-void complain(const std::string &message) { fprintf(stderr, "vskvs: %s\n", message.c_str()); }
+void complain(const std::string &message)
+{
+    fprintf(stderr, "vskvs: %s\n", printable(message).c_str());
+}
 
 std::string status_name(uint32_t status)
 {
     if (const fault_entry *const entry = fault_find(status))
         return entry->name;
     const char *const name = status <= 4095 ? strerrorname_np(static_cast<int>(status)) : nullptr;
-    return name ? name : "";
+    return name != nullptr ? name : "";
 }
 
 std::string status_code(uint32_t status)
@@ -102,20 +116,56 @@ std::string counted(size_t count, const std::string &noun)
     return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
-std::string printable(std::string text)
+character first_character(std::string_view text)
 {
-    std::ranges::replace_if(
-        text, [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
-    return text;
+    // By the number of bytes: the bits of the first byte that mark it, and the least code.
+    constexpr struct {
+        unsigned mask, mark;
+        char32_t least;
+    } forms[] = {{0x80, 0x00, 0}, {0xE0, 0xC0, 0x80}, {0xF0, 0xE0, 0x800}, {0xF8, 0xF0, 0x10000}};
+    const unsigned first = static_cast<unsigned char>(text[0]);
+    for (size_t length = 1; length <= std::min(text.size(), std::size(forms)); ++length) {
+        const auto &form = forms[length - 1];
+        if ((first & form.mask) != form.mark)
+            continue;
+        char32_t code = first & ~form.mask;
+        for (const char byte : text.substr(1, length - 1)) {
+            if ((byte & 0xC0) != 0x80)
+                return {};
+            code = code << 6 | (byte & 0x3F);
+        }
+        const bool is_surrogate = code >= 0xD800 && code <= 0xDFFF;
+        if (code < form.least || code > 0x10FFFF || is_surrogate)
+            return {};
+        return {code, length};
+    }
+    return {};
+}
+
+std::string printable(std::string_view text)
+{
+    std::string shown;
+    while (!text.empty()) {
+        const character next = first_character(text);
+        const size_t length = std::max<size_t>(next.length, 1);
+        if (next.length == 0 || is_unprintable(next.code))
+            shown += '?';
+        else
+            shown += text.substr(0, length);
+        text.remove_prefix(length);
+    }
+    return shown;
 }
 
 std::string bold(const std::string &text) { return styled("1", text); }
 
 std::string red(const std::string &text) { return styled("31", text); }
 
-void print_table(const std::vector<column> &columns,
-                 const std::vector<std::vector<std::string>> &rows)
+void print_table(const std::vector<column> &columns, std::vector<std::vector<std::string>> rows)
 {
+    for (auto &row : rows)
+        for (std::string &cell : row)
+            cell = printable(cell);
     std::vector<size_t> widths;
     for (size_t i = 0; i < columns.size(); ++i) {
         size_t width = columns[i].header.size();

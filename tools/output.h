@@ -39,7 +39,10 @@ void print_line(const json &document);   // on one line
 void print_pretty(const json &document); // for a command that gives one document
 void flush();                            // everything printed so far reaches its destination
 
-// One line on standard error, after "vskvs: ".
+// A document in ASCII.
+std::string json_text(const json &document, int indent = -1);
+
+// One line on standard error, after "vskvs: ", made printable.
 void complain(const std::string &message);
 
 // A status as "no such object (VS_FAULT_NO_SUCH_OBJECT, 0xC5322600)".
@@ -55,8 +58,18 @@ std::string hex(uint64_t number); // as 0x2a
 // "1 object", "2 objects".
 std::string counted(size_t count, const std::string &noun);
 
-// Text as a terminal may be given it: control characters become '?'.
-std::string printable(std::string text);
+struct character {
+    char32_t code;
+    size_t length; // in bytes; 0 if the bytes are no character of UTF-8
+};
+
+// The first character of a text that is not empty.
+character first_character(std::string_view text);
+
+// Text that is safe on a terminal: control characters, bidirectional marks, line separators and
+// bytes that are not UTF-8 become '?'. Every text from outside the tool passes through here before
+// it is printed: the messages of `complain` and the cells of `print_table` do.
+std::string printable(std::string_view text);
 
 // Bold and red text where standard output is a terminal and NO_COLOR is not set.
 std::string bold(const std::string &text);
@@ -67,8 +80,7 @@ struct column {
     bool is_number; // aligned to the right
 };
 
-void print_table(const std::vector<column> &columns,
-                 const std::vector<std::vector<std::string>> &rows);
+void print_table(const std::vector<column> &columns, std::vector<std::vector<std::string>> rows);
 
 // A bar on standard error, when that is a terminal, that is removed when the work is done.
 class progress_bar {

@@ -12,7 +12,6 @@
 #include "tools/output.h"
 
 #include <cstdint>
-#include <functional>
 #include <span>
 #include <string>
 #include <vector>
@@ -107,6 +106,12 @@ std::vector<words> read_all(const database &db);
 // not available the message says why.
 void require(uint32_t status, const database &db, uint32_t key);
 
+// The store's handle of a database. When the database is not available, throws a failure about
+// `subject` that says why.
+kvs_hdl bind(const database &db, const std::string &subject);
+
+// ---- formats of records (record_formats.cpp) ----
+
 json to_json(const shape &of, const words &record);
 void print_records(const database &db, const std::vector<words> &records);
 
@@ -119,21 +124,5 @@ words from_json(const shape &of, const json_line &line, std::span<const fixed_va
 // is no such digits, or too many.
 std::string hex_bytes(std::span<const unsigned char> bytes);
 [[nodiscard]] bool parse_hex_bytes(const std::string &text, std::span<unsigned char> bytes);
-
-// ---- the store as a whole ----
-
-// Opens the databases, creating what is missing, as the bulk operations demand.
-void initialize(const std::string &command);
-
-// The store's handle of a database. When the database is not available, throws a failure about
-// `subject` that says why.
-kvs_hdl bind(const database &db, const std::string &subject);
-
-// Does the work in one batch of the store, which is committed when `work` returns and aborted when
-// it throws. `work` is done a second time when the batch outgrew its room.
-void change_all(const std::function<void()> &work);
-
-// Does the work while no other thread or process can change the store.
-void look_at_all(const std::function<void()> &work);
 
 } // namespace vskvs

@@ -1,5 +1,6 @@
 // The commands that change one record.
 #include "tools/commands.h"
+#include "tools/store.h"
 #include "vs_kvs.h"
 
 #include <algorithm>

@@ -1,0 +1,73 @@
+// Opening the databases, and batches of changes.
+#include "tools/store.h"
+
+#include "tools/records.h"
+#include "vs_kvs.h"
+
+#include <cstdio>
+
+namespace vskvs {
+namespace {
+
+// A batch that is aborted unless it is committed. Within it nothing can be bound, so all databases
+// are bound before.
+class batch {
+public:
+    batch()
+    {
+        kvs_hdl handle = 0;
+        for (const database *const db : databases)
+            handle = bind(*db, db->name);
+        require(kvs_batch_begin(handle), "store");
+    }
+    batch(const batch &) = delete;
+    batch &operator=(const batch &) = delete;
+    ~batch()
+    {
+        if (is_open_)
+            kvs_batch_abort();
+    }
+
+    void commit()
+    {
+        is_open_ = false;
+        require(kvs_batch_commit(), "store");
+    }
+
+private:
+    bool is_open_ = true;
+};
+
+} // namespace
+
+void initialize(const std::string &command)
+{
+    const uint32_t status = vs_kvs_initialize(0);
+    if (status == 0)
+        return;
+    fputc('\n', stderr); // the library leaves its own line open
+    require(status, command);
+}
+
+void change_all(const std::function<void()> &work)
+{
+    for (const bool may_repeat : {true, false}) {
+        batch changes;
+        try {
+            work();
+            changes.commit();
+            return;
+        } catch (const status_failure &error) {
+            if (error.status != KVS_RC_BATCH_FULL || !may_repeat)
+                throw;
+        }
+    }
+}
+
+void look_at_all(const std::function<void()> &work)
+{
+    const batch unchanged;
+    work();
+}
+
+} // namespace vskvs

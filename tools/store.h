@@ -1,0 +1,19 @@
+// The store as a whole.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace vskvs {
+
+// Opens the databases, creating what is missing, as the bulk operations demand.
+void initialize(const std::string &command);
+
+// Does the work in one batch of the store, which is committed when `work` returns and aborted when
+// it throws. `work` is done a second time when the batch outgrew its room.
+void change_all(const std::function<void()> &work);
+
+// Does the work while no other thread or process can change the store.
+void look_at_all(const std::function<void()> &work);
+
+} // namespace vskvs

@@ -1,0 +1,18 @@
+// Numbers and times as a command line gives them.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace vskvs {
+
+// Replaces a 32-bit number, in decimal or with 0x and nothing else, by its decimal form. A leading
+// 0 does not make it octal. Returns what is wrong, or an empty text.
+std::string check_number(std::string &text);
+
+// A time in ns since 1970, from "90s", "10m", "2h" or "3d" ago, "2026-11-22 22:00[:00]", or seconds
+// since 1970.
+std::optional<int64_t> parse_time(const std::string &text);
+
+} // namespace vskvs
