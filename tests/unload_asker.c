@@ -24,7 +24,7 @@ __attribute__((constructor)) static void on_load(void)
 {
     uint64_t handle = 0;
     ringlog_init2("asker", 0, 0, 1, 1, 0, &handle);
-#if defined(HOOK_JUMPS) && !defined(__SANITIZE_THREAD__) /* which forgets whose handler it is */
+#if defined(HOOK_JUMPS) && !defined(NO_HANDLERS)
     atexit(on_unload);
 #endif
 }
