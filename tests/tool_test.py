@@ -54,6 +54,7 @@ INVALID_LINES = [
     (b'{"a":\r1}', 6, "not JSON: control character 0xd"),
     *[(b'{"a":1, "\xc3\xa9' + bad + b'": 1}', 12, "not JSON: invalid UTF-8")
       for bad in (b"\xff", b"\x80", b"\xc0\x80", b"\xe2\x82", b"\xed\xa0\x80", b"\xf4\x90\x80\x80")],
+    (b'{"a": 1e999}', 12, "not JSON: number overflow parsing '1e999'"),
     (b'{"a": ' + b"[" * 50000, 70, "nested deeper than 64 levels"),
     (b'{"a": ' + b'{"a":' * 50000, 7 + 5 * 63, "nested deeper than 64 levels"),
     (b'{"a": 1' + FIELDS + b', "f7": 0}', 10 + len(FIELDS), 'field "f7" is given twice'),

@@ -93,11 +93,13 @@ public:
         return true;
     }
 
-    // The library's text gives the place in its own way, then what is wrong.
+    // The library's text begins with its name of the error and, of a syntax error, its place.
     bool parse_error(size_t, const std::string &, const json::exception &error)
     {
         const std::string what = error.what();
-        const size_t reason = what.find(": ");
+        size_t reason = what.find(": ");
+        if (reason == what.npos)
+            reason = what.find("] ");
         throw line_error{std::max<size_t>(position(), 1),
                          "not JSON: " + what.substr(reason == what.npos ? 0 : reason + 2)};
     }
