@@ -98,7 +98,7 @@ TEST_F(services, prints_follow_the_environment_in_whole_lines)
 
 TEST_F(services, every_status_has_words)
 {
-    std::set<std::pair<uint32_t, std::string>> defined{{0, "success"}}, told;
+    std::set<std::pair<uint32_t, std::string>> defined{{0, "success"}}, listed;
     const std::regex define(R"(#define (\w+_RC_\w+|VS_FAULT_\w+|VS_\w+_OPEN)\W+UINT32_C.(\w+))");
     for (const char *of :
          {"kvs", "ringlog", "verbose", "jobctl", "pinfo", "../../include/vs_kvs"}) {
@@ -109,11 +109,11 @@ TEST_F(services, every_status_has_words)
     size_t count = 0;
     std::set<std::string> texts{""};
     for (const fault_entry *i = fault_catalogue(&count), *end = i + count; i != end; ++i) {
-        told.emplace(i->status, i->name);
+        listed.emplace(i->status, i->name);
         EXPECT_TRUE(texts.insert(i->text).second) << i->text;
         EXPECT_TRUE(fault_find(i->status) == i && fault_strerror(i->status) == i->text);
     }
-    EXPECT_EQ(defined, told);
+    EXPECT_EQ(defined, listed);
     EXPECT_STREQ(fault_strerror(EBUSY), "Device or resource busy");
     EXPECT_STREQ(fault_strerror(4095), "unknown status 0x00000FFF");
 }
