@@ -1,4 +1,4 @@
-"""What the benchmarks are held against, and the table of how far they are met."""
+"""The goals of the benchmarks, and the table of results."""
 
 from statistics import median
 
@@ -86,7 +86,7 @@ def report_rows(figures):
     record = figures.of('trace', None, 'record')
     clock = figures.of('trace', None, 'clock and copy')
     yield Row('trace record of two strings', None, record, 'clock read, 128-byte copy', clock, 3.0)
-    # Google Benchmark tells the time per record of both writers together.
+    # Google Benchmark gives the time per record of both writers together.
     pair = 2 * figures.of('trace', None, 'record', 2)
     apart = figures.of('trace', None, 'record (wall)')
     yield Row('trace record, each of 2 threads', None, pair, 'one thread alone', apart, 2.0)

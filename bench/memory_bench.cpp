@@ -1,7 +1,7 @@
 // How much memory a listing takes at its peak, beside what it hands out.
 //
 // The program's own malloc, calloc, realloc and free stand before those of the C library and count
-// the bytes in use, as malloc_usable_size tells them, of this library, the platform and the engine.
+// the bytes in use, by malloc_usable_size, of this library, the platform and the engine.
 //
 // Usage: memory_bench     with $VS_STATE_DIR; prints the peak and what was handed out, in bytes.
 #include "service.h"

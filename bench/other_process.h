@@ -26,7 +26,7 @@ public:
             for (const std::string &each : arguments)
                 argv.push_back(const_cast<char *>(each.c_str()));
             argv.push_back(nullptr);
-            prctl(PR_SET_PDEATHSIG, SIGKILL); // nobody outlives a benchmark that gave up
+            prctl(PR_SET_PDEATHSIG, SIGKILL); // ends with a benchmark that failed
             setenv("VS_STATE_DIR", state_dir.c_str(), 1);
             dup2(ends[1], STDOUT_FILENO);
             close(ends[0]);
@@ -59,7 +59,7 @@ private:
     int said_ = -1;
 };
 
-// Says a number to whoever started this process.
+// Sends a number to the parent process.
 inline void say(double number)
 {
     printf("%.9f\n", number);

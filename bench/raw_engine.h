@@ -31,7 +31,7 @@ public:
         return record;
     }
 
-    // The naive road of whoever is used to ask for a handle, for a size and for the bytes.
+    // The simple way under an interface that gives a handle, a size and the bytes one by one.
     owned_record read_in_three_steps(uint32_t id)
     {
         size_t size = 0;

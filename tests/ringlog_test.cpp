@@ -1,4 +1,5 @@
-// Trace buffers: a record is read back whole or not at all, whoever is overtaken, killed or harmed.
+// Trace buffers: a record is read back whole or not at all, also after overtaken or killed writers
+// and damage.
 #include "ringlog.h"
 #include "scratch.h"
 
@@ -13,7 +14,7 @@ constexpr size_t header_size = 4096, size_of_8 = header_size + 8 * RINGLOG_SLOT_
 constexpr uint64_t id_of(uint64_t mask, uint64_t count) { return mask << 40 | count << 32 | 7; }
 uint64_t text(const std::string &string) { return reinterpret_cast<uint64_t>(string.c_str()); }
 std::string row(uint64_t seed) { return std::string(seed % 150, "etaoinshr"[seed % 9]); }
-void emit(uint64_t handle, uint64_t count) // records whose parts tell whether they belong together
+void emit(uint64_t handle, uint64_t count) // records whose parts show whether they belong together
 {
     for (uint64_t seed = 0; seed < count * 7919; seed += 7919)
         _ringlog_emit(handle, id_of(2, 3), seed, text(row(seed)), ~seed);
@@ -89,7 +90,7 @@ TEST_F(ringlog, keeps_numbers_and_strings)
 TEST_F(ringlog, is_made_once_and_has_one_handle_also_in_children)
 {
     const uint64_t first = open("b");
-    std::ofstream(file(".new")) << "left by one that was killed";
+    std::ofstream(file(".new")) << "left by a killed process";
     for (int i = 0; i < 16; ++i)
         i < 8 ? start_in_child([&] { emit(open("a/raced"), open("b") == first); }) : wait(nullptr);
     open("a.x");
@@ -100,7 +101,7 @@ TEST_F(ringlog, is_made_once_and_has_one_handle_also_in_children)
         emit(first, 1);
         reader in("b");
         EXPECT_TRUE(in.next() && in.record.pid == getpid() && in.record.tid == getpid());
-        limit(RLIMIT_FSIZE, 8192); // A write past it would kill.
+        limit(RLIMIT_FSIZE, 8192); // A write beyond it kills the process.
         open("big", RINGLOG_RC_NO_SPACE, 64);
         for (uint64_t i = 0, handle = 1; i < 256; ++i)
             ringlog_init2(std::to_string(i).c_str(), 0, 0, 1, 1, 0, &handle);

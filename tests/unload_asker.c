@@ -1,14 +1,26 @@
-/* A library whose unload hook queries the unload and writes the answer down. With HOOK_JUMPS there
- * are two hooks that end in a jump to the query, whose return address then belongs to the loader or
- * to the C library. */
+/* A library whose unload hook queries the unload and writes the answer down. With HOOK_JUMPS it
+ * does so twice, by jumps to the query, whose return address then belongs to the C library and to
+ * the loader. */
 #include "loader.h"
 #include "ringlog.h"
 
+#include <search.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #ifdef HOOK_JUMPS
-__attribute__((destructor)) static void on_unload(void) { __in_unload(); }
+static int compare(const void *left, const void *right)
+{
+    (void)left, (void)right;
+    return __in_unload();
+}
+
+__attribute__((destructor)) static void on_unload(void)
+{
+    static size_t count = 1;
+    lfind("", "", &count, 1, compare);
+    __in_unload();
+}
 #else
 __attribute__((destructor)) static void on_unload(void)
 {
@@ -24,7 +36,4 @@ __attribute__((constructor)) static void on_load(void)
 {
     uint64_t handle = 0;
     ringlog_init2("asker", 0, 0, 1, 1, 0, &handle);
-#if defined(HOOK_JUMPS) && !defined(NO_HANDLERS)
-    atexit(on_unload);
-#endif
 }
