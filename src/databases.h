@@ -47,7 +47,15 @@ consteval std::array<database_entry, sizeof...(Dbs)> table_of(database_list<Dbs.
 }
 
 static_assert(is_in_order(databases{}), "a database's place in the list is its selector");
+template <class... Dbs>
+consteval bool are_lengths_kept(database_list<Dbs...>)
+{
+    return (... && (Dbs::layout.fixed() == Dbs::bytes.fixed &&
+                    Dbs::layout.element() == Dbs::bytes.element));
+}
+
 static_assert(are_layouts_complete(databases{}), "a layout lists every field of its record");
+static_assert(are_lengths_kept(databases{}), "a record's new length is a new format of the store");
 
 template <class Each, class... Operations>
 void for_each_of(operation_list<Operations...>, const Each &each)

@@ -8,7 +8,7 @@ using namespace vs_kvs::clients;
 namespace {
 
 // The status for a VS object without a client list: it is not stored itself, or it has no list.
-uint32_t status_of_absent_list(object_id key)
+[[nodiscard]] uint32_t status_of_absent_list(object_id key)
 {
     using m = get_rec;
     report<m, m::none_found>(key);

@@ -30,6 +30,7 @@ struct database {
                                               VS_KVS_FIELD(vs_client_info_entry, pid),
                                               VS_KVS_FIELD(vs_client_info_entry, client_data)};
     static constexpr record_layout layout{fields, VS_KVS_ELEMENTS(record, clients), client_fields};
+    static constexpr stored_bytes bytes{8, 20};
     static constexpr auto count = &record::clients_count;
 
     static constexpr uint32_t invalid_key = VS_FAULT_INVALID_OBJECT_ID;

@@ -39,6 +39,14 @@ struct record_layout {
     }
 };
 
+// The lengths that stored records have, in numbers: those of the fixed part and of one element.
+// They are compared with the layout, so that a new layout, which is a new format of the store, is a
+// decision.
+struct stored_bytes {
+    uint32_t fixed;
+    uint32_t element;
+};
+
 // Returns whether fields cover the first `length` bytes of a type one after the other, so that a
 // field which is added to the type and not to the list does not compile.
 consteval bool cover(std::span<const field> fields, uint32_t length)

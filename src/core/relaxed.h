@@ -16,4 +16,12 @@ void store(Word &word, Word value)
     __atomic_store_n(&word, value, __ATOMIC_RELAXED);
 }
 
+// Sets a pointer after all that it leads to. Readers load it relaxed: what they read through it
+// depends on the loaded address, which every machine that we run on keeps in order.
+template <class T>
+void publish(T *&pointer, T *value)
+{
+    __atomic_store_n(&pointer, value, __ATOMIC_RELEASE);
+}
+
 } // namespace vs_kvs

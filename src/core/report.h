@@ -96,7 +96,7 @@ void report(const Facts &...facts)
 // Reports a failure with its status, and returns the status. Away from the path of an operation
 // that succeeds.
 template <class Operation, const auto &Message, class... Facts>
-__attribute__((cold)) uint32_t fail(uint32_t status, const Facts &...facts)
+[[nodiscard]] __attribute__((cold)) uint32_t fail(uint32_t status, const Facts &...facts)
 {
     report<Operation, Message>(status_text{status}, facts...);
     return status;

@@ -9,7 +9,7 @@
 //   record, key             types of the stored record and of the fact that is its key
 //   name, selector          name in the store, selector of vs_kvs_db_init
 //   handle()                exported word with the database handle
-//   layout, count           layout of a record, member that counts its elements
+//   layout, bytes, count    layout of a record, its lengths as stored, member that counts elements
 //   invalid_key, absent     statuses for key 0 and for a key without a record
 //   facts(record), element_facts(record, i)   what reports carry of a record
 #pragma once
@@ -63,7 +63,8 @@ template <class Db, class M, class... Facts>
     const uint32_t status = kvs_lookup_db_handle(Db::name, &Db::handle());
     if (status == 0)
         return 0;
-    fail<M, M::lookup_failed>(status, errno_now{static_cast<uint32_t>(errno)}, facts...);
+    const errno_now error{static_cast<uint32_t>(errno)};
+    report<M, M::lookup_failed>(status_text{status}, error, facts...);
     return VS_FAULT_KVS_DB_LOOKUP;
 }
 
@@ -164,6 +165,7 @@ template <class Db, class M>
 [[nodiscard]] uint32_t read(typename Db::key key, const kvs_rec_hdl &handle,
                             sized_record<typename Db::record> &record)
 {
+    record = {};
     uint32_t length = 0;
     const uint32_t status = kvs_get_object_size(handle_of<Db>(), &handle, &length);
     if (status != 0 || length == 0)

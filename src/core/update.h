@@ -90,7 +90,6 @@ template <class Db, class M>
                                  sized_record<typename Db::record> &stored)
 {
     report<M, M::sanity_starts>();
-    stored.data.reset();
     const uint32_t status = read_record(key, stored);
     if (status != 0)
         return fail<M, M::reread_failed>(status, key);

@@ -9,7 +9,7 @@ namespace {
 
 // Both operations refuse to run before all databases are open.
 template <class M>
-uint32_t check_initialized()
+[[nodiscard]] uint32_t check_initialized()
 {
     if (load(g_vs_kvs_dbs_initialized) != 0)
         return 0;
@@ -24,8 +24,8 @@ void print_elements(const vs_object_sel_entry *elements, uint32_t count)
                               selected_version{elements[i].selected_version});
 }
 
-uint32_t insert_element(const vs_object_sel_entry &element, const uint32_t *versions,
-                        uint32_t count, kvs_rec_hdl *handle_p)
+[[nodiscard]] uint32_t insert_element(const vs_object_sel_entry &element, const uint32_t *versions,
+                                      uint32_t count, kvs_rec_hdl *handle_p)
 {
     using m = bulk_insert;
     const object_id id{element.vs_object_id};

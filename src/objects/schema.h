@@ -36,6 +36,7 @@ struct database {
                                        VS_KVS_FIELD(record, is_changed),
                                        VS_KVS_FIELD(record, supp_count)};
     static constexpr record_layout layout{fields, VS_KVS_ELEMENTS(record, supp_versions), {}};
+    static constexpr stored_bytes bytes{24, 4};
     static constexpr auto count = &record::supp_count;
 
     static constexpr uint32_t invalid_key = VS_FAULT_INVALID_OBJECT_ID;

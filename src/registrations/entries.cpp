@@ -8,7 +8,8 @@ using namespace vs_kvs::registrations;
 namespace {
 
 // Appends the VS object to the working copy, unless it is registered already.
-uint32_t append(sized_record<vs_client_objects_reg_kvs_rec> &copy, job_id key, object_id object)
+[[nodiscard]] uint32_t append(sized_record<vs_client_objects_reg_kvs_rec> &copy, job_id key,
+                              object_id object)
 {
     using m = add_object;
     const auto &record = copy.data;

@@ -19,6 +19,7 @@ struct database {
 
     static constexpr field fields[] = {VS_KVS_FIELD(record, jid), VS_KVS_FIELD(record, vs_count)};
     static constexpr record_layout layout{fields, VS_KVS_ELEMENTS(record, vs_array), {}};
+    static constexpr stored_bytes bytes{8, 4};
     static constexpr auto count = &record::vs_count;
 
     static constexpr uint32_t invalid_key = VS_FAULT_INVALID_CLIENT_JID;

@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 using vs_kvs::load;
+using vs_kvs::publish;
 using vs_kvs::store;
 
 extern "C" {
@@ -48,9 +49,17 @@ pthread_mutex_t vs_kvs_debug_mutex = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
 // A fork waits until no set-up runs, so that the child finds the mutex free and the trace handles
 // and the name whole. The child's mutex is new: an error-checking one belongs to a thread of the
 // parent.
-void before_fork() { pthread_mutex_lock(&vs_kvs_debug_mutex); }
+//
+// A fork by the thread that runs the set-up itself finds the mutex locked, and leaves it so.
+bool fork_has_mutex = false;
 
-void after_fork_in_parent() { pthread_mutex_unlock(&vs_kvs_debug_mutex); }
+void before_fork() { fork_has_mutex = pthread_mutex_lock(&vs_kvs_debug_mutex) == 0; }
+
+void after_fork_in_parent()
+{
+    if (fork_has_mutex)
+        pthread_mutex_unlock(&vs_kvs_debug_mutex);
+}
 
 void after_fork_in_child()
 {
@@ -134,7 +143,7 @@ struct identity {
     uint32_t job_id = 0;
     uint32_t status =
         short_name != nullptr ? name_process(operation, short_name, job_id) : VS_FAULT_NO_MEMORY;
-    store(g_vs_kvs_proc_name, short_name);
+    publish(g_vs_kvs_proc_name, short_name);
     if (short_name == nullptr)
         fprintf(stderr, "%s: %s failed to allocate mem for proc name\n",
                 program_invocation_short_name, operation);
