@@ -126,13 +126,6 @@ fs::path use_new_state(const char *name)
     return state;
 }
 
-void show_progress(const char *what, unsigned done, unsigned total)
-{
-    static const bool on_terminal = isatty(STDERR_FILENO) == 1;
-    if (on_terminal && (done % 10 == 0 || done >= total))
-        fprintf(stderr, "\r%s: %u of %u%s", what, done, total, done >= total ? "\n" : "");
-}
-
 } // namespace torture
 
 int main(int count, char **arguments)
