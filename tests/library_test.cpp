@@ -342,12 +342,18 @@ std::string events(size_t from, const char *separator, print_texts &given)
     return all;
 }
 
-std::string heading(const std::string &name, const outcome &result)
+std::string result_line(const std::string &name, const outcome &result)
 {
     std::ostringstream text;
     text << name << ": " << std::hex << std::uppercase << "0x" << result.status << ' '
          << result.handed_out;
     return text.str();
+}
+
+std::string whole(const outcome &result)
+{
+    print_texts none;
+    return result_line("", result) + events(0, "; ", none);
 }
 
 void compare(const char *part, const std::string &found)
@@ -402,7 +408,8 @@ TEST(library, reports_what_it_does)
                     memcpy(copy, record.data.data(), record.data.size());
                     now.log.push_back("stored " + words(copy));
                 }
-            found += heading(std::string("== ") + s.name, result) + events(0, "\n", texts) + '\n';
+            found +=
+                result_line(std::string("== ") + s.name, result) + events(0, "\n", texts) + '\n';
         }
     compare("reports", found);
 }
@@ -479,8 +486,7 @@ TEST(library, survives_trouble_at_every_point)
             if (stores.size() == static_cast<size_t>(now.changes))
                 stores.push_back(now.store);
         };
-        print_texts none;
-        std::set<std::string> seen{heading("", run(s, s.name)) + events(0, "; ", none = {})};
+        std::set<std::string> seen{whole(run(s, s.name))};
         stores.push_back(now.store);
         const lines usual = now.log;
 
@@ -498,9 +504,9 @@ TEST(library, survives_trouble_at_every_point)
                 EXPECT_TRUE(!is_failure || now.store == stores.at(changes)) << name;
                 const auto ways =
                     std::mismatch(now.log.begin(), now.log.end(), usual.begin(), usual.end());
-                if (seen.insert(heading("", result) + events(0, "; ", none = {})).second)
+                if (seen.insert(whole(result)).second)
                     found +=
-                        heading(name, result) +
+                        result_line(name, result) +
                         events(static_cast<size_t>(ways.first - now.log.begin()), "; ", texts) +
                         '\n';
             }
