@@ -4,16 +4,15 @@
 // ACCEPT=1 to write it anew.
 #include "kvs.h"
 #include "state_dir.h"
+#include "tools/records.h"
 #include "vs_kvs.h"
 
-#include <algorithm>
 #include <dlfcn.h>
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 #include <sstream>
 #include <sys/uio.h>
-#include <vector>
 
 namespace {
 
@@ -58,90 +57,53 @@ constexpr vs_client_info_entry listed_client{1, 2, {}}, new_client{2, 2, {}};
 
 using work = std::function<num()>;
 
-template <class Record>
-work put(num (*operation)(const Record *, kvs_rec_hdl *), const std::vector<num> &record)
-{
-    return [=] {
-        kvs_rec_hdl handle;
-        return operation(reinterpret_cast<const Record *>(record.data()), &handle);
-    };
-}
-
-template <class Block>
-work get(num (*operation)(num, Block **), num key)
-{
-    return [=] {
-        Block *block = nullptr;
-        const num rc = operation(key, &block);
-        free(block);
-        return rc;
-    };
-}
-
-template <class Record>
-work list(num (*operation)(num *, Record ***))
-{
-    return [=] {
-        num count = 0;
-        Record **all = nullptr;
-        const num rc = operation(&count, &all);
-        std::for_each_n(all, count, free);
-        free(all);
-        return rc;
-    };
-}
-
-template <class... Parameters>
-work change(num (*operation)(Parameters...), std::type_identity_t<Parameters>... arguments)
-{
-    return [=] { return operation(arguments...); };
-}
-
 num populate()
 {
     constexpr const num *versions[2] = {};
     constexpr num version_counts[2] = {};
-    const num rc = kvs_batch_begin(g_kvs_hdl_vs_objects_db) |
-                   vs_kvs_insert_vs_objects(pair, 2, versions, version_counts);
-    return rc | kvs_batch_commit();
+    const num status = kvs_batch_begin(g_kvs_hdl_vs_objects_db) |
+                       vs_kvs_insert_vs_objects(pair, 2, versions, version_counts);
+    return status | kvs_batch_commit();
 }
 
 // Does the work of all operations, in an order in which each finds what it needs, and nothing stays
 // but the registration of a job; the counts of each are a line.
 std::string costs(num job, size_t counters)
 {
-    const std::pair<const char *, work> operations[] = {
-        {"insert object", put(vs_kvs_insert_vs_object_rec, {id, 1, 0, 0, 1, 2, 1, 2})},
-        {"insert object again", put(vs_kvs_insert_vs_object_rec, {id, 1, 0, 0, 1, 2, 1, 2})},
-        {"get object", get(vs_kvs_get_vs_object_rec, id)},
-        {"select version", change(vs_kvs_update_vs_object_selected_version, id, job)},
-        {"insert 2 objects in a batch", populate},
-        {"list 3 objects", list(vs_kvs_get_vs_objects_all_recs)},
-        {"update 2 objects", change(vs_kvs_update_vs_objects, pair, 2)},
-        {"delete object", change(vs_kvs_delete_vs_object, id + 1)},
-        {"delete object", change(vs_kvs_delete_vs_object, id + 2)},
-        {"insert clients", put(vs_kvs_insert_clients_info_rec, {id, 1, 1, 1, 0, 0, 0})},
-        {"get clients", get(vs_kvs_get_clients_info_rec, id)},
-        {"list a client list", list(vs_kvs_get_clients_info_all_recs)},
-        {"add client", change(vs_kvs_add_new_client_info, id, &new_client)},
-        {"update client", change(vs_kvs_update_client_info, id, &listed_client)},
-        {"delete clients", change(vs_kvs_delete_clients_info_rec, id)},
-        {"delete object", change(vs_kvs_delete_vs_object, id)},
-        {"insert registration", put(vs_kvs_insert_client_objects_reg_rec, {job, 1, 1})},
-        {"get registration", get(vs_kvs_get_client_objects_reg_rec, job)},
-        {"get registration handle", get(vs_kvs_get_client_objects_reg_rec_hdl, job)},
-        {"add registered object", change(vs_kvs_add_new_client_objects_reg_object, job, id)},
-        {"list 4 registrations", list(vs_kvs_get_client_objects_reg_all_recs)},
-    };
+    const struct {
+        vskvs::words record;
+        std::vector<std::pair<const char *, work>> changes;
+    } of[] = {{{id, 1, 0, 0, 1, 2, 1, 2},
+               {{"select", [=] { return vs_kvs_update_vs_object_selected_version(id, job); }},
+                {"insert 2 in a batch", populate},
+                {"select 2", [] { return vs_kvs_update_vs_objects(pair, 2); }}}},
+              {{id, 1, 1, 1, 0, 0, 0},
+               {{"add", [] { return vs_kvs_add_new_client_info(id, &new_client); }},
+                {"update", [] { return vs_kvs_update_client_info(id, &listed_client); }}}},
+              {{job, 1, 1},
+               {{"add", [=] { return vs_kvs_add_new_client_objects_reg_object(job, id); }}}}};
     std::ostringstream text;
-    for (const auto &[name, operation] : operations) {
-        std::fill(std::begin(counts), std::end(counts), 0);
-        EXPECT_EQ(operation(), 0u) << name;
-        text << name << ':';
-        for (size_t i = 0; i < counters; ++i)
-            if (counts[i] != 0)
-                text << (i == allocations ? "; " : " ") << counts[i] << ' ' << names[i];
-        text << '\n';
+    for (size_t i = 0; i < vskvs::databases.size(); ++i) {
+        const vskvs::database &db = *vskvs::databases[i];
+        const auto count = [&](const char *name, const work &operation) {
+            std::fill(std::begin(counts), std::end(counts), 0);
+            EXPECT_EQ(operation(), 0u) << name;
+            text << db.name << ", " << name << ':';
+            for (size_t c = 0; c < counters; ++c)
+                if (counts[c] != 0)
+                    text << (c == allocations ? "; " : " ") << counts[c] << ' ' << names[c];
+            text << '\n';
+        };
+        vskvs::words found;
+        std::vector<vskvs::words> all;
+        count("insert", [&] { return db.insert(of[i].record); });
+        count("insert again", [&] { return db.insert(of[i].record); });
+        count("get", [&] { return db.get(db.shape, of[i].record[0], found); });
+        for (const auto &[name, change] : of[i].changes)
+            count(name, change);
+        count("list", [&] { return db.list(db.shape, all); });
+        for (const vskvs::words &record : db.erase ? all : std::vector<vskvs::words>{})
+            count("delete", [&] { return db.erase(record[0]); });
     }
     return text.str();
 }

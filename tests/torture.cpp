@@ -21,19 +21,21 @@ const fs::path &root = own.path;
 
 namespace {
 
-// Adds an element to a client list or a registration.
-uint32_t add_element(dice &roll, unsigned db, words &record, bool for_real)
+// Adds an element to a client list or a registration, or replaces a listed client.
+uint32_t change_element(dice &roll, unsigned db, words &record, bool for_real)
 {
-    const size_t at = record.size();
-    record.resize(vskvs::databases[db]->shape.length(++record[1]));
-    for (size_t i = at; i < record.size(); ++i)
+    const vskvs::shape &shape = vskvs::databases[db]->shape;
+    const bool is_listed = db == 1 && record[1] != 0 && roll.below(3) == 0;
+    const size_t at = shape.length(is_listed ? roll.below(record[1]) : record[1]++);
+    record.resize(shape.length(record[1]));
+    for (size_t i = at + is_listed; i < at + shape.element_words(); ++i)
         record[i] = roll() | 1;
     if (!for_real)
         return 0;
     if (db == 2)
         return vs_kvs_add_new_client_objects_reg_object(record[0], record[at]);
     const auto *const client = reinterpret_cast<const vs_client_info_entry *>(&record[at]);
-    return vs_kvs_add_new_client_info(record[0], client);
+    return (is_listed ? vs_kvs_update_client_info : vs_kvs_add_new_client_info)(record[0], client);
 }
 
 uint32_t change_one(dice &roll, uint32_t first_key, contents &all, bool for_real)
@@ -50,7 +52,7 @@ uint32_t change_one(dice &roll, uint32_t first_key, contents &all, bool for_real
     }
     words &record = at->second;
     if (db != 0)
-        return add_element(roll, db, record, for_real);
+        return change_element(roll, db, record, for_real);
     record[1] = roll();
     return for_real ? vs_kvs_update_vs_object_selected_version(key, record[1]) : 0;
 }
@@ -122,13 +124,6 @@ fs::path use_new_state(const char *name)
     fs::remove_all(state);
     setenv("VS_STATE_DIR", state.c_str(), 1);
     return state;
-}
-
-void show_progress(const char *what, unsigned done, unsigned total)
-{
-    static const bool on_terminal = isatty(STDERR_FILENO) == 1;
-    if (on_terminal && (done % 10 == 0 || done >= total))
-        fprintf(stderr, "\r%s: %u of %u%s", what, done, total, done >= total ? "\n" : "");
 }
 
 } // namespace torture

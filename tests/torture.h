@@ -39,8 +39,6 @@ finding judge(const contents &found, const contents &before, const contents &aft
 extern const fs::path &root; // of all state directories
 fs::path use_new_state(const char *name);
 
-void show_progress(const char *what, unsigned done, unsigned total);
-
 // Each prints a summary, and returns whether all is well.
 bool kills(unsigned count, uint64_t seed);
 bool powercut(unsigned states, uint64_t seed);

@@ -164,7 +164,6 @@ bool kills(unsigned count, uint64_t seed)
                     alarm(0);
                     pause();
                 });
-            show_progress("kills", sum.kills, count);
         }
         if (keeper != 0) {
             kill(keeper, SIGKILL);
