@@ -11,6 +11,7 @@
 #include <csignal>
 #include <lmdb.h>
 #include <map>
+#include <sys/file.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <thread>
@@ -628,6 +629,18 @@ STORE_TEST(gives_out_no_handle_twice_when_there_are_none_left)
     EXPECT_EQ(d.remove(d.find(2)), 0u);
     EXPECT_EQ(d.insert(record(1)), KVS_RC_EXHAUSTED);
     EXPECT_TRUE(d.all().empty());
+}
+
+STORE_TEST(opens_although_the_directory_is_locked)
+{
+    const db d;
+    const int dir = open(state.c_str(), O_RDONLY | O_DIRECTORY);
+    ASSERT_EQ(flock(dir, LOCK_EX), 0);
+    EXPECT_TRUE(passes_in_child([&] {
+        alarm(10);
+        EXPECT_EQ(db("second").insert(record(1)), 0u);
+    }));
+    EXPECT_EQ(mode_of(state / "store.mdb-open"), 0600u);
 }
 
 } // namespace
