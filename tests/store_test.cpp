@@ -643,4 +643,27 @@ STORE_TEST(opens_although_the_directory_is_locked)
     EXPECT_EQ(mode_of(state / "store.mdb-open"), 0600u);
 }
 
+// The child gets no lock of a thread that began to use the store.
+STORE_TEST(forks_while_threads_begin_to_use_it)
+{
+    EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(db().insert(record(1)), 0u); }));
+    for (int round = 0; round < 300; ++round)
+        ASSERT_TRUE(passes_in_child([&] {
+            std::atomic<bool> begins{false};
+            std::thread user([&] {
+                begins = true;
+                EXPECT_EQ(db().all().size(), 1u);
+            });
+            while (!begins)
+                continue;
+            for (std::atomic<int> wait = round * 20; wait > 0; --wait)
+                continue;
+            EXPECT_TRUE(passes_in_child([] {
+                alarm(20);
+                EXPECT_EQ(db().all().size(), 1u);
+            }));
+            user.join();
+        })) << round;
+}
+
 } // namespace
