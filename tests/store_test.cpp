@@ -666,4 +666,33 @@ STORE_TEST(forks_while_threads_begin_to_use_it)
         })) << round;
 }
 
+// A thread that is cancelled in a call ends after the call, and leaves no lock behind.
+STORE_TEST(leaves_no_lock_when_a_thread_is_cancelled)
+{
+    const db d;
+    for (uint32_t round = 0; round < 30; ++round) {
+        pthread_t thread;
+        std::pair<const db *, uint32_t> work{&d, round * 1000};
+        const auto change = [](void *argument) -> void * {
+            const auto [to, first] = *static_cast<decltype(work) *>(argument);
+            for (uint32_t key = first; key < first + 990; ++key, pthread_testcancel())
+                EXPECT_TRUE(key % 3 == 0 ? to->fill(key, 1) + kvs_batch_commit() == 0
+                                         : to->insert(record(key)) == 0);
+            pause();
+            return nullptr;
+        };
+        ASSERT_EQ(pthread_create(&thread, nullptr, change, &work), 0);
+        usleep(round * 50);
+        pthread_cancel(thread);
+        pthread_join(thread, nullptr);
+        EXPECT_TRUE(passes_in_child([&] {
+            alarm(10);
+            EXPECT_EQ(d.insert(record(round * 1000 + 999)), 0u);
+        }));
+        alarm(10);
+        EXPECT_EQ(d.insert(record(round * 1000 + 998)), 0u);
+        alarm(0);
+    }
+}
+
 } // namespace

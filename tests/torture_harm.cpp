@@ -93,7 +93,6 @@ void run_out(const std::function<void()> &narrow, const std::function<void()> &w
 
 void file_size_limit()
 {
-    signal(SIGXFSZ, SIG_IGN);
     const fs::path data = use_new_state("harm") / "store.mdb";
     run_out([&] { limit(RLIMIT_FSIZE, fs::file_size(data) + 1'000'000); },
             [] { limit(RLIMIT_FSIZE, RLIM_INFINITY); }, {KVS_RC_NO_SPACE});
