@@ -11,6 +11,7 @@
 #include <csignal>
 #include <lmdb.h>
 #include <map>
+#include <sys/file.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <thread>
@@ -628,6 +629,70 @@ STORE_TEST(gives_out_no_handle_twice_when_there_are_none_left)
     EXPECT_EQ(d.remove(d.find(2)), 0u);
     EXPECT_EQ(d.insert(record(1)), KVS_RC_EXHAUSTED);
     EXPECT_TRUE(d.all().empty());
+}
+
+STORE_TEST(opens_although_the_directory_is_locked)
+{
+    const db d;
+    const int dir = open(state.c_str(), O_RDONLY | O_DIRECTORY);
+    ASSERT_EQ(flock(dir, LOCK_EX), 0);
+    EXPECT_TRUE(passes_in_child([&] {
+        alarm(10);
+        EXPECT_EQ(db("second").insert(record(1)), 0u);
+    }));
+    EXPECT_EQ(mode_of(state / "store.mdb-open"), 0600u);
+}
+
+// The child gets no lock of a thread that began to use the store.
+STORE_TEST(forks_while_threads_begin_to_use_it)
+{
+    EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(db().insert(record(1)), 0u); }));
+    for (int round = 0; round < 300; ++round)
+        ASSERT_TRUE(passes_in_child([&] {
+            std::atomic<bool> begins{false};
+            std::thread user([&] {
+                begins = true;
+                EXPECT_EQ(db().all().size(), 1u);
+            });
+            while (!begins)
+                continue;
+            for (std::atomic<int> wait = round * 20; wait > 0; --wait)
+                continue;
+            EXPECT_TRUE(passes_in_child([] {
+                alarm(20);
+                EXPECT_EQ(db().all().size(), 1u);
+            }));
+            user.join();
+        })) << round;
+}
+
+// A thread that is cancelled in a call ends after the call, and leaves no lock behind.
+STORE_TEST(leaves_no_lock_when_a_thread_is_cancelled)
+{
+    const db d;
+    for (uint32_t round = 0; round < 30; ++round) {
+        pthread_t thread;
+        std::pair<const db *, uint32_t> work{&d, round * 1000};
+        const auto change = [](void *argument) -> void * {
+            const auto [to, first] = *static_cast<decltype(work) *>(argument);
+            for (uint32_t key = first; key < first + 990; ++key, pthread_testcancel())
+                EXPECT_TRUE(key % 3 == 0 ? to->fill(key, 1) + kvs_batch_commit() == 0
+                                         : to->insert(record(key)) == 0);
+            pause();
+            return nullptr;
+        };
+        ASSERT_EQ(pthread_create(&thread, nullptr, change, &work), 0);
+        usleep(round * 50);
+        pthread_cancel(thread);
+        pthread_join(thread, nullptr);
+        EXPECT_TRUE(passes_in_child([&] {
+            alarm(10);
+            EXPECT_EQ(d.insert(record(round * 1000 + 999)), 0u);
+        }));
+        alarm(10);
+        EXPECT_EQ(d.insert(record(round * 1000 + 998)), 0u);
+        alarm(0);
+    }
 }
 
 } // namespace

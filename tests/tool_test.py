@@ -182,6 +182,11 @@ class Tool(unittest.TestCase):
                 rc, _, err = self.run_tool(*command.split(), stdout=full)
             self.assertEqual(rc, 1, command)
             self.assertIn("No space left", err)
+        # A file size limit is an error, not the end of the tool.
+        with open(self.folder + "/limited", "w") as limited:
+            rc, _, err = self.run_tool("status", stdout=limited, preexec_fn=lambda:
+                                       resource.setrlimit(resource.RLIMIT_FSIZE, (100, -1)))
+        self.assertEqual((rc, "File too large" in err), (1, True), err)
         # Nor does what the tool prints go into the store when there is no standard error.
         self.assertEqual(
             self.run_tool("object", "show", "9", preexec_fn=lambda: os.close(2))[0], 1)

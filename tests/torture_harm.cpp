@@ -93,7 +93,6 @@ void run_out(const std::function<void()> &narrow, const std::function<void()> &w
 
 void file_size_limit()
 {
-    signal(SIGXFSZ, SIG_IGN);
     const fs::path data = use_new_state("harm") / "store.mdb";
     run_out([&] { limit(RLIMIT_FSIZE, fs::file_size(data) + 1'000'000); },
             [] { limit(RLIMIT_FSIZE, RLIM_INFINITY); }, {KVS_RC_NO_SPACE});
@@ -169,7 +168,7 @@ void planted_files()
     const fs::path outside = root / "outside", victim = outside / "victim";
     fs::create_directories(outside);
     std::ofstream(victim) << "secret";
-    for (const std::string name : {"store.mdb", "store.mdb-lock", "store.mdb.new"})
+    for (const std::string name : {"store.mdb", "store.mdb-lock", "store.mdb-open", "store.mdb.new"})
         for (const bool is_link : {true, false}) {
             const fs::path state = use_new_state("harm"), place = state / name;
             fs::create_directory(state);

@@ -5,6 +5,7 @@
 #include "vs_kvs.h"
 
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +22,9 @@ const char *chosen_state_dir = nullptr; // as the command line gives it
 
 void choose_state_dir(int argc, char **argv, char **environment)
 {
+    // A file size limit is an error like others, also for the trace buffers.
+    signal(SIGXFSZ, SIG_IGN);
+
     // A descriptor that is closed would become one of the store's files, and what is written to
     // standard error would go there.
     int spare = open("/dev/null", O_RDWR);

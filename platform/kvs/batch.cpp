@@ -1,5 +1,6 @@
 #include "platform/kvs/batch.h"
 
+#include "platform/base/interruption.h"
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment.h"
@@ -53,6 +54,7 @@ void make_batch_room(store &store)
 
 uint32_t begin_batch(kvs_hdl hdl)
 {
+    const interruption_guard guard;
     call_context call;
     if (const uint32_t status = make_call_context(hdl, &call); status != 0)
         return status;
@@ -82,6 +84,7 @@ uint32_t break_batch(thread_context &thread, int error)
 
 uint32_t commit_batch()
 {
+    const interruption_guard guard;
     thread_context *const thread = current_thread();
     if (thread == nullptr || thread->open_batch.store == nullptr)
         return KVS_RC_NO_BATCH;
@@ -98,6 +101,7 @@ uint32_t commit_batch()
 
 uint32_t abort_batch()
 {
+    const interruption_guard guard;
     thread_context *const thread = current_thread();
     if (thread == nullptr || thread->open_batch.store == nullptr)
         return KVS_RC_NO_BATCH;

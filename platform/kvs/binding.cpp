@@ -1,6 +1,7 @@
 #include "platform/kvs/binding.h"
 
 #include "platform/base/descriptor.h"
+#include "platform/base/interruption.h"
 #include "platform/base/mutex.h"
 #include "platform/base/state_dir.h"
 #include "platform/kvs/call_context.h"
@@ -122,6 +123,7 @@ kvs_hdl find_bound(const store &store, const char *name)
 
 uint32_t bind_database(const char *name, bool create, kvs_hdl *hdl)
 {
+    const interruption_guard guard;
     thread_context *const thread = current_thread();
     if (thread == nullptr)
         return KVS_RC_NO_MEMORY;

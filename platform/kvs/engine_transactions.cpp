@@ -1,5 +1,6 @@
 #include "platform/kvs/engine_transactions.h"
 
+#include "platform/base/interruption.h"
 #include "platform/base/mutex.h"
 #include "platform/kvs/environment_info.h"
 
@@ -50,6 +51,7 @@ void unlock_byte(MDB_env *environment, file_byte which)
 template <class Work>
 [[nodiscard]] int with_reader_table(MDB_env *environment, const Work &work)
 {
+    const interruption_guard guard;
     const scoped_lock lock(reader_table_mutex);
     int error = lock_byte(environment, file_byte::reader_table);
     if (error == 0) {

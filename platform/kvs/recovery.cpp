@@ -1,5 +1,6 @@
 #include "platform/kvs/recovery.h"
 
+#include "platform/base/interruption.h"
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment.h"
@@ -38,6 +39,7 @@ uint32_t recover_as_writer(store &store, thread_context &thread, int error, uint
 
 uint32_t recover_as_reader(store &store, thread_context &thread, int error, uint64_t epoch)
 {
+    const interruption_guard guard;
     if (error == MDB_READERS_FULL)
         return clear_dead_readers(store, thread);
     if (error != not_open && error != MDB_PANIC && error != MDB_MAP_RESIZED)

@@ -1,7 +1,8 @@
 // The files of a store: `store.mdb` with the data and `store.mdb-lock` with the reader table.
 //
-// The files are made and opened under a lock on the directory, so a process that opens a store
-// never finds them while another one is making them, unless that one was killed. The data file gets
+// The files are made and opened under a lock on `store.mdb-open`, so a process that opens a store
+// never finds them while another one is making them, unless that one was killed. The directory
+// itself does not serve: any user who may read it could hold a lock on it. The data file gets
 // its name once it is complete, so that a file which is too short is damaged and never just
 // unfinished. The lock file's blocks are allocated before it is mapped: on a full disk, writing to
 // a hole in it would raise SIGBUS.
@@ -24,28 +25,44 @@ namespace {
 constexpr char data_name[] = "store.mdb";
 constexpr char lock_name[] = "store.mdb-lock";
 constexpr char unfinished_name[] = "store.mdb.new";
+constexpr char opening_name[] = "store.mdb-open";
 
 constexpr mode_t file_mode = S_IRUSR | S_IWUSR;
 constexpr off_t lock_file_size = 64 * 1024; // about a thousand reader slots
 constexpr size_t first_map_size = 4 * 1024 * 1024;
-
-[[nodiscard]] int lock_directory(int dir, descriptor *lock)
-{
-    // Opened anew: a lock belongs to the open file description, which `dir` may share after a fork.
-    *lock = descriptor(openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!lock->valid())
-        return errno;
-    while (flock(lock->get(), LOCK_EX) != 0)
-        if (errno != EINTR)
-            return errno;
-    return 0;
-}
 
 [[nodiscard]] int get_file_info(int dir, const char *name, struct stat *about)
 {
     if (fstatat(dir, name, about, AT_SYMLINK_NOFOLLOW) != 0)
         return errno;
     return S_ISREG(about->st_mode) ? 0 : ELOOP;
+}
+
+// Opens the file whose lock is held while a store is opened. If `create` is false, it is made only
+// beside a data file.
+[[nodiscard]] int open_opening_file(int dir, bool create, descriptor *file)
+{
+    constexpr int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    struct stat about;
+    *file = descriptor(openat(dir, opening_name, flags));
+    if (!file->valid() && errno == ENOENT) {
+        if (const int error = get_file_info(dir, data_name, &about); error != 0 && !create)
+            return error;
+        *file = descriptor(openat(dir, opening_name, flags | O_CREAT, file_mode));
+    }
+    if (!file->valid() || fstat(file->get(), &about) != 0)
+        return errno;
+    return S_ISREG(about.st_mode) ? 0 : ELOOP;
+}
+
+[[nodiscard]] int lock_opening(int dir, bool create, descriptor *lock)
+{
+    if (const int error = open_opening_file(dir, create, lock); error != 0)
+        return error;
+    while (flock(lock->get(), LOCK_EX) != 0)
+        if (errno != EINTR)
+            return errno;
+    return 0;
 }
 
 // The engine opens by path only. This path leads through the descriptor, so it stays right when the
@@ -81,7 +98,7 @@ constexpr size_t first_map_size = 4 * 1024 * 1024;
     return error;
 }
 
-[[nodiscard]] int create_data_file(int dir, int lock)
+[[nodiscard]] int create_data_file(int dir)
 {
     if (unlinkat(dir, unfinished_name, 0) != 0 && errno != ENOENT)
         return errno;
@@ -92,18 +109,18 @@ constexpr size_t first_map_size = 4 * 1024 * 1024;
         unlinkat(dir, unfinished_name, 0);
         return error;
     }
-    if (fsync(lock) != 0) {
+    if (fsync(dir) != 0) {
         error = errno;
         unlinkat(dir, data_name, 0);
     }
     return error;
 }
 
-[[nodiscard]] int prepare_data_file(int dir, int lock, bool create)
+[[nodiscard]] int prepare_data_file(int dir, bool create)
 {
     struct stat about;
     int error = get_file_info(dir, data_name, &about);
-    if (error == ENOENT && create && (error = create_data_file(dir, lock)) == 0)
+    if (error == ENOENT && create && (error = create_data_file(dir)) == 0)
         error = get_file_info(dir, data_name, &about);
     if (error != 0)
         return error;
@@ -142,9 +159,9 @@ constexpr size_t first_map_size = 4 * 1024 * 1024;
 int open_environment_files(int dir, bool create, MDB_env **environment_p)
 {
     descriptor lock;
-    int error = lock_directory(dir, &lock);
+    int error = lock_opening(dir, create, &lock);
     if (error == 0)
-        error = prepare_data_file(dir, lock.get(), create);
+        error = prepare_data_file(dir, create);
     if (error == 0)
         error = prepare_lock_file(dir);
     MDB_env *environment = nullptr;

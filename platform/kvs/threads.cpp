@@ -19,9 +19,11 @@ namespace {
 pthread_mutex_t threads_mutex = PTHREAD_MUTEX_INITIALIZER;
 thread_context *threads = nullptr;
 
+std::atomic<bool> has_handlers{false};
+thread_local unsigned handlers_running = 0; // two after handlers were registered twice
+
 pthread_key_t thread_key;
 bool has_key = false;
-bool has_handlers = false;
 
 void destroy_thread_context(void *value)
 {
@@ -45,18 +47,26 @@ void destroy_thread_context(void *value)
 
 void lock_before_fork()
 {
+    if (handlers_running++ != 0)
+        return;
     pthread_mutex_lock(&threads_mutex);
     pthread_mutex_lock(&stores_mutex);
 }
 
 void unlock_after_fork()
 {
+    if (--handlers_running != 0)
+        return;
     pthread_mutex_unlock(&stores_mutex);
     pthread_mutex_unlock(&threads_mutex);
 }
 
 void reset_in_child()
 {
+    if (handlers_running != 1) {
+        --handlers_running;
+        return;
+    }
     for (unsigned i = 0; i < store_count.load(std::memory_order_relaxed); ++i) {
         stores[i].environment = nullptr;
         ++stores[i].environment_epoch;
@@ -77,20 +87,30 @@ void reset_in_child()
     unlock_after_fork();
 }
 
-bool register_handlers()
+// Returns whether the handlers are registered. They are before any thread can hold a mutex that
+// they lock; two threads that both make up for a failure at load time may register them twice.
+[[nodiscard]] bool ensure_handlers()
 {
-    has_key = has_key || pthread_key_create(&thread_key, destroy_thread_context) == 0;
-    has_handlers =
-        has_handlers || pthread_atfork(lock_before_fork, unlock_after_fork, reset_in_child) == 0;
-    return has_key && has_handlers;
+    if (!has_handlers && pthread_atfork(lock_before_fork, unlock_after_fork, reset_in_child) == 0)
+        has_handlers = true;
+    return has_handlers;
+}
+
+__attribute__((constructor)) void register_handlers_at_load()
+{
+    // If there is no memory now, the first thread that uses a store tries again.
+    static_cast<void>(ensure_handlers());
 }
 
 } // namespace
 
 thread_context *make_thread_context()
 {
+    if (!ensure_handlers())
+        return nullptr;
     const scoped_lock lock(threads_mutex);
-    if (!register_handlers())
+    has_key = has_key || pthread_key_create(&thread_key, destroy_thread_context) == 0;
+    if (!has_key)
         return nullptr;
     void *const memory = malloc(sizeof(thread_context));
     if (memory == nullptr)

@@ -1,6 +1,7 @@
 // Changing the records of a database in one call.
 #pragma once
 
+#include "platform/base/interruption.h"
 #include "platform/base/mutex.h"
 #include "platform/kvs/batch.h"
 #include "platform/kvs/engine_transactions.h"
@@ -57,6 +58,7 @@ template <class Work>
 template <class Work>
 [[nodiscard]] uint32_t write_records(kvs_hdl hdl, const Work &work)
 {
+    const interruption_guard guard;
     call_context call;
     if (const uint32_t status = make_call_context(hdl, &call); status != 0)
         return status;

@@ -1,0 +1,53 @@
+// What may not interrupt a thread that changes files.
+#pragma once
+
+#include <csignal>
+#include <ctime>
+#include <pthread.h>
+
+namespace platform {
+
+// While it exists, the thread is not cancelled, and a write beyond the limit of a file's size fails
+// with EFBIG instead of ending the process with SIGXFSZ.
+class interruption_guard {
+public:
+    interruption_guard()
+    {
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
+        was_pending_ = is_pending();
+        const sigset_t signals = size_signal();
+        pthread_sigmask(SIG_BLOCK, &signals, &old_mask_);
+    }
+    interruption_guard(const interruption_guard &) = delete;
+    interruption_guard &operator=(const interruption_guard &) = delete;
+    ~interruption_guard()
+    {
+        if (!was_pending_ && is_pending()) {
+            const sigset_t signals = size_signal();
+            const timespec at_once{};
+            sigtimedwait(&signals, nullptr, &at_once);
+        }
+        pthread_sigmask(SIG_SETMASK, &old_mask_, nullptr);
+        pthread_setcancelstate(cancel_state_, nullptr);
+    }
+
+private:
+    static sigset_t size_signal()
+    {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGXFSZ);
+        return signals;
+    }
+    static bool is_pending()
+    {
+        sigset_t pending;
+        return sigpending(&pending) == 0 && sigismember(&pending, SIGXFSZ) == 1;
+    }
+
+    int cancel_state_ = 0;
+    bool was_pending_ = false;
+    sigset_t old_mask_;
+};
+
+} // namespace platform
