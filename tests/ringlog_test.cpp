@@ -4,7 +4,10 @@
 
 #include <csignal>
 #include <random>
+#include <sched.h>
 #include <set>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <thread>
 
 namespace {
@@ -110,6 +113,41 @@ TEST_F(ringlog, is_made_once_and_has_one_handle_also_in_children)
     fs::remove(file("b"));
     emit(first, 2);
     EXPECT_EQ((emit(open("b"), 1), reader("b").rest()), 1u);
+}
+
+TEST_F(ringlog, takes_its_space_with_the_first_record)
+{
+    const auto blocks = [&](const std::string &name) {
+        struct stat about {};
+        return stat(file(name).c_str(), &about) == 0 ? about.st_blocks * 512 : -1;
+    };
+    const uint64_t handle = open("b", 0, 64);
+    EXPECT_TRUE(blocks("b") == header_size && fs::file_size(file("b")) == size_of_8 + 56 * 256);
+    emit(handle, 1);
+    EXPECT_GE(blocks("b"), size_of_8 + 56 * 256);
+    fs::copy_file(file("b"), file("sparse")); // as a copy that leaves out the zeros
+    for (const size_t size : {header_size, size_of_8 + 56 * 256})
+        fs::resize_file(file("sparse"), size);
+    EXPECT_LT(blocks("sparse"), size_of_8);
+    emit(open("sparse"), 1);
+    EXPECT_GE(blocks("sparse"), size_of_8 + 56 * 256);
+    EXPECT_TRUE(passes_in_child([&] {
+        if (unshare(geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) != 0)
+            return; // no disk of our own to fill
+        fs::create_directory(root / "small");
+        const std::string disk = root / "small";
+        EXPECT_EQ(mount("", "/", "", MS_REC | MS_PRIVATE, ""), 0);
+        EXPECT_EQ(mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=12k,mode=700"), 0);
+        setenv("VS_STATE_DIR", disk.c_str(), 1);
+        const uint64_t on_full = open("b", 0, 64);
+        emit(on_full, 3);
+        EXPECT_EQ(reader("b").rest(), 0u);
+        EXPECT_EQ(mount("", disk.c_str(), "", MS_REMOUNT, "size=1m"), 0);
+        reader in("b");
+        for (int i = 0; i < 5000 && in.rest() == 0; ++i)
+            emit(on_full, static_cast<uint64_t>(usleep(1000) == 0));
+        EXPECT_GE(ringlog_skipped(in.handle), 3u);
+    }));
 }
 
 TEST_F(ringlog, never_shows_a_torn_record_nor_waits_for_killed_writers)

@@ -1,10 +1,10 @@
 // The files of trace buffers.
 //
 // A buffer is created under a temporary name and renamed when it is complete, so that a file under
-// the name of a buffer is one, wherever its creator was killed. Its space is allocated at once: a
-// full disk fails here and does not kill a writer. A process that creates a buffer or quarantines a
-// damaged one holds a lock on the folder, so that it does not quarantine what another has just
-// created.
+// the name of a buffer is one, wherever its creator was killed. It has its full length, but only
+// its header is allocated; the first record allocates the slots. A process that creates a buffer or
+// quarantines a damaged one holds a lock on the folder, so that it does not quarantine what another
+// has just created.
 #include "platform/ringlog/buffer_file.h"
 
 #include "platform/base/clock.h"
@@ -34,6 +34,9 @@ constexpr char damaged_suffix[] = ".damaged";
 
 // Leaves space for the suffix in the longest file name of the system.
 constexpr size_t max_component = 240;
+
+// The unit of st_blocks.
+constexpr off_t block_size = 512;
 
 // A leading dot is reserved for temporary files.
 bool is_buffer_name(std::string_view name)
@@ -103,9 +106,11 @@ struct buffer_location {
         return log_file_error("cannot use", name, ENOTSUP);
     file.device = about.st_dev;
     file.inode = about.st_ino;
+    file.allocated = about.st_blocks * block_size >= about.st_size;
     return read_header(file.fd.get(), file.header);
 }
 
+// Sets the length of the file, and allocates its header.
 [[nodiscard]] int allocate(int fd, uint64_t size)
 {
     // Beyond this limit the system kills the process instead of failing the call.
@@ -114,7 +119,9 @@ struct buffer_location {
         return EFBIG;
     int error = EINTR;
     while (error == EINTR)
-        error = posix_fallocate(fd, 0, static_cast<off_t>(size));
+        error = posix_fallocate(fd, 0, header_size);
+    if (error == 0 && ftruncate(fd, static_cast<off_t>(size)) != 0)
+        error = errno;
     return error;
 }
 
