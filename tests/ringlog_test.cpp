@@ -3,6 +3,7 @@
 #include "scratch.h"
 
 #include <csignal>
+#include <fcntl.h>
 #include <random>
 #include <sched.h>
 #include <set>
@@ -148,6 +149,28 @@ TEST_F(ringlog, takes_its_space_with_the_first_record)
             emit(on_full, static_cast<uint64_t>(usleep(1000) == 0));
         EXPECT_GE(ringlog_skipped(in.handle), 3u);
     }));
+}
+
+// Set before the first buffer is opened, as sanitizers handle the signal.
+const auto bus_action = signal(SIGBUS, SIG_DFL);
+
+TEST_F(ringlog, survives_a_file_that_is_cut_short_but_no_other_fault)
+{
+    for (const size_t length : {size_t{0}, header_size}) {
+        const uint64_t handle = open("b", 0, 64);
+        emit(handle, 64);
+        fs::resize_file(file("b"), length);
+        emit(handle, 128);
+        EXPECT_EQ((emit(open("b"), 5), reader("b").rest()), 5u);
+        EXPECT_TRUE(fs::remove(file("b")) && fs::file_size(file("b.damaged")) == length);
+    }
+    const auto fault = [&] {
+        std::ofstream(root / "other") << "short";
+        const int fd = ::open((root / "other").c_str(), O_RDWR);
+        static_cast<volatile char *>(mmap(nullptr, 8192, PROT_WRITE, MAP_SHARED, fd, 0))[4096] = 1;
+    };
+    EXPECT_EQ(finish(start_in_child(fault)), 128 + SIGBUS);
+    EXPECT_EQ(finish(start_in_child([] { raise(SIGBUS); })), 128 + SIGBUS);
 }
 
 TEST_F(ringlog, never_shows_a_torn_record_nor_waits_for_killed_writers)

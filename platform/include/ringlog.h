@@ -50,6 +50,9 @@ enum {
  * records kept, the larger the least number of bytes for their contents. An existing buffer keeps
  * its own sizes; the file of a damaged one gets ".damaged" appended to its name, and a new buffer
  * is created. The three reserved numbers are not interpreted.
+ *
+ * The first call that maps a buffer installs a handler of SIGBUS, for faults in buffers that are cut
+ * short; any other SIGBUS is passed to the action that was set before.
  */
 uint32_t ringlog_init2(const char *name, uint32_t reserved_1, uint32_t reserved_2, uint32_t size_1,
                        uint32_t size_2, uint32_t reserved_3, uint64_t *handle_p);

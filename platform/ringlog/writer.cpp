@@ -12,6 +12,7 @@
 #include "platform/base/thread_identity.h"
 #include "platform/base/utf8.h"
 #include "platform/ringlog/buffer_file.h"
+#include "platform/ringlog/fault_guard.h"
 #include "platform/ringlog/format.h"
 #include "platform/ringlog/mapping.h"
 #include "ringlog.h"
@@ -65,6 +66,7 @@ uint32_t slots_for(uint32_t size_1, uint32_t size_2)
 
 [[nodiscard]] uint32_t map_buffer(const buffer_file &file, uint32_t index, uint64_t &handle)
 {
+    install_fault_guard();
     const uint64_t slot_count = file.header.slot_count;
     void *const mapping =
         mmap(nullptr, file_size(slot_count), PROT_READ | PROT_WRITE, MAP_SHARED, file.fd.get(), 0);
