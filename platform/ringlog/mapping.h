@@ -16,6 +16,7 @@ struct mapped_buffer {
     uint64_t slot_count = 0;
     dev_t device = 0;
     ino_t inode = 0;
+    uint64_t created_ns = 0; // a number of an inode is used again once its pages are replaced
 };
 
 constexpr uint32_t max_buffers = 256;

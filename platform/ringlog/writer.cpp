@@ -80,6 +80,7 @@ uint32_t slots_for(uint32_t size_1, uint32_t size_2)
     buffer.slot_count = slot_count;
     buffer.device = file.device;
     buffer.inode = file.inode;
+    buffer.created_ns = file.header.created_ns;
     buffer.handle.store(handle, std::memory_order_release);
     return 0;
 }
@@ -99,7 +100,8 @@ uint32_t slots_for(uint32_t size_1, uint32_t size_2)
         handle = buffer.handle.load(std::memory_order_relaxed);
         if (handle == 0)
             return map_buffer(file, index, handle);
-        if (buffer.device == file.device && buffer.inode == file.inode)
+        if (buffer.device == file.device && buffer.inode == file.inode &&
+            buffer.created_ns == file.header.created_ns)
             return 0;
     }
     return RINGLOG_RC_TOO_MANY;
