@@ -7,6 +7,7 @@
 #include <random>
 #include <sched.h>
 #include <set>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <thread>
@@ -171,6 +172,47 @@ TEST_F(ringlog, survives_a_file_that_is_cut_short_but_no_other_fault)
     };
     EXPECT_EQ(finish(start_in_child(fault)), 128 + SIGBUS);
     EXPECT_EQ(finish(start_in_child([] { raise(SIGBUS); })), 128 + SIGBUS);
+}
+
+TEST_F(ringlog, keeps_the_newest_buffers_and_those_in_use_below_the_limit)
+{
+    setenv("VS_RINGLOG_LIMIT", "256K", 1); // each of the buffers takes 20480 bytes
+    const auto job = [](int i) { return "job/" + std::to_string(i) + "/api"; };
+    const auto bytes = [&] {
+        uint64_t sum = 0;
+        for (const auto &entry : fs::recursive_directory_iterator(root / "state/ringlog"))
+            sum += entry.is_regular_file() ? fs::file_size(entry) : 0;
+        return sum;
+    };
+    const uint64_t live = open("live", 0, 64);
+    emit(live, 1);                    // the oldest of all
+    for (int i = 0; i < 60; i += 2) { // two makers at once
+        for (int j : {i, i + 1})
+            start_in_child([&] { emit(open(job(j), 0, 64), 1); });
+        for (int status = 0; wait(&status) > 0;)
+            EXPECT_EQ(status, 0);
+        EXPECT_LE(bytes(), 256u << 10);
+    }
+    EXPECT_FALSE(fs::exists(file("job/0")) || fs::exists(file("job/1")));
+    for (int i = 54; i < 60; ++i)
+        EXPECT_EQ(reader(job(i)).rest(), 1u) << i;
+    EXPECT_EQ(reader("live").rest(), 1u);
+    EXPECT_EQ(mode_of(root / "state/ringlog/.lock"), 0600u);
+}
+
+TEST_F(ringlog, replaces_what_is_no_buffer_but_not_other_kinds_of_files)
+{
+    open("first");
+    fs::create_directory(file("folder"));
+    ASSERT_EQ(mkfifo(file("fifo").c_str(), 0600), 0);
+    for (const char *kind : {"folder", "fifo"})
+        open(kind, RINGLOG_RC_IO);
+    std::ofstream(file("huge")).flush();
+    fs::resize_file(file("huge"), uint64_t{1} << 40);
+    EXPECT_EQ((emit(open("huge"), 2), reader("huge").rest()), 2u);
+    const int folder = ::open(file("").c_str(), O_RDONLY), locked = flock(folder, LOCK_EX);
+    EXPECT_TRUE(locked == 0 && passes_in_child([&] { open("second"); })); // does not wait for it
+    close(folder);
 }
 
 TEST_F(ringlog, never_shows_a_torn_record_nor_waits_for_killed_writers)

@@ -51,6 +51,12 @@ enum {
  * its own sizes; the file of a damaged one gets ".damaged" appended to its name, and a new buffer
  * is created. The three reserved numbers are not interpreted.
  *
+ * The creation of a buffer keeps the allocated bytes of all buffers below a limit, 64 MB or what
+ * VS_RINGLOG_LIMIT gives (bytes, or a number with K, M or G behind it): beyond it, the buffers that
+ * no process has open are removed, those with the oldest last record first, until a quarter of the
+ * limit is free. A buffer in use is never removed, even if the limit is exceeded thereby. The files
+ * of damaged buffers count too.
+ *
  * The first call that maps a buffer installs a handler of SIGBUS, for faults in buffers that are cut
  * short; any other SIGBUS is passed to the action that was set before.
  */
