@@ -105,7 +105,9 @@ TEST_F(ringlog, is_made_once_and_has_one_handle_also_in_children)
         emit(first, 1);
         reader in("b");
         EXPECT_TRUE(in.next() && in.record.pid == getpid() && in.record.tid == getpid());
-        limit(RLIMIT_FSIZE, 8192); // A write past it would kill.
+        limit(RLIMIT_FSIZE, 1); // A write past it would kill.
+        open("none", RINGLOG_RC_NO_SPACE);
+        limit(RLIMIT_FSIZE, 8192);
         open("big", RINGLOG_RC_NO_SPACE, 64);
         for (uint64_t i = 0, handle = 1; i < 256; ++i)
             ringlog_init2(std::to_string(i).c_str(), 0, 0, 1, 1, 0, &handle);
