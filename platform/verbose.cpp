@@ -17,6 +17,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
@@ -70,12 +71,29 @@ bool is_our_file(int fd)
            about.st_ino == output_inode.load(std::memory_order_relaxed);
 }
 
+// Writes a line at once. The signals of a pipe without a reader and of a file at its size limit
+// would kill the process for a debug line: they are blocked and, unless they were pending before,
+// removed.
 void write_whole(int fd, const char *line, size_t length)
 {
+    sigset_t signals, previous, pending;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGPIPE);
+    sigaddset(&signals, SIGXFSZ);
+    pthread_sigmask(SIG_BLOCK, &signals, &previous);
+    sigpending(&pending);
     ssize_t written = -1;
     do
         written = write(fd, line, length);
     while (written < 0 && errno == EINTR);
+    const int raised = errno == EPIPE ? SIGPIPE : SIGXFSZ;
+    if (written < 0 && (errno == EPIPE || errno == EFBIG) && sigismember(&pending, raised) == 0) {
+        const timespec now{};
+        sigemptyset(&pending);
+        sigaddset(&pending, raised);
+        sigtimedwait(&pending, nullptr, &now);
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
 void hide_control_characters(char *text, size_t length)
@@ -140,12 +158,23 @@ void warn_of_unknown(const selection &chosen)
     write_whole(STDERR_FILENO, line, static_cast<size_t>(length));
 }
 
+// Opens a file for the lines, or a device such as a terminal. A pipe is refused: it would block the
+// process while it is full, and its opening would while there is no reader.
+[[nodiscard]] descriptor open_log(const char *path, struct stat &about)
+{
+    constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY;
+    descriptor file(open(path, flags | O_NONBLOCK, S_IRUSR | S_IWUSR));
+    const bool usable = file.valid() && fstat(file.get(), &about) == 0 &&
+                        (S_ISREG(about.st_mode) || S_ISCHR(about.st_mode)) &&
+                        fcntl(file.get(), F_SETFL, O_APPEND) == 0;
+    return usable ? std::move(file) : descriptor();
+}
+
 [[nodiscard]] bool send_lines_to(const char *path)
 {
-    descriptor file(open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY,
-                         S_IRUSR | S_IWUSR));
     struct stat about;
-    if (!file.valid() || fstat(file.get(), &about) != 0)
+    descriptor file = open_log(path, about);
+    if (!file.valid())
         return false;
     // The old file is replaced under its number, so that a print in another thread never uses a
     // number that is closed or belongs to another file.

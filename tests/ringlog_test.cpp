@@ -4,8 +4,13 @@
 #include "scratch.h"
 
 #include <csignal>
+#include <fcntl.h>
 #include <random>
+#include <sched.h>
 #include <set>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <thread>
 
 namespace {
@@ -101,7 +106,9 @@ TEST_F(ringlog, is_made_once_and_has_one_handle_also_in_children)
         emit(first, 1);
         reader in("b");
         EXPECT_TRUE(in.next() && in.record.pid == getpid() && in.record.tid == getpid());
-        limit(RLIMIT_FSIZE, 8192); // A write beyond it kills the process.
+        limit(RLIMIT_FSIZE, 1); // A write past it would kill.
+        open("none", RINGLOG_RC_NO_SPACE);
+        limit(RLIMIT_FSIZE, 8192);
         open("big", RINGLOG_RC_NO_SPACE, 64);
         for (uint64_t i = 0, handle = 1; i < 256; ++i)
             ringlog_init2(std::to_string(i).c_str(), 0, 0, 1, 1, 0, &handle);
@@ -111,6 +118,104 @@ TEST_F(ringlog, is_made_once_and_has_one_handle_also_in_children)
     fs::remove(file("b"));
     emit(first, 2);
     EXPECT_EQ((emit(open("b"), 1), reader("b").rest()), 1u);
+}
+
+TEST_F(ringlog, takes_its_space_with_the_first_record)
+{
+    const auto blocks = [&](const std::string &name) {
+        struct stat about {};
+        return stat(file(name).c_str(), &about) == 0 ? about.st_blocks * 512 : -1;
+    };
+    const uint64_t handle = open("b", 0, 64);
+    EXPECT_TRUE(blocks("b") == header_size && fs::file_size(file("b")) == size_of_8 + 56 * 256);
+    emit(handle, 1);
+    EXPECT_GE(blocks("b"), size_of_8 + 56 * 256);
+    fs::copy_file(file("b"), file("sparse")); // as a copy that leaves out the zeros
+    for (const size_t size : {header_size, size_of_8 + 56 * 256})
+        fs::resize_file(file("sparse"), size);
+    EXPECT_LT(blocks("sparse"), size_of_8);
+    emit(open("sparse"), 1);
+    EXPECT_GE(blocks("sparse"), size_of_8 + 56 * 256);
+    EXPECT_TRUE(passes_in_child([&] {
+        if (unshare(geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) != 0)
+            return; // no disk of our own to fill
+        fs::create_directory(root / "small");
+        const std::string disk = root / "small";
+        EXPECT_EQ(mount("", "/", "", MS_REC | MS_PRIVATE, ""), 0);
+        EXPECT_EQ(mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=12k,mode=700"), 0);
+        setenv("VS_STATE_DIR", disk.c_str(), 1);
+        const uint64_t on_full = open("b", 0, 64);
+        emit(on_full, 3);
+        EXPECT_EQ(reader("b").rest(), 0u);
+        EXPECT_EQ(mount("", disk.c_str(), "", MS_REMOUNT, "size=1m"), 0);
+        reader in("b");
+        for (int i = 0; i < 5000 && in.rest() == 0; ++i)
+            emit(on_full, static_cast<uint64_t>(usleep(1000) == 0));
+        EXPECT_GE(ringlog_skipped(in.handle), 3u);
+    }));
+}
+
+// Set before the first buffer is opened, as sanitizers handle the signal.
+const auto bus_action = signal(SIGBUS, SIG_DFL);
+
+TEST_F(ringlog, survives_a_file_that_is_cut_short_but_no_other_fault)
+{
+    for (const size_t length : {size_t{0}, header_size}) {
+        const uint64_t handle = open("b", 0, 64);
+        emit(handle, 64);
+        fs::resize_file(file("b"), length);
+        emit(handle, 128);
+        EXPECT_EQ((emit(open("b"), 5), reader("b").rest()), 5u);
+        EXPECT_TRUE(fs::remove(file("b")) && fs::file_size(file("b.damaged")) == length);
+    }
+    const auto fault = [&] {
+        std::ofstream(root / "other") << "short";
+        const int fd = ::open((root / "other").c_str(), O_RDWR);
+        static_cast<volatile char *>(mmap(nullptr, 8192, PROT_WRITE, MAP_SHARED, fd, 0))[4096] = 1;
+    };
+    EXPECT_EQ(finish(start_in_child(fault)), 128 + SIGBUS);
+    EXPECT_EQ(finish(start_in_child([] { raise(SIGBUS); })), 128 + SIGBUS);
+}
+
+TEST_F(ringlog, keeps_the_newest_buffers_and_those_in_use_below_the_limit)
+{
+    setenv("VS_RINGLOG_LIMIT", "256K", 1); // each of the buffers takes 20480 bytes
+    const auto job = [](int i) { return "job/" + std::to_string(i) + "/api"; };
+    const auto bytes = [&] {
+        uint64_t sum = 0;
+        for (const auto &entry : fs::recursive_directory_iterator(root / "state/ringlog"))
+            sum += entry.is_regular_file() ? fs::file_size(entry) : 0;
+        return sum;
+    };
+    const uint64_t live = open("live", 0, 64);
+    emit(live, 1);                    // the oldest of all
+    for (int i = 0; i < 60; i += 2) { // two makers at once
+        for (int j : {i, i + 1})
+            start_in_child([&] { emit(open(job(j), 0, 64), 1); });
+        for (int status = 0; wait(&status) > 0;)
+            EXPECT_EQ(status, 0);
+        EXPECT_LE(bytes(), 256u << 10);
+    }
+    EXPECT_FALSE(fs::exists(file("job/0")) || fs::exists(file("job/1")));
+    for (int i = 54; i < 60; ++i)
+        EXPECT_EQ(reader(job(i)).rest(), 1u) << i;
+    EXPECT_EQ(reader("live").rest(), 1u);
+    EXPECT_EQ(mode_of(root / "state/ringlog/.lock"), 0600u);
+}
+
+TEST_F(ringlog, replaces_what_is_no_buffer_but_not_other_kinds_of_files)
+{
+    open("first");
+    fs::create_directory(file("folder"));
+    ASSERT_EQ(mkfifo(file("fifo").c_str(), 0600), 0);
+    for (const char *kind : {"folder", "fifo"})
+        open(kind, RINGLOG_RC_IO);
+    std::ofstream(file("huge")).flush();
+    fs::resize_file(file("huge"), uint64_t{1} << 40);
+    EXPECT_EQ((emit(open("huge"), 2), reader("huge").rest()), 2u);
+    const int folder = ::open(file("").c_str(), O_RDONLY), locked = flock(folder, LOCK_EX);
+    EXPECT_TRUE(locked == 0 && passes_in_child([&] { open("second"); })); // does not wait for it
+    close(folder);
 }
 
 TEST_F(ringlog, never_shows_a_torn_record_nor_waits_for_killed_writers)

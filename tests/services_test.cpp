@@ -9,6 +9,7 @@
 #include "verbose.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <regex>
 #include <set>
 #include <thread>
@@ -83,7 +84,10 @@ TEST_F(services, prints_follow_the_environment_in_whole_lines)
     fs::remove(log);
     EXPECT_EQ(start("kvs"), 0u);
     fs::create_symlink(log, root / "link");
-    for (const char *bad : {"link", "no/such"})
+    EXPECT_EQ(mkfifo((root / "pipe").c_str(), 0600), 0);
+    EXPECT_EQ(mkfifo((root / "read").c_str(), 0600), 0);
+    const int reader = open((root / "read").c_str(), O_RDONLY | O_NONBLOCK);
+    for (const char *bad : {"link", "no/such", "pipe", "read"})
         EXPECT_EQ((setenv("VS_VERBOSE_FILE", (root / bad).c_str(), 1), start("all")),
                   VERBOSE_RC_FILE);
     verbose_printf_local(DBG_VS_KVS, "a\tb\x01\x7f\x1b[%s\n\n", "c");
@@ -94,6 +98,16 @@ TEST_F(services, prints_follow_the_environment_in_whole_lines)
     errno = 4711;
     verbose_printf_local(DBG_VS_KVS, "lost");
     EXPECT_EQ(errno, 4711);
+    const int writer = open((root / "read").c_str(), O_WRONLY);
+    EXPECT_EQ(close(reader), 0);
+    for (const char *to : {log.c_str(), ""}) // past the limit, and into a pipe without a reader
+        EXPECT_TRUE(passes_in_child([&] {
+            setenv("VS_VERBOSE_FILE", to, 1);
+            EXPECT_TRUE(start("kvs") == 0 && dup2(writer, STDERR_FILENO) >= 0);
+            limit(RLIMIT_FSIZE, 1);
+            verbose_printf_local(DBG_VS_KVS, "%s", "lost");
+        }));
+    close(writer);
 }
 
 TEST_F(services, every_status_has_words)

@@ -2,8 +2,8 @@
  * ringlog.h - trace buffers: the last records of every process, which survive its end.
  *
  * A trace buffer is a file of fixed-size slots below the state directory, mapped by each process
- * that opens it. Any number of threads and processes write to it at once, without a lock, an
- * allocation or a system call; a record replaces the oldest one if all slots are in use. A record
+ * that opens it. Any number of threads and processes write to it at once, without a lock or an
+ * allocation and, but for the first one of a process, without a system call; a record replaces the oldest one if all slots are in use. A record
  * has a 64-bit identifier,
  *
  *     bits 63..40   string mask: bit 40 + i is set when argument i is a string
@@ -50,6 +50,15 @@ enum {
  * records kept, the larger the least number of bytes for their contents. An existing buffer keeps
  * its own sizes; the file of a damaged one gets ".damaged" appended to its name, and a new buffer
  * is created. The three reserved numbers are not interpreted.
+ *
+ * The creation of a buffer keeps the allocated bytes of all buffers below a limit, 64 MB or what
+ * VS_RINGLOG_LIMIT gives (bytes, or a number with K, M or G behind it): beyond it, the buffers that
+ * no process has open are removed, those with the oldest last record first, until a quarter of the
+ * limit is free. A buffer in use is never removed, even if the limit is exceeded thereby. The files
+ * of damaged buffers count too.
+ *
+ * The first call that maps a buffer installs a handler of SIGBUS, for faults in buffers that are cut
+ * short; any other SIGBUS is passed to the action that was set before.
  */
 uint32_t ringlog_init2(const char *name, uint32_t reserved_1, uint32_t reserved_2, uint32_t size_1,
                        uint32_t size_2, uint32_t reserved_3, uint64_t *handle_p);
@@ -58,6 +67,9 @@ uint32_t ringlog_init2(const char *name, uint32_t reserved_1, uint32_t reserved_
  * Writes one record. As many 64-bit arguments follow as `id` contains; a string argument is the
  * address of NUL-terminated text, or 0. With handle 0, or an unknown one, the record is dropped.
  * Safe in any thread and in a signal handler; does not change errno.
+ *
+ * The first record allocates the disk space of all slots. While the disk is full, records are
+ * dropped; readers count them as skipped.
  */
 void _ringlog_emit(uint64_t handle, uint64_t id, ...);
 

@@ -8,7 +8,8 @@
  *     2026-11-22 22:07:31.123456 [1234] kvs: the text
  *
  * (date and time in UTC, then the process) to standard error, or to the end of the file that
- * VS_VERBOSE_FILE names (created with mode 0600). A line goes out in one write, so lines of several
+ * VS_VERBOSE_FILE names (created with mode 0600; a device is accepted, a pipe or socket is not). A
+ * line that a pipe without a reader or a file at its size limit refuses is lost. A line goes out in one write, so lines of several
  * threads and processes do not mix; text beyond 4000 bytes is cut. Control characters other than
  * tabs are shown as '?', and a newline at the end of the text is not doubled.
  *
@@ -28,7 +29,7 @@ extern "C" {
 #define DBG_VS_COMMON UINT32_C(0x20000000)   /* `common`: messages that go with common records */
 #define DBG_VS_PLATFORM UINT32_C(0x10000000) /* `platform`: messages of the platform itself */
 
-#define VERBOSE_RC_FILE UINT32_C(0xC69A0400) /* VS_VERBOSE_FILE cannot be opened for writing */
+#define VERBOSE_RC_FILE UINT32_C(0xC69A0400) /* VS_VERBOSE_FILE is no file to write to */
 
 /*
  * Reads the environment again and prepares the process's debug prints. The environment is also read

@@ -1,14 +1,15 @@
 // The files of trace buffers.
 //
 // A buffer is created under a temporary name and renamed when it is complete, so that a file under
-// the name of a buffer is one, wherever its creator was killed. Its space is allocated at once: a
-// full disk fails here and does not kill a writer. A process that creates a buffer or quarantines a
-// damaged one holds a lock on the folder, so that it does not quarantine what another has just
-// created.
+// the name of a buffer is one, wherever its creator was killed. It has its full length, but only
+// its header is allocated; the first record allocates the slots. A process that creates a buffer or
+// quarantines a damaged one holds a lock on the folder, so that it does not quarantine what another
+// has just created.
 #include "platform/ringlog/buffer_file.h"
 
 #include "platform/base/clock.h"
 #include "platform/base/state_dir.h"
+#include "platform/ringlog/byte_limit.h"
 #include "verbose.h"
 
 #include <algorithm>
@@ -34,6 +35,9 @@ constexpr char damaged_suffix[] = ".damaged";
 
 // Leaves space for the suffix in the longest file name of the system.
 constexpr size_t max_component = 240;
+
+// The unit of st_blocks.
+constexpr off_t block_size = 512;
 
 // A leading dot is reserved for temporary files.
 bool is_buffer_name(std::string_view name)
@@ -103,18 +107,25 @@ struct buffer_location {
         return log_file_error("cannot use", name, ENOTSUP);
     file.device = about.st_dev;
     file.inode = about.st_ino;
+    file.allocated = about.st_blocks * block_size >= about.st_size;
     return read_header(file.fd.get(), file.header);
 }
 
+// Beyond this limit the system kills the process instead of failing a call.
+bool exceeds_size_limit(uint64_t size)
+{
+    rlimit limit;
+    return getrlimit(RLIMIT_FSIZE, &limit) == 0 && size > limit.rlim_cur;
+}
+
+// Sets the length of the file, and allocates its header.
 [[nodiscard]] int allocate(int fd, uint64_t size)
 {
-    // Beyond this limit the system kills the process instead of failing the call.
-    rlimit limit;
-    if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && size > limit.rlim_cur)
-        return EFBIG;
     int error = EINTR;
     while (error == EINTR)
-        error = posix_fallocate(fd, 0, static_cast<off_t>(size));
+        error = posix_fallocate(fd, 0, header_size);
+    if (error == 0 && ftruncate(fd, static_cast<off_t>(size)) != 0)
+        error = errno;
     return error;
 }
 
@@ -163,13 +174,22 @@ struct buffer_location {
     return 0;
 }
 
-[[nodiscard]] int lock_folder(int folder)
+// Marks the file as in use for as long as it is open or mapped. Returns false if it is being
+// removed.
+bool mark_in_use(const buffer_file &file)
 {
-    int result = -1;
-    do
-        result = flock(folder, LOCK_EX);
-    while (result != 0 && errno == EINTR);
-    return result;
+    // A file system without locks has no buffers removed.
+    if (flock(file.fd.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK)
+        return false;
+    struct stat about;
+    return fstat(file.fd.get(), &about) == 0 && about.st_nlink != 0;
+}
+
+// Opens the buffer if it is there and undamaged.
+[[nodiscard]] uint32_t open_for_use(const buffer_location &location, buffer_file &file)
+{
+    const uint32_t status = open_at(location, O_RDWR, file);
+    return status == 0 && !mark_in_use(file) ? RINGLOG_RC_NO_SUCH_BUFFER : status;
 }
 
 } // namespace
@@ -228,21 +248,33 @@ uint32_t open_existing_buffer(const char *name, buffer_file &file)
 uint32_t open_or_create_buffer(const char *name, uint32_t slot_count, buffer_file &file)
 {
     buffer_location location{};
-    if (const uint32_t status = locate_buffer(name, true, location); status != 0)
-        return status;
-    uint32_t status = open_at(location, O_RDWR, file);
+    uint32_t status = locate_buffer(name, false, location);
+    if (status == 0)
+        status = open_for_use(location, file);
     if (status != RINGLOG_RC_NO_SUCH_BUFFER && status != RINGLOG_RC_DAMAGED)
         return status;
-    // Another process may have created it before this one got the lock.
-    const int folder = location.folder.get();
-    if (lock_folder(folder) != 0)
-        return log_file_error("cannot lock the folder of", name, errno);
-    status = open_at(location, O_RDWR, file);
-    if (status == RINGLOG_RC_DAMAGED && (status = quarantine(folder, location.file_name)) == 0)
+    // Another process may have created it before this one got the lock, or removed its folder.
+    descriptor root, lock;
+    if ((status = open_buffer_root(true, root)) != 0)
+        return status;
+    if (const int error = lock_root(root.get(), lock); error != 0)
+        return log_file_error("cannot lock the folder of", name, error);
+    status = locate_buffer(name, false, location);
+    if (status == 0)
+        status = open_for_use(location, file);
+    if (status == RINGLOG_RC_DAMAGED &&
+        (status = quarantine(location.folder.get(), location.file_name)) == 0)
         status = RINGLOG_RC_NO_SUCH_BUFFER;
-    if (status == RINGLOG_RC_NO_SUCH_BUFFER)
-        status = create_buffer(folder, location.file_name, slot_count);
-    return status == 0 ? open_at(location, O_RDWR, file) : status;
+    if (status != RINGLOG_RC_NO_SUCH_BUFFER)
+        return status;
+    if (exceeds_size_limit(file_size(slot_count)))
+        return log_file_error("cannot create", name, EFBIG);
+    make_room(root.get(), lock, file_size(slot_count));
+    // The folder, which may have been removed with its last buffer.
+    if ((status = locate_buffer(name, true, location)) != 0)
+        return status;
+    status = create_buffer(location.folder.get(), location.file_name, slot_count);
+    return status == 0 ? open_for_use(location, file) : status;
 }
 
 } // namespace platform

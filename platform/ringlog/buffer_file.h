@@ -18,6 +18,7 @@ struct buffer_file {
     buffer_header header;
     dev_t device;
     ino_t inode;
+    bool allocated; // no part of it is a hole
 };
 
 // All of these return a status of ringlog.h, after a debug print if a system call failed.

@@ -12,7 +12,9 @@
 #include "platform/base/thread_identity.h"
 #include "platform/base/utf8.h"
 #include "platform/ringlog/buffer_file.h"
+#include "platform/ringlog/fault_guard.h"
 #include "platform/ringlog/format.h"
+#include "platform/ringlog/mapping.h"
 #include "ringlog.h"
 
 #include <algorithm>
@@ -26,18 +28,8 @@ namespace {
 
 using namespace platform;
 
-struct mapped_buffer {
-    std::atomic<uint64_t> handle{0}; // 0 while the entry is free; written last
-    std::byte *mapping = nullptr;
-    uint64_t slot_count = 0;
-    dev_t device = 0;
-    ino_t inode = 0;
-};
-
-constexpr uint32_t max_buffers = 256;
 constexpr unsigned index_bits = 16;
 
-constinit mapped_buffer buffers[max_buffers];
 pthread_mutex_t table_mutex = PTHREAD_MUTEX_INITIALIZER;
 bool lock_survives_fork = false;
 
@@ -74,6 +66,7 @@ uint32_t slots_for(uint32_t size_1, uint32_t size_2)
 
 [[nodiscard]] uint32_t map_buffer(const buffer_file &file, uint32_t index, uint64_t &handle)
 {
+    install_fault_guard();
     const uint64_t slot_count = file.header.slot_count;
     void *const mapping =
         mmap(nullptr, file_size(slot_count), PROT_READ | PROT_WRITE, MAP_SHARED, file.fd.get(), 0);
@@ -82,10 +75,12 @@ uint32_t slots_for(uint32_t size_1, uint32_t size_2)
     const uint64_t origin[] = {file.device, file.inode, file.header.created_ns};
     handle = checksum(origin, std::size(origin), index) << index_bits | (index + 1);
     mapped_buffer &buffer = buffers[index];
+    buffer.allocated.store(file.allocated, std::memory_order_relaxed);
     buffer.mapping = static_cast<std::byte *>(mapping);
     buffer.slot_count = slot_count;
     buffer.device = file.device;
     buffer.inode = file.inode;
+    buffer.created_ns = file.header.created_ns;
     buffer.handle.store(handle, std::memory_order_release);
     return 0;
 }
@@ -105,7 +100,8 @@ uint32_t slots_for(uint32_t size_1, uint32_t size_2)
         handle = buffer.handle.load(std::memory_order_relaxed);
         if (handle == 0)
             return map_buffer(file, index, handle);
-        if (buffer.device == file.device && buffer.inode == file.inode)
+        if (buffer.device == file.device && buffer.inode == file.inode &&
+            buffer.created_ns == file.header.created_ns)
             return 0;
     }
     return RINGLOG_RC_TOO_MANY;
@@ -254,10 +250,14 @@ PLATFORM_EXPORT uint32_t ringlog_init2(const char *name, uint32_t, uint32_t, uin
 
 PLATFORM_EXPORT void _ringlog_emit(uint64_t handle, uint64_t id, ...)
 {
-    const mapped_buffer *const buffer = find_buffer(handle);
+    mapped_buffer *const buffer = find_buffer(handle);
     if (buffer == nullptr)
         return;
     const uint64_t n = next_sequence(*buffer);
+    // A record that finds no space has a sequence number, so that readers count it as skipped.
+    if (!buffer->allocated.load(std::memory_order_relaxed)) [[unlikely]]
+        if (!allocate_slots(*buffer))
+            return;
     alignas(16) uint64_t words[slot_words];
     va_list arguments;
     va_start(arguments, id);
