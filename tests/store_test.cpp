@@ -4,6 +4,7 @@
 // over the system and allocator calls of store and engine, so that each of them can be made to
 // fail.
 #include "kvs.h"
+#include "platform/base/crc32c.h"
 #include "scratch.h"
 
 #include <atomic>
@@ -237,7 +238,7 @@ STORE_TEST(refuses_what_it_cannot_do)
          {find({{0, 0, 0}, 0, 8, &rec, 0}), find({{0, 0, 1}, 0, 4, &rec, 0}),
           insert({"abcdef", 6}, 4), insert({"abc", 3})}},
         {KVS_RC_KEY_CHANGED, {d.write(rec, 3, "x")}},
-        {KVS_RC_RECORD_TOO_BIG, {insert({"", UINT64_C(0xFFFFFFFC)}), insert({"", UINT64_MAX})}},
+        {KVS_RC_RECORD_TOO_BIG, {insert({"", UINT64_C(0xFFFFFFF8)}), insert({"", UINT64_MAX})}},
         {KVS_RC_BAD_OFFSET, {kvs_read_object(d.hdl, &rec, 8, &hdl, &n), d.write(rec, 8, "x")}},
         {KVS_RC_NO_SUCH_RECORD, {d.remove(1)}},
         {KVS_RC_NO_BATCH, {kvs_batch_commit(), kvs_batch_abort()}},
@@ -580,6 +581,22 @@ STORE_TEST(survives_a_disk_and_a_memory_that_fail)
         }
 }
 
+STORE_TEST(computes_the_same_checksum_in_both_ways)
+{
+    EXPECT_EQ(platform::crc32c(0, "123456789", 9), 0xE3069283u);
+    std::string bytes;
+    for (uint32_t length = 0; length < 300; ++length, bytes += static_cast<char>(length * 7)) {
+        const uint32_t whole = platform::crc32c_by_table(0, bytes.data(), length);
+        for (uint32_t part = 0; part <= length; part += 5)
+            EXPECT_EQ(platform::crc32c_by_table(platform::crc32c_by_table(0, bytes.data(), part),
+                                                bytes.data() + part, length - part),
+                      whole);
+        if (platform::has_crc32c_instruction()) {
+            EXPECT_EQ(platform::crc32c_by_instruction(0, bytes.data(), length), whole);
+        }
+    }
+}
+
 STORE_TEST(finds_damage_without_falling_over)
 {
     EXPECT_TRUE(passes_in_child([] {
@@ -621,7 +638,10 @@ STORE_TEST(gives_out_no_handle_twice_when_there_are_none_left)
 {
     const db d;
     kvs_rec_hdl rec = 0;
-    plant(nullptr, std::string("db", 3), record(UINT32_MAX - 1));
+    std::string counter = record(UINT32_MAX - 1);
+    counter +=
+        record(platform::crc32c(platform::crc32c(0, "db", 3), counter.data(), counter.size()));
+    plant(nullptr, std::string("db", 3), counter);
     EXPECT_EQ(d.insert(record(1), &rec), 0u);
     EXPECT_EQ(d.insert(record(2)), 0u);
     EXPECT_EQ(d.remove(rec), 0u);

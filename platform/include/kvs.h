@@ -53,7 +53,7 @@ typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
 #define KVS_RC_UNSUPPORTED                                                                         \
     UINT32_C(0xA6960E00) /* an argument asks for what this store does not do */
 #define KVS_RC_RECORD_TOO_BIG                                                                      \
-    UINT32_C(0xA6961000) /* a record would be longer than 2^32 - 5 bytes */
+    UINT32_C(0xA6961000) /* a record would be longer than 2^32 - 9 bytes */
 #define KVS_RC_BATCH_ACTIVE                                                                        \
     UINT32_C(0xA6961200)                     /* the thread has a batch, which does not allow this */
 #define KVS_RC_NO_BATCH UINT32_C(0xA6961400) /* the thread has no batch */

@@ -18,7 +18,7 @@ namespace {
 block<unsigned char> allocate_value(uint32_t record_length)
 {
     return block<unsigned char>(
-        static_cast<unsigned char *>(malloc(size_t{record_length} + generation_length)));
+        static_cast<unsigned char *>(malloc(size_t{record_length} + trailer_length)));
 }
 
 [[nodiscard]] uint32_t bind(const char *db_name, bool create, kvs_hdl *hdl_p)

@@ -32,6 +32,7 @@
 #pragma once
 
 #include "platform/kvs/data_file.h"
+#include "platform/kvs/record_value.h"
 #include "platform/kvs/store_file.h"
 
 #include <atomic>
@@ -47,7 +48,7 @@ constexpr unsigned name_limit = 64;
 constexpr int not_open = -1;
 
 struct database {
-    MDB_dbi dbi = 0;
+    record_tree tree;
     char name[name_limit + 1] = {};
 };
 
