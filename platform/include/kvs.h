@@ -86,6 +86,8 @@ typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
 #define KVS_RC_BATCH_BROKEN                                                                        \
     UINT32_C(0xC6961C00)                      /* a change in the batch failed; it can only abort */
 #define KVS_RC_EXHAUSTED UINT32_C(0xC6961E00) /* the database has given out all its handles */
+#define KVS_RC_OTHER_FORMAT                                                                        \
+    UINT32_C(0xC6962000) /* the store's file was made by a version that keeps it differently */
 
 /*
  * Where a key is. To find a record: `key_p` points at the key. To insert one: `key_offset` says

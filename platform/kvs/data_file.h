@@ -15,9 +15,12 @@ namespace platform {
 // error number.
 [[nodiscard]] int check_header(int fd);
 
-// Checks that every page in use lies within the file. Returns 0, MDB_CORRUPTED, or another error.
-// No other thread may use the environment yet.
-[[nodiscard]] int check_extent(MDB_env *environment);
+// Writes the version of the format into a new store. Returns 0 or an error.
+[[nodiscard]] int write_format(MDB_env *environment);
+
+// Checks the pages of the last commit, all of them if `all` is true or if they are few, and the
+// version of the format. Returns 0, MDB_CORRUPTED, MDB_VERSION_MISMATCH, or another error.
+[[nodiscard]] int check_snapshot(MDB_env *environment, bool all);
 
 // Where the file's two headers, written alternately, hold the number of the commit that wrote them.
 struct commit_numbers {

@@ -8,6 +8,7 @@
 #include "platform/kvs/record.h"
 
 #include <cstddef>
+#include <cstring>
 #include <lmdb.h>
 
 namespace platform {
@@ -15,6 +16,17 @@ namespace platform {
 inline MDB_val as_value(const void *data, size_t length)
 {
     return {length, const_cast<void *>(data)};
+}
+
+// The name of the number that is the version of the format, before all names of databases. It is
+// incremented when the layout of what the store keeps in its file changes.
+constexpr char format_name[] = "\0format";
+constexpr uint32_t format_version = 1;
+
+inline bool is_format_name(const MDB_val &name)
+{
+    return name.mv_size == sizeof format_name - 1 &&
+           memcmp(name.mv_data, format_name, name.mv_size) == 0;
 }
 
 // Where the records of a database are.
