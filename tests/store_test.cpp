@@ -183,6 +183,13 @@ void plant(const char *database, std::string name, std::string bytes)
     });
 }
 
+// The bytes with the checksum that the store puts behind them under this name.
+std::string checked(const std::string &name, const std::string &bytes)
+{
+    const uint32_t of_name = platform::crc32c(0, name.data(), name.size());
+    return bytes + record(platform::crc32c(of_name, bytes.data(), bytes.size()));
+}
+
 // Checks whether the process has a slot in the reader table.
 void expect_slot(pid_t reader, bool expected)
 {
@@ -626,22 +633,27 @@ STORE_TEST(finds_damage_without_falling_over)
                               size / 2, size - 4096, size - 1})
         look(KVS_RC_DAMAGED, [&] { fs::resize_file(data, length); });
     for (const int offset : {10, 16, 20, 40}) // flags, magic, version, page size
-        look(KVS_RC_DAMAGED, [&] {
+        look(offset == 20 ? KVS_RC_OTHER_FORMAT : KVS_RC_DAMAGED, [&] {
             std::fstream(data, std::ios::in | std::ios::out).seekp(offset).write("\0\0", 3);
         });
     for (const std::string &value :
-         {std::string(), record(9) + "abc", record(8) + record(1), record(9) + record(0)})
+         {std::string(), record(9) + "abc", checked("db", record(8) + record(1)),
+          checked("db", record(9) + record(0)), checked("other", record(9) + record(1))})
         look(KVS_RC_DAMAGED, [&] { plant("db", record(9), value); });
+    look(0, [] { plant("db", record(9), checked("db", record(9) + record(1))); });
+    const std::string format("\0format", 7);
+    look(KVS_RC_DAMAGED, [&] { plant(nullptr, format, record(1) + record(1)); });
+    look(KVS_RC_OTHER_FORMAT, [&] { plant(nullptr, format, checked(format, record(2))); });
+    look(KVS_RC_OTHER_FORMAT, [&] { plant(nullptr, std::string(2, '\0'), record(1)); });
+    look(KVS_RC_DAMAGED, [&] { plant(nullptr, "nobody's", record(1)); });
 }
 
 STORE_TEST(gives_out_no_handle_twice_when_there_are_none_left)
 {
     const db d;
     kvs_rec_hdl rec = 0;
-    std::string counter = record(UINT32_MAX - 1);
-    counter +=
-        record(platform::crc32c(platform::crc32c(0, "db", 3), counter.data(), counter.size()));
-    plant(nullptr, std::string("db", 3), counter);
+    const std::string counter("db", 3);
+    plant(nullptr, counter, checked(counter, record(UINT32_MAX - 1)));
     EXPECT_EQ(d.insert(record(1), &rec), 0u);
     EXPECT_EQ(d.insert(record(2)), 0u);
     EXPECT_EQ(d.remove(rec), 0u);

@@ -181,6 +181,14 @@ uint32_t kvs_insert_object(kvs_hdl hdl, const kvs_data_desc *data_p, uint32_t da
 uint32_t kvs_delete_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p);
 
 /*
+ * Reads the whole store that `hdl` is in, all of its databases, past the cache: the structure of
+ * its file and the checksum of every record. Gives 0 if all is sound, KVS_RC_DAMAGED if it is not,
+ * KVS_RC_OTHER_FORMAT, KVS_RC_BATCH_ACTIVE within a batch of the store, or the status of a failed
+ * read.
+ */
+uint32_t kvs_verify(kvs_hdl hdl);
+
+/*
  * A batch makes many changes one durable commit. It belongs to the calling thread and covers all
  * databases of the store that `hdl` is in: the thread's reads see its changes, nobody else does
  * until the commit, and other writers wait meanwhile. A thread that ends, or a process that dies,

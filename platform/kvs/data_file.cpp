@@ -2,7 +2,6 @@
 
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment_info.h"
-#include "platform/kvs/page_walk.h"
 #include "platform/kvs/record_value.h"
 
 #include <algorithm>
@@ -67,13 +66,12 @@ constexpr uint64_t few_pages = 4096;
 // A file that is shorter than its header says is not damaged yet: pages that were taken and given
 // back within one transaction are never written, and they may be the last ones. So it is read
 // whole.
-walk_extent extent_of(const environment_info &info, const meta_data &meta, bool all)
+walk_extent extent_for(const environment_info &info, const meta_data &meta)
 {
     struct stat about;
     const bool is_short = fstat(info.fd, &about) != 0 ||
                           static_cast<uint64_t>(about.st_size) / info.page_size <= meta.last_page;
-    return all || is_short || meta.last_page < few_pages ? walk_extent::all
-                                                         : walk_extent::main_tree;
+    return is_short || meta.last_page < few_pages ? walk_extent::pages : walk_extent::main_tree;
 }
 
 } // namespace
@@ -105,12 +103,23 @@ int check_header(int fd)
     return error;
 }
 
-int check_snapshot(MDB_env *environment, bool all)
+int check_snapshot(MDB_env *environment, MDB_txn *snapshot, walk_extent least)
 {
     environment_info info;
     if (const int error = get_environment_info(environment, &info); error != 0)
         return error;
-    // The header is read again if another process has written the next but one since.
+    const size_t id = mdb_txn_id(snapshot);
+    meta_data meta;
+    if (const int error = read_at(info.fd, &meta, sizeof meta, (id & 1) * info.page_size);
+        error != 0)
+        return error;
+    if (meta.transaction != id)
+        return EAGAIN;
+    return check_pages(info.fd, meta, std::max(least, extent_for(info, meta)));
+}
+
+int check_last_commit(MDB_env *environment)
+{
     for (;;) {
         MDB_txn *snapshot = nullptr;
         int error = begin_read(environment, &snapshot);
@@ -118,14 +127,9 @@ int check_snapshot(MDB_env *environment, bool all)
             continue;
         if (error != 0)
             return error;
-        const size_t id = mdb_txn_id(snapshot);
-        meta_data meta;
-        error = read_at(info.fd, &meta, sizeof meta, (id & 1) * info.page_size);
-        const bool is_settled = error != 0 || meta.transaction == id;
-        if (error == 0 && is_settled)
-            error = check_pages(info.fd, meta, extent_of(info, meta, all));
+        error = check_snapshot(environment, snapshot, walk_extent::main_tree);
         mdb_txn_abort(snapshot);
-        if (is_settled)
+        if (error != EAGAIN)
             return error;
     }
 }

@@ -5,6 +5,8 @@
 // the numbers of the last commits are read from here without entering the engine.
 #pragma once
 
+#include "platform/kvs/page_walk.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <lmdb.h>
@@ -18,9 +20,13 @@ namespace platform {
 // Writes the version of the format into a new store. Returns 0 or an error.
 [[nodiscard]] int write_format(MDB_env *environment);
 
-// Checks the pages of the last commit, all of them if `all` is true or if they are few, and the
-// version of the format. Returns 0, MDB_CORRUPTED, MDB_VERSION_MISMATCH, or another error.
-[[nodiscard]] int check_snapshot(MDB_env *environment, bool all);
+// Checks the pages of a snapshot, at least to the extent given, and further if they are few, and
+// the version of the format. Returns 0, MDB_CORRUPTED, MDB_VERSION_MISMATCH, EAGAIN if the snapshot
+// is too old for its header to be there still, or another error.
+[[nodiscard]] int check_snapshot(MDB_env *environment, MDB_txn *snapshot, walk_extent least);
+
+// As check_snapshot, for the last commit. No other thread may use the environment yet.
+[[nodiscard]] int check_last_commit(MDB_env *environment);
 
 // Where the file's two headers, written alternately, hold the number of the commit that wrote them.
 struct commit_numbers {

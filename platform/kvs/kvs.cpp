@@ -229,6 +229,12 @@ PLATFORM_EXPORT uint32_t kvs_delete_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p
     return write_records(hdl, [&](const write_transaction &in) { return in.remove(*rec_p); });
 }
 
+PLATFORM_EXPORT uint32_t kvs_verify(kvs_hdl hdl)
+{
+    read_transaction reading;
+    return reading.verify(hdl);
+}
+
 PLATFORM_EXPORT uint32_t kvs_batch_begin(kvs_hdl hdl) { return begin_batch(hdl); }
 
 PLATFORM_EXPORT uint32_t kvs_batch_commit(void) { return commit_batch(); }

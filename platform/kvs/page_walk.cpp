@@ -4,6 +4,7 @@
 #include "platform/kvs/page_walk.h"
 
 #include "platform/base/block.h"
+#include "platform/base/crc32c.h"
 #include "platform/kvs/record_value.h"
 
 #include <algorithm>
@@ -170,7 +171,7 @@ public:
         int error = tree(tree_kind::main, meta_.trees[1]);
         if (error == 0 && (!has_format_ || !expected_counter_.empty()))
             error = has_format_ ? MDB_CORRUPTED : MDB_VERSION_MISMATCH;
-        if (error == 0 && extent_ == walk_extent::all)
+        if (error == 0 && extent_ != walk_extent::main_tree)
             error = tree(tree_kind::free_pages, meta_.trees[0]);
         return error;
     }
@@ -253,10 +254,8 @@ private:
             ++walk.entries;
             const int error = walk.kind == tree_kind::main ? main_entry(it, page)
                               : it.flags == overflow_data  ? overflow(walk, it, page)
-                              : it.flags != 0              ? MDB_CORRUPTED
-                              : walk.kind == tree_kind::records
-                                  ? 0
-                                  : free_list(it, page.subspan(it.data));
+                              : it.flags == 0 ? data(walk.kind, it, page.subspan(it.data))
+                                              : MDB_CORRUPTED;
             if (error != 0)
                 return error;
         }
@@ -276,23 +275,27 @@ private:
             !seen_.add(first, header.pages))
             return MDB_CORRUPTED;
         walk.overflows += header.pages;
-        // The last page must be there as well.
-        unsigned char last = 0;
-        const uint64_t end = first * page_size_ + sizeof header + it.number;
-        if (const int error = read_at(fd_, &last, sizeof last, end - 1); error != 0)
-            return error;
-        return walk.kind == tree_kind::records
-                   ? 0
-                   : free_list_in(it, first * page_size_ + sizeof header);
-    }
-
-    [[nodiscard]] int free_list_in(const node &it, uint64_t offset)
-    {
+        const uint64_t offset = first * page_size_ + sizeof header;
+        if (walk.kind == tree_kind::records && extent_ != walk_extent::records) {
+            unsigned char last = 0; // must be there as well
+            return read_at(fd_, &last, sizeof last, offset + it.number - 1);
+        }
         const block<unsigned char> memory(static_cast<unsigned char *>(malloc(it.number)));
         if (!memory)
             return ENOMEM;
         const int error = read_at(fd_, memory.get(), it.number, offset);
-        return error != 0 ? error : free_list(it, {memory.get(), it.number});
+        return error != 0 ? error : data(walk.kind, it, {memory.get(), it.number});
+    }
+
+    [[nodiscard]] int data(tree_kind kind, const node &it, bytes value)
+    {
+        if (kind == tree_kind::free_pages)
+            return free_list(it, value);
+        stored_record record;
+        return extent_ == walk_extent::records
+                   ? parse_record(name_checksum_, as_value(it.key.data(), it.key.size()),
+                                  as_value(value.data(), it.number), &record)
+                   : 0;
     }
 
     // A commit's free pages: their count, and their numbers from the highest down.
@@ -344,9 +347,10 @@ private:
         memcpy(counter_name_, it.key.data(), it.key.size());
         counter_name_[it.key.size()] = 0;
         expected_counter_ = {counter_name_, it.key.size() + 1};
+        name_checksum_ = crc32c(0, it.key.data(), it.key.size());
         if (root.flags != number_keys || root.depth > deepest_tree)
             return MDB_CORRUPTED;
-        return extent_ == walk_extent::all ? tree(tree_kind::records, root) : 0;
+        return extent_ != walk_extent::main_tree ? tree(tree_kind::records, root) : 0;
     }
 
     int fd_;
@@ -355,6 +359,7 @@ private:
     walk_extent extent_;
     page_set seen_;
     bool has_format_ = false;
+    uint32_t name_checksum_ = 0; // of the database
     unsigned char counter_name_[longest_name + 1] = {};
     bytes expected_counter_; // after a database
 };

@@ -10,6 +10,8 @@
 #include "platform/kvs/record_value.h"
 #include "platform/kvs/recovery.h"
 
+#include <cerrno>
+
 namespace platform {
 namespace {
 
@@ -114,6 +116,25 @@ uint32_t read_transaction::list(kvs_hdl hdl, handle_list *list)
     list->count = static_cast<uint32_t>(about.ms_entries);
     call_.thread->listed = call_.database;
     return 0;
+}
+
+uint32_t read_transaction::verify(kvs_hdl hdl)
+{
+    if (const uint32_t status = make_call_context(hdl, &call_); status != 0)
+        return status;
+    if (call_.in_batch())
+        return KVS_RC_BATCH_ACTIVE;
+    if (const uint32_t status = begin(); status != 0)
+        return status;
+    MDB_env *const environment = call_.store->environment;
+    int error = check_snapshot(environment, txn_, walk_extent::records);
+    while (error == EAGAIN) {
+        mdb_txn_reset(txn_);
+        error = mdb_txn_renew(txn_);
+        if (error == 0)
+            error = check_snapshot(environment, txn_, walk_extent::records);
+    }
+    return status_of(error);
 }
 
 // Takes part in the batch, or begins or renews the thread's read transaction.

@@ -136,7 +136,7 @@ constexpr size_t first_map_size = 4 * 1024 * 1024;
         error = errno;
     if (error == 0)
         error = clear_reader_slots(environment, nullptr);
-    return error != 0 ? error : check_snapshot(environment, false);
+    return error != 0 ? error : check_last_commit(environment);
 }
 
 } // namespace
