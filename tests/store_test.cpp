@@ -648,6 +648,29 @@ STORE_TEST(finds_damage_without_falling_over)
     look(KVS_RC_DAMAGED, [&] { plant(nullptr, "nobody's", record(1)); });
 }
 
+// Such a file is not read whole when it is opened.
+STORE_TEST(verifies_a_large_file_when_asked)
+{
+    EXPECT_TRUE(passes_in_child([] {
+        const db d;
+        EXPECT_EQ(d.fill(0, 100, std::string(200000, 'x')), 0u);
+        EXPECT_EQ(kvs_verify(d.hdl), KVS_RC_BATCH_ACTIVE);
+        EXPECT_EQ(kvs_batch_commit(), 0u);
+        EXPECT_EQ(kvs_verify(d.hdl), 0u);
+        EXPECT_EQ(kvs_verify(0), KVS_RC_BAD_HDL);
+    }));
+    const auto verify = [](uint32_t expected) {
+        const db d;
+        EXPECT_EQ(d.bound, 0u);
+        EXPECT_EQ(kvs_verify(d.hdl), expected);
+    };
+    EXPECT_TRUE(passes_in_child([&] { verify(0); }));
+    const fs::path data = state / "store.mdb";
+    const auto middle = static_cast<std::streamoff>(fs::file_size(data) / 2);
+    std::fstream(data, std::ios::in | std::ios::out).seekp(middle).write("y", 1);
+    EXPECT_TRUE(passes_in_child([&] { verify(KVS_RC_DAMAGED); }));
+}
+
 STORE_TEST(gives_out_no_handle_twice_when_there_are_none_left)
 {
     const db d;
