@@ -115,6 +115,8 @@ int check_snapshot(MDB_env *environment, MDB_txn *snapshot, walk_extent least)
         return error;
     if (meta.transaction != id)
         return EAGAIN;
+    if (meta.trees[0].page_size != info.page_size || !is_possible(meta))
+        return MDB_CORRUPTED;
     return check_pages(info.fd, meta, std::max(least, extent_for(info, meta)));
 }
 

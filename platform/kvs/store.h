@@ -19,7 +19,8 @@
 // The files of this directory, from the lowest up; each includes only files of lower lines:
 //
 //    record  engine_status  environment_info  file_layout
-//    record_value  record_cache  engine_transactions  page_walk
+//    record_value  record_cache  engine_transactions
+//    page_walk
 //    data_file
 //    store_file
 //    store
