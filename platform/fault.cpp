@@ -83,6 +83,7 @@ constexpr fault_entry catalogue[] = {
     PLATFORM_STATUS(KVS_RC_BATCH_FULL, "record store: batch outgrew its room"),
     PLATFORM_STATUS(KVS_RC_BATCH_BROKEN, "record store: batch can only be aborted"),
     PLATFORM_STATUS(KVS_RC_EXHAUSTED, "record store: no record handle left"),
+    PLATFORM_STATUS(KVS_RC_OTHER_FORMAT, "record store: store is of another format"),
 
     PLATFORM_STATUS(RINGLOG_RC_STATE_DIR, "trace buffer: state directory not usable"),
     PLATFORM_STATUS(RINGLOG_RC_IO, "trace buffer: file cannot be opened or mapped"),

@@ -4,6 +4,7 @@
 // over the system and allocator calls of store and engine, so that each of them can be made to
 // fail.
 #include "kvs.h"
+#include "platform/base/crc32c.h"
 #include "scratch.h"
 
 #include <atomic>
@@ -183,6 +184,13 @@ void plant(const char *database, std::string name, std::string bytes)
     });
 }
 
+// The bytes with the checksum that the store puts behind them under this name.
+std::string checked(const std::string &name, const std::string &bytes)
+{
+    const uint32_t of_name = platform::crc32c(0, name.data(), name.size());
+    return bytes + record(platform::crc32c(of_name, bytes.data(), bytes.size()));
+}
+
 // Checks whether the process has a slot in the reader table.
 void expect_slot(pid_t reader, bool expected)
 {
@@ -238,7 +246,7 @@ STORE_TEST(refuses_what_it_cannot_do)
          {find({{0, 0, 0}, 0, 8, &rec, 0}), find({{0, 0, 1}, 0, 4, &rec, 0}),
           insert({"abcdef", 6}, 4), insert({"abc", 3})}},
         {KVS_RC_KEY_CHANGED, {d.write(rec, 3, "x")}},
-        {KVS_RC_RECORD_TOO_BIG, {insert({"", UINT64_C(0xFFFFFFFC)}), insert({"", UINT64_MAX})}},
+        {KVS_RC_RECORD_TOO_BIG, {insert({"", UINT64_C(0xFFFFFFF8)}), insert({"", UINT64_MAX})}},
         {KVS_RC_BAD_OFFSET, {kvs_read_object(d.hdl, &rec, 8, &hdl, &n), d.write(rec, 8, "x")}},
         {KVS_RC_NO_SUCH_RECORD, {d.remove(1)}},
         {KVS_RC_NO_BATCH, {kvs_batch_commit(), kvs_batch_abort()}},
@@ -581,6 +589,22 @@ STORE_TEST(survives_a_disk_and_a_memory_that_fail)
         }
 }
 
+STORE_TEST(computes_the_same_checksum_in_both_ways)
+{
+    EXPECT_EQ(platform::crc32c(0, "123456789", 9), 0xE3069283u);
+    std::string bytes;
+    for (uint32_t length = 0; length < 300; ++length, bytes += static_cast<char>(length * 7)) {
+        const uint32_t whole = platform::crc32c_by_table(0, bytes.data(), length);
+        for (uint32_t part = 0; part <= length; part += 5)
+            EXPECT_EQ(platform::crc32c_by_table(platform::crc32c_by_table(0, bytes.data(), part),
+                                                bytes.data() + part, length - part),
+                      whole);
+        if (platform::has_crc32c_instruction()) {
+            EXPECT_EQ(platform::crc32c_by_instruction(0, bytes.data(), length), whole);
+        }
+    }
+}
+
 STORE_TEST(finds_damage_without_falling_over)
 {
     EXPECT_TRUE(passes_in_child([] {
@@ -610,19 +634,50 @@ STORE_TEST(finds_damage_without_falling_over)
                               size / 2, size - 4096, size - 1})
         look(KVS_RC_DAMAGED, [&] { fs::resize_file(data, length); });
     for (const int offset : {10, 16, 20, 40}) // flags, magic, version, page size
-        look(KVS_RC_DAMAGED, [&] {
+        look(offset == 20 ? KVS_RC_OTHER_FORMAT : KVS_RC_DAMAGED, [&] {
             std::fstream(data, std::ios::in | std::ios::out).seekp(offset).write("\0\0", 3);
         });
     for (const std::string &value :
-         {std::string(), record(9) + "abc", record(8) + record(1), record(9) + record(0)})
+         {std::string(), record(9) + "abc", checked("db", record(8) + record(1)),
+          checked("db", record(9) + record(0)), checked("other", record(9) + record(1))})
         look(KVS_RC_DAMAGED, [&] { plant("db", record(9), value); });
+    look(0, [] { plant("db", record(9), checked("db", record(9) + record(1))); });
+    const std::string format("\0format", 7);
+    look(KVS_RC_DAMAGED, [&] { plant(nullptr, format, record(1) + record(1)); });
+    look(KVS_RC_OTHER_FORMAT, [&] { plant(nullptr, format, checked(format, record(2))); });
+    look(KVS_RC_OTHER_FORMAT, [&] { plant(nullptr, std::string(2, '\0'), record(1)); });
+    look(KVS_RC_DAMAGED, [&] { plant(nullptr, "nobody's", record(1)); });
+}
+
+// Such a file is not read whole when it is opened.
+STORE_TEST(verifies_a_large_file_when_asked)
+{
+    EXPECT_TRUE(passes_in_child([] {
+        const db d;
+        EXPECT_EQ(d.fill(0, 100, std::string(200000, 'x')), 0u);
+        EXPECT_EQ(kvs_verify(d.hdl), KVS_RC_BATCH_ACTIVE);
+        EXPECT_EQ(kvs_batch_commit(), 0u);
+        EXPECT_EQ(kvs_verify(d.hdl), 0u);
+        EXPECT_EQ(kvs_verify(0), KVS_RC_BAD_HDL);
+    }));
+    const auto verify = [](uint32_t expected) {
+        const db d;
+        EXPECT_EQ(d.bound, 0u);
+        EXPECT_EQ(kvs_verify(d.hdl), expected);
+    };
+    EXPECT_TRUE(passes_in_child([&] { verify(0); }));
+    const fs::path data = state / "store.mdb";
+    const auto middle = static_cast<std::streamoff>(fs::file_size(data) / 2);
+    std::fstream(data, std::ios::in | std::ios::out).seekp(middle).write("y", 1);
+    EXPECT_TRUE(passes_in_child([&] { verify(KVS_RC_DAMAGED); }));
 }
 
 STORE_TEST(gives_out_no_handle_twice_when_there_are_none_left)
 {
     const db d;
     kvs_rec_hdl rec = 0;
-    plant(nullptr, std::string("db", 3), record(UINT32_MAX - 1));
+    const std::string counter("db", 3);
+    plant(nullptr, counter, checked(counter, record(UINT32_MAX - 1)));
     EXPECT_EQ(d.insert(record(1), &rec), 0u);
     EXPECT_EQ(d.insert(record(2)), 0u);
     EXPECT_EQ(d.remove(rec), 0u);

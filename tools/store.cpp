@@ -66,6 +66,7 @@ void change_all(const std::function<void()> &work)
 
 void look_at_all(const std::function<void()> &work)
 {
+    require(kvs_verify(bind(*databases[0], databases[0]->name)), "store");
     const batch unchanged;
     work();
 }

@@ -53,7 +53,7 @@ typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
 #define KVS_RC_UNSUPPORTED                                                                         \
     UINT32_C(0xA6960E00) /* an argument asks for what this store does not do */
 #define KVS_RC_RECORD_TOO_BIG                                                                      \
-    UINT32_C(0xA6961000) /* a record would be longer than 2^32 - 5 bytes */
+    UINT32_C(0xA6961000) /* a record would be longer than 2^32 - 9 bytes */
 #define KVS_RC_BATCH_ACTIVE                                                                        \
     UINT32_C(0xA6961200)                     /* the thread has a batch, which does not allow this */
 #define KVS_RC_NO_BATCH UINT32_C(0xA6961400) /* the thread has no batch */
@@ -86,6 +86,8 @@ typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
 #define KVS_RC_BATCH_BROKEN                                                                        \
     UINT32_C(0xC6961C00)                      /* a change in the batch failed; it can only abort */
 #define KVS_RC_EXHAUSTED UINT32_C(0xC6961E00) /* the database has given out all its handles */
+#define KVS_RC_OTHER_FORMAT                                                                        \
+    UINT32_C(0xC6962000) /* the store's file was made by a version that keeps it differently */
 
 /*
  * Where a key is. To find a record: `key_p` points at the key. To insert one: `key_offset` says
@@ -177,6 +179,14 @@ uint32_t kvs_insert_object(kvs_hdl hdl, const kvs_data_desc *data_p, uint32_t da
 
 /* Removes the record. */
 uint32_t kvs_delete_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p);
+
+/*
+ * Reads the whole store that `hdl` is in, all of its databases, past the cache: the structure of
+ * its file and the checksum of every record. Gives 0 if all is sound, KVS_RC_DAMAGED if it is not,
+ * KVS_RC_OTHER_FORMAT, KVS_RC_BATCH_ACTIVE within a batch of the store, or the status of a failed
+ * read.
+ */
+uint32_t kvs_verify(kvs_hdl hdl);
 
 /*
  * A batch makes many changes one durable commit. It belongs to the calling thread and covers all

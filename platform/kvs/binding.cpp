@@ -1,5 +1,6 @@
 #include "platform/kvs/binding.h"
 
+#include "platform/base/crc32c.h"
 #include "platform/base/descriptor.h"
 #include "platform/base/interruption.h"
 #include "platform/base/mutex.h"
@@ -87,7 +88,21 @@ kvs_hdl find_bound(const store &store, const char *name)
 {
     MDB_txn *txn = nullptr;
     const int error = begin_read(store.environment, &txn);
-    return error != 0 ? error : end_opening_read(txn, open_in(txn, name, 0, &next.dbi));
+    return error != 0 ? error : end_opening_read(txn, open_in(txn, name, 0, &next.tree.dbi));
+}
+
+// Every database has its generation counter beside it, under its name and a NUL, which no name
+// contains. So a name that is damaged has lost its counter.
+[[nodiscard]] int create_counter(MDB_txn *txn, const char *database_name)
+{
+    MDB_dbi main = 0;
+    if (const int error = mdb_dbi_open(txn, nullptr, 0, &main); error != 0)
+        return error;
+    MDB_val name = as_value(database_name, strlen(database_name) + 1);
+    const checked_number number = make_checked_number(name, first_generation);
+    MDB_val value = as_value(&number, sizeof number);
+    const int error = mdb_put(txn, main, &name, &value, MDB_NOOVERWRITE);
+    return error == MDB_KEYEXIST ? 0 : error;
 }
 
 [[nodiscard]] int open_or_create(store &store, database &next, const char *name)
@@ -96,7 +111,9 @@ kvs_hdl find_bound(const store &store, const char *name)
     int error = begin_write(store.environment, &txn);
     if (error != 0)
         return error;
-    error = open_in(txn, name, MDB_CREATE, &next.dbi);
+    error = open_in(txn, name, MDB_CREATE, &next.tree.dbi);
+    if (error == 0)
+        error = create_counter(txn, name);
     if (error == 0)
         return commit_write(store.environment, txn);
     abort_write(store.environment, txn);
@@ -115,6 +132,7 @@ kvs_hdl find_bound(const store &store, const char *name)
     if (error != 0)
         return with_engine_error(error);
     strcpy(next.name, name);
+    next.tree.name_checksum = crc32c(0, name, strlen(name));
     store.database_count.store(count + 1, std::memory_order_release);
     return with_status(0);
 }

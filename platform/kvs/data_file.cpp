@@ -2,10 +2,12 @@
 
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment_info.h"
-#include "platform/kvs/page_walk.h"
+#include "platform/kvs/record_value.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 namespace platform {
 namespace {
@@ -15,12 +17,14 @@ bool is_possible(const meta_data &meta)
 {
     const auto is_tree = [&](const tree_root &tree) {
         const bool is_empty = tree.root == no_page;
-        return (tree.flags & (reversed_keys | several_data)) == 0 && tree.depth <= deepest_tree &&
+        return tree.depth <= deepest_tree &&
                (is_empty ? tree.depth == 0 : tree.depth != 0 && tree.root <= meta.last_page);
     };
     return meta.map_size <= largest_file &&
            meta.last_page < meta.map_size / meta.trees[0].page_size && is_tree(meta.trees[0]) &&
-           is_tree(meta.trees[1]);
+           is_tree(meta.trees[1]) &&
+           (meta.trees[0].flags | no_directory) == (number_keys | no_directory) &&
+           meta.trees[1].flags == 0;
 }
 
 // Reads one of the two headers. Each is written by transactions of its own parity.
@@ -44,31 +48,80 @@ bool is_possible(const meta_data &meta)
     if (const int error = read_header(fd, 0, 0, &metas[0]); error != 0)
         return error;
     const uint32_t size = metas[0].trees[0].page_size;
-    if (size < 512 || size > 32768 || (size & (size - 1)) != 0)
+    if (size < smallest_page || size > largest_page || (size & (size - 1)) != 0)
         return MDB_INVALID;
     if (const int error = read_header(fd, 1, size, &metas[1]); error != 0)
         return error;
+    // Commits write the headers by turns.
+    const auto [older, newer] = std::minmax(metas[0].transaction, metas[1].transaction);
+    if (newer - older > 1)
+        return MDB_INVALID;
     const meta_data &in_use = metas[metas[1].transaction > metas[0].transaction ? 1 : 0];
     return metas[1].trees[0].page_size == size && is_possible(in_use) ? 0 : MDB_INVALID;
 }
 
+// Opening a store of this many pages, or less, takes a few milliseconds for reading them all.
+constexpr uint64_t few_pages = 4096;
+
+// A file that is shorter than its header says is not damaged yet: pages that were taken and given
+// back within one transaction are never written, and they may be the last ones. So it is read
+// whole.
+walk_extent extent_for(const environment_info &info, const meta_data &meta)
+{
+    struct stat about;
+    const bool is_short = fstat(info.fd, &about) != 0 ||
+                          static_cast<uint64_t>(about.st_size) / info.page_size <= meta.last_page;
+    return is_short || meta.last_page < few_pages ? walk_extent::pages : walk_extent::main_tree;
+}
+
 } // namespace
+
+int write_format(MDB_env *environment)
+{
+    MDB_txn *txn = nullptr;
+    int error = mdb_txn_begin(environment, nullptr, 0, &txn);
+    if (error != 0)
+        return error;
+    MDB_dbi main = 0;
+    MDB_val name = as_value(format_name, sizeof format_name - 1);
+    const checked_number version = make_checked_number(name, format_version);
+    MDB_val value = as_value(&version, sizeof version);
+    if ((error = mdb_dbi_open(txn, nullptr, 0, &main)) == 0)
+        error = mdb_put(txn, main, &name, &value, 0);
+    if (error == 0)
+        return mdb_txn_commit(txn);
+    mdb_txn_abort(txn);
+    return error;
+}
 
 int check_header(int fd)
 {
-    // Another process may be writing a header, but not during all three reads.
+    // Another process may be writing a header, but not during all the reads.
     int error = check_headers(fd);
-    for (int left = 2; left != 0 && error == MDB_INVALID; --left)
+    for (int left = 9; left != 0 && error == MDB_INVALID; --left)
         error = check_headers(fd);
     return error;
 }
 
-int check_extent(MDB_env *environment)
+int check_snapshot(MDB_env *environment, MDB_txn *snapshot, walk_extent least)
 {
     environment_info info;
     if (const int error = get_environment_info(environment, &info); error != 0)
         return error;
-    // The header is read again if another process has written the next but one since.
+    const size_t id = mdb_txn_id(snapshot);
+    meta_data meta;
+    if (const int error = read_at(info.fd, &meta, sizeof meta, (id & 1) * info.page_size);
+        error != 0)
+        return error;
+    if (meta.transaction != id)
+        return EAGAIN;
+    if (meta.trees[0].page_size != info.page_size || !is_possible(meta))
+        return MDB_CORRUPTED;
+    return check_pages(info.fd, meta, std::max(least, extent_for(info, meta)));
+}
+
+int check_last_commit(MDB_env *environment)
+{
     for (;;) {
         MDB_txn *snapshot = nullptr;
         int error = begin_read(environment, &snapshot);
@@ -76,14 +129,9 @@ int check_extent(MDB_env *environment)
             continue;
         if (error != 0)
             return error;
-        const size_t id = mdb_txn_id(snapshot);
-        meta_data meta;
-        error = read_at(info.fd, &meta, sizeof meta, (id & 1) * info.page_size);
-        const bool is_settled = error != 0 || meta.transaction == id;
-        if (error == 0 && is_settled)
-            error = check_pages(info.fd, meta);
+        error = check_snapshot(environment, snapshot, walk_extent::main_tree);
         mdb_txn_abort(snapshot);
-        if (is_settled)
+        if (error != EAGAIN)
             return error;
     }
 }

@@ -5,6 +5,8 @@
 // the numbers of the last commits are read from here without entering the engine.
 #pragma once
 
+#include "platform/kvs/page_walk.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <lmdb.h>
@@ -15,9 +17,16 @@ namespace platform {
 // error number.
 [[nodiscard]] int check_header(int fd);
 
-// Checks that every page in use lies within the file. Returns 0, MDB_CORRUPTED, or another error.
-// No other thread may use the environment yet.
-[[nodiscard]] int check_extent(MDB_env *environment);
+// Writes the version of the format into a new store. Returns 0 or an error.
+[[nodiscard]] int write_format(MDB_env *environment);
+
+// Checks the pages of a snapshot, at least to the extent given, and further if they are few, and
+// the version of the format. Returns 0, MDB_CORRUPTED, MDB_VERSION_MISMATCH, EAGAIN if the snapshot
+// is too old for its header to be there still, or another error.
+[[nodiscard]] int check_snapshot(MDB_env *environment, MDB_txn *snapshot, walk_extent least);
+
+// As check_snapshot, for the last commit. No other thread may use the environment yet.
+[[nodiscard]] int check_last_commit(MDB_env *environment);
 
 // Where the file's two headers, written alternately, hold the number of the commit that wrote them.
 struct commit_numbers {

@@ -40,7 +40,7 @@ namespace {
         return error;
     for (unsigned i = 0; i < store.database_count && error == 0; ++i) {
         database &next = store.databases[i];
-        error = mdb_dbi_open(txn, next.name, MDB_INTEGERKEY, &next.dbi);
+        error = mdb_dbi_open(txn, next.name, MDB_INTEGERKEY, &next.tree.dbi);
     }
     return end_opening_read(txn, error);
 }

@@ -13,10 +13,12 @@ constexpr uint32_t file_magic = 0xBEEFC0DE;
 constexpr uint32_t file_version = 1;
 constexpr uint64_t no_page = ~uint64_t{0};
 constexpr unsigned deepest_tree = 32;
+constexpr uint32_t smallest_page = 512, largest_page = 32768;
+constexpr size_t longest_name = 511;
 constexpr uint64_t largest_file = uint64_t{1} << 47;
 
 enum page_flag : uint16_t { branch_page = 1, leaf_page = 2, overflow_page = 4, meta_page = 8 };
-enum tree_flag : uint16_t { reversed_keys = 2, several_data = 4 };
+enum tree_flag : uint16_t { number_keys = 8, no_directory = 0x4000 };
 enum node_flag : uint16_t { overflow_data = 1, tree_data = 2 };
 
 struct page_header {
@@ -25,6 +27,14 @@ struct page_header {
     uint16_t flags;
     uint16_t lower; // end of the node offsets, which follow this header
     uint16_t upper;
+};
+
+// Of a run of pages with one long value.
+struct overflow_header {
+    uint64_t number;
+    uint16_t padding;
+    uint16_t flags;
+    uint32_t pages;
 };
 
 struct tree_root {

@@ -18,7 +18,7 @@ namespace {
 block<unsigned char> allocate_value(uint32_t record_length)
 {
     return block<unsigned char>(
-        static_cast<unsigned char *>(malloc(size_t{record_length} + generation_length)));
+        static_cast<unsigned char *>(malloc(size_t{record_length} + trailer_length)));
 }
 
 [[nodiscard]] uint32_t bind(const char *db_name, bool create, kvs_hdl *hdl_p)
@@ -227,6 +227,12 @@ PLATFORM_EXPORT uint32_t kvs_delete_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p
     if (rec_p == nullptr)
         return KVS_RC_NULL_ARG;
     return write_records(hdl, [&](const write_transaction &in) { return in.remove(*rec_p); });
+}
+
+PLATFORM_EXPORT uint32_t kvs_verify(kvs_hdl hdl)
+{
+    read_transaction reading;
+    return reading.verify(hdl);
 }
 
 PLATFORM_EXPORT uint32_t kvs_batch_begin(kvs_hdl hdl) { return begin_batch(hdl); }

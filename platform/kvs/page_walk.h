@@ -8,8 +8,13 @@ namespace platform {
 // Reads a part of a file. Returns 0, an error number, or MDB_CORRUPTED if the file ends before it.
 [[nodiscard]] int read_at(int fd, void *buffer, size_t length, uint64_t offset);
 
-// Checks that every page in use by the commit of this header lies within the file. Returns 0,
-// MDB_CORRUPTED, or an error number.
-[[nodiscard]] int check_pages(int fd, const meta_data &meta);
+// The main tree has the format and the databases; it is a page or two. With the records their
+// checksums are verified too.
+enum class walk_extent { main_tree, pages, records };
+
+// Checks the pages in use by the commit of this header, and the version of the format. The pages
+// must not be written meanwhile. Returns 0, MDB_CORRUPTED, MDB_VERSION_MISMATCH if the store is of
+// another format, or an error number.
+[[nodiscard]] int check_pages(int fd, const meta_data &meta, walk_extent extent);
 
 } // namespace platform

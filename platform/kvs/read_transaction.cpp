@@ -10,6 +10,8 @@
 #include "platform/kvs/record_value.h"
 #include "platform/kvs/recovery.h"
 
+#include <cerrno>
+
 namespace platform {
 namespace {
 
@@ -99,7 +101,7 @@ uint32_t read_transaction::list(kvs_hdl hdl, handle_list *list)
     if (const uint32_t status = begin(); status != 0)
         return status;
     MDB_stat about;
-    if (const int error = mdb_stat(txn_, call_.database->dbi, &about); error != 0)
+    if (const int error = mdb_stat(txn_, call_.database->tree.dbi, &about); error != 0)
         return status_of(error);
     *list = {};
     if (about.ms_entries == 0)
@@ -114,6 +116,25 @@ uint32_t read_transaction::list(kvs_hdl hdl, handle_list *list)
     list->count = static_cast<uint32_t>(about.ms_entries);
     call_.thread->listed = call_.database;
     return 0;
+}
+
+uint32_t read_transaction::verify(kvs_hdl hdl)
+{
+    if (const uint32_t status = make_call_context(hdl, &call_); status != 0)
+        return status;
+    if (call_.in_batch())
+        return KVS_RC_BATCH_ACTIVE;
+    if (const uint32_t status = begin(); status != 0)
+        return status;
+    MDB_env *const environment = call_.store->environment;
+    int error = check_snapshot(environment, txn_, walk_extent::records);
+    while (error == EAGAIN) {
+        mdb_txn_reset(txn_);
+        error = mdb_txn_renew(txn_);
+        if (error == 0)
+            error = check_snapshot(environment, txn_, walk_extent::records);
+    }
+    return status_of(error);
 }
 
 // Takes part in the batch, or begins or renews the thread's read transaction.
@@ -142,7 +163,7 @@ uint32_t read_transaction::begin()
 
 int read_transaction::look_up(uint32_t key, stored_record *record)
 {
-    const int error = get_record(txn_, call_.database->dbi, key, record);
+    const int error = get_record(txn_, call_.database->tree, key, record);
     if (error != 0)
         return error;
     if (const uint32_t run = start_run(*record, true); run != UINT32_MAX)
@@ -156,11 +177,11 @@ int read_transaction::look_up_run(uint32_t key, stored_record *record)
     owned_cursor cursor;
     MDB_val name = as_value(&key, key_length);
     MDB_val value;
-    int error = open_cursor(txn_, call_.database->dbi, &cursor);
+    int error = open_cursor(txn_, call_.database->tree.dbi, &cursor);
     if (error == 0)
         error = mdb_cursor_get(cursor.get(), &name, &value, MDB_SET_KEY);
     if (error == 0)
-        error = parse_record(key, value, record);
+        error = parse_record(call_.database->tree.name_checksum, key, value, record);
     if (error != 0)
         return error;
     record_cache &cache = call_.thread->cache;
@@ -172,7 +193,7 @@ int read_transaction::look_up_run(uint32_t key, stored_record *record)
     for (unsigned i = 1; i < longest_run; ++i) {
         pages.prefetch_page_of(value.mv_data);
         if (mdb_cursor_get(cursor.get(), &name, &value, MDB_NEXT) != 0 ||
-            parse_record(name, value, &next) != 0 ||
+            parse_record(call_.database->tree.name_checksum, name, value, &next) != 0 ||
             !cache.add(call_.database_number(), &next, run))
             break;
     }
@@ -183,7 +204,7 @@ int read_transaction::look_up_run(uint32_t key, stored_record *record)
 int read_transaction::list_all(size_t count, kvs_rec_hdl *handles) const
 {
     owned_cursor cursor;
-    int error = open_cursor(txn_, call_.database->dbi, &cursor);
+    int error = open_cursor(txn_, call_.database->tree.dbi, &cursor);
     size_t seen = 0;
     page_prefetcher pages;
     MDB_val name;
@@ -192,7 +213,9 @@ int read_transaction::list_all(size_t count, kvs_rec_hdl *handles) const
          ++seen) {
         stored_record record;
         pages.prefetch_page_of(value.mv_data);
-        error = seen < count ? parse_record(name, value, &record) : MDB_CORRUPTED;
+        error = seen < count
+                    ? parse_record(call_.database->tree.name_checksum, name, value, &record)
+                    : MDB_CORRUPTED;
         if (error == 0)
             handles[seen] = record.handle;
     }

@@ -36,6 +36,9 @@ public:
     // Finds the handles of all records, in the order of their keys.
     [[nodiscard]] uint32_t list(kvs_hdl hdl, handle_list *list);
 
+    // Checks all pages and records of the store.
+    [[nodiscard]] uint32_t verify(kvs_hdl hdl);
+
 private:
     [[nodiscard]] bool is_cache_current() const;
     [[nodiscard]] uint32_t begin();

@@ -9,7 +9,9 @@ namespace platform {
 
 constexpr uint32_t key_length = 4;
 constexpr uint32_t generation_length = 4;
-constexpr uint64_t longest_record = UINT32_MAX - generation_length;
+constexpr uint32_t checksum_length = 4;
+constexpr uint32_t trailer_length = generation_length + checksum_length;
+constexpr uint64_t longest_record = UINT32_MAX - trailer_length;
 
 // Records that had the same key one after the other differ in their generation.
 constexpr uint32_t first_generation = 1;

@@ -19,7 +19,8 @@
 // The files of this directory, from the lowest up; each includes only files of lower lines:
 //
 //    record  engine_status  environment_info  file_layout
-//    record_value  record_cache  engine_transactions  page_walk
+//    record_value  record_cache  engine_transactions
+//    page_walk
 //    data_file
 //    store_file
 //    store
@@ -32,6 +33,7 @@
 #pragma once
 
 #include "platform/kvs/data_file.h"
+#include "platform/kvs/record_value.h"
 #include "platform/kvs/store_file.h"
 
 #include <atomic>
@@ -47,7 +49,7 @@ constexpr unsigned name_limit = 64;
 constexpr int not_open = -1;
 
 struct database {
-    MDB_dbi dbi = 0;
+    record_tree tree;
     char name[name_limit + 1] = {};
 };
 

@@ -93,7 +93,9 @@ constexpr size_t first_map_size = 4 * 1024 * 1024;
     int error = make_environment(dir, unfinished_name, MDB_NOLOCK, &environment);
     if (error != 0)
         return error;
-    error = mdb_env_sync(environment, 1);
+    error = write_format(environment);
+    if (error == 0)
+        error = mdb_env_sync(environment, 1);
     mdb_env_close(environment);
     return error;
 }
@@ -151,7 +153,7 @@ constexpr size_t first_map_size = 4 * 1024 * 1024;
         error = errno;
     if (error == 0)
         error = clear_reader_slots(environment, nullptr);
-    return error != 0 ? error : check_extent(environment);
+    return error != 0 ? error : check_last_commit(environment);
 }
 
 } // namespace

@@ -7,8 +7,6 @@
 namespace platform {
 namespace {
 
-// The counter lies beside the databases in the main one, under the database's name and a NUL, which
-// no database's own name contains.
 MDB_val counter_name(const database &database)
 {
     return as_value(database.name, strlen(database.name) + 1);
@@ -18,7 +16,7 @@ MDB_val counter_name(const database &database)
 
 attempt write_transaction::get(kvs_rec_hdl handle, stored_record *record) const
 {
-    const int error = get_record(txn_, database_.dbi, key_of(handle), record);
+    const int error = get_record(txn_, database_.tree, key_of(handle), record);
     if (error == MDB_NOTFOUND || (error == 0 && record->handle != handle))
         return with_status(KVS_RC_NO_SUCH_RECORD);
     return with_engine_error(error);
@@ -35,7 +33,7 @@ attempt write_transaction::insert(unsigned char *value, uint32_t length, kvs_rec
     stored_record old;
     int error = 0;
     if (counter.generation == no_generation_left) {
-        error = get_record(txn_, database_.dbi, key, &old);
+        error = get_record(txn_, database_.tree, key, &old);
         if (error == MDB_NOTFOUND)
             return with_status(KVS_RC_EXHAUSTED);
     } else {
@@ -44,7 +42,7 @@ attempt write_transaction::insert(unsigned char *value, uint32_t length, kvs_rec
         error = put(*handle, value, length, MDB_NOOVERWRITE, &present);
         if (error != MDB_KEYEXIST)
             return with_engine_error(error);
-        error = parse_record(key, present, &old);
+        error = parse_record(database_.tree.name_checksum, key, present, &old);
     }
     if (error != 0)
         return with_engine_error(error);
@@ -67,23 +65,21 @@ attempt write_transaction::remove(kvs_rec_hdl handle) const
         return found;
     const uint32_t key = key_of(handle);
     MDB_val name = as_value(&key, key_length);
-    const int error = mdb_del(txn_, database_.dbi, &name, nullptr);
+    const int error = mdb_del(txn_, database_.tree.dbi, &name, nullptr);
     return with_engine_error(error != 0 ? error : increment_counter());
 }
 
 int write_transaction::get_counter(generation_counter *counter) const
 {
-    *counter = {0, first_generation};
     if (const int error = mdb_dbi_open(txn_, nullptr, 0, &counter->main); error != 0)
         return error;
     MDB_val name = counter_name(database_);
     MDB_val value;
     const int error = mdb_get(txn_, counter->main, &name, &value);
     if (error != 0)
-        return error == MDB_NOTFOUND ? 0 : error;
-    if (value.mv_size != generation_length)
-        return MDB_CORRUPTED;
-    memcpy(&counter->generation, value.mv_data, generation_length);
+        return error == MDB_NOTFOUND ? MDB_CORRUPTED : error;
+    if (const int failed = parse_number(name, value, &counter->generation); failed != 0)
+        return failed;
     return counter->generation < first_generation ? MDB_CORRUPTED : 0;
 }
 
@@ -95,7 +91,8 @@ int write_transaction::increment_counter() const
         return error;
     ++counter.generation;
     MDB_val name = counter_name(database_);
-    MDB_val value = as_value(&counter.generation, generation_length);
+    const checked_number number = make_checked_number(name, counter.generation);
+    MDB_val value = as_value(&number, sizeof number);
     return mdb_put(txn_, counter.main, &name, &value, 0);
 }
 
@@ -104,11 +101,10 @@ int write_transaction::put(kvs_rec_hdl handle, unsigned char *value, uint32_t le
                            unsigned flags, MDB_val *present) const
 {
     const uint32_t key = key_of(handle);
-    const uint32_t generation = generation_of(handle);
-    memcpy(value + length, &generation, generation_length);
+    write_trailer(database_.tree.name_checksum, value, length, generation_of(handle));
     MDB_val name = as_value(&key, key_length);
-    *present = as_value(value, size_t{length} + generation_length);
-    return mdb_put(txn_, database_.dbi, &name, present, flags);
+    *present = as_value(value, size_t{length} + trailer_length);
+    return mdb_put(txn_, database_.tree.dbi, &name, present, flags);
 }
 
 } // namespace platform
