@@ -168,7 +168,8 @@ void planted_files()
     const fs::path outside = root / "outside", victim = outside / "victim";
     fs::create_directories(outside);
     std::ofstream(victim) << "secret";
-    for (const std::string name : {"store.mdb", "store.mdb-lock", "store.mdb-open", "store.mdb.new"})
+    for (const std::string name :
+         {"store.mdb", "store.mdb-lock", "store.mdb-open", "store.mdb.new"})
         for (const bool is_link : {true, false}) {
             const fs::path state = use_new_state("harm"), place = state / name;
             fs::create_directory(state);

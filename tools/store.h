@@ -13,7 +13,8 @@ void initialize(const std::string &command);
 // it throws. `work` is done a second time when the batch outgrew its room.
 void change_all(const std::function<void()> &work);
 
-// Verifies the whole store; then does the work while no other thread or process can change the store.
+// Verifies the whole store; then does the work while no other thread or process can change the
+// store.
 void look_at_all(const std::function<void()> &work);
 
 } // namespace vskvs

@@ -3,8 +3,8 @@
  *
  * A trace buffer is a file of fixed-size slots below the state directory, mapped by each process
  * that opens it. Any number of threads and processes write to it at once, without a lock or an
- * allocation and, but for the first one of a process, without a system call; a record replaces the oldest one if all slots are in use. A record
- * has a 64-bit identifier,
+ * allocation and, but for the first one of a process, without a system call; a record replaces the
+ * oldest one if all slots are in use. A record has a 64-bit identifier,
  *
  *     bits 63..40   string mask: bit 40 + i is set when argument i is a string
  *     bits 39..32   number of arguments
@@ -57,8 +57,8 @@ enum {
  * limit is free. A buffer in use is never removed, even if the limit is exceeded thereby. The files
  * of damaged buffers count too.
  *
- * The first call that maps a buffer installs a handler of SIGBUS, for faults in buffers that are cut
- * short; any other SIGBUS is passed to the action that was set before.
+ * The first call that maps a buffer installs a handler of SIGBUS, for faults in buffers that are
+ * cut short; any other SIGBUS is passed to the action that was set before.
  */
 uint32_t ringlog_init2(const char *name, uint32_t reserved_1, uint32_t reserved_2, uint32_t size_1,
                        uint32_t size_2, uint32_t reserved_3, uint64_t *handle_p);

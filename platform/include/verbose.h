@@ -9,9 +9,10 @@
  *
  * (date and time in UTC, then the process) to standard error, or to the end of the file that
  * VS_VERBOSE_FILE names (created with mode 0600; a device is accepted, a pipe or socket is not). A
- * line that a pipe without a reader or a file at its size limit refuses is lost. A line goes out in one write, so lines of several
- * threads and processes do not mix; text beyond 4000 bytes is cut. Control characters other than
- * tabs are shown as '?', and a newline at the end of the text is not doubled.
+ * line that a pipe without a reader or a file at its size limit refuses is lost. A line goes out in
+ * one write, so lines of several threads and processes do not mix; text beyond 4000 bytes is cut.
+ * Control characters other than tabs are shown as '?', and a newline at the end of the text is not
+ * doubled.
  *
  * Any thread may print at any time, also before verbose_init and in a forked child. A print that is
  * off costs a load and a branch; one that is on leaves errno as it was.
