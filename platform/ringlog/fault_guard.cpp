@@ -65,10 +65,18 @@ void handle_bus_error(int number, siginfo_t *info, void *context)
 
 } // namespace
 
+// Installed again where a program has reset the signal's action since; a handler that the program
+// has put in front stays there, since it may call this one.
 void install_fault_guard()
 {
-    if (installed || sigaction(SIGBUS, nullptr, &previous) != 0)
+    struct sigaction current;
+    if (sigaction(SIGBUS, nullptr, &current) != 0)
         return;
+    const bool is_reset = (current.sa_flags & SA_SIGINFO) == 0 &&
+                          (current.sa_handler == SIG_DFL || current.sa_handler == SIG_IGN);
+    if (installed && !is_reset)
+        return;
+    previous = current;
     page_size = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
     struct sigaction action = previous; // with its mask and flags, for the call of its handler
     action.sa_sigaction = handle_bus_error;
