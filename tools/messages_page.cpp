@@ -49,7 +49,7 @@ int main()
     puts("# Trace messages\n\n"
          "Every message that the library leaves in a trace buffer, under the operation that\n"
          "leaves it, in the order in which the operation reaches them. How to read an\n"
-         "identifier and where the buffers are is told in [trace.md](trace.md).");
+         "identifier and where the buffers are is described in [trace.md](trace.md).");
     print_table("Any operation", common_messages);
     for_each_operation(
         []<class Operation>(Operation) { print_table(Operation::operation, Operation::traced); });

@@ -1,4 +1,4 @@
-// What this process knows of its own set-up. Every word starts at 0 and is not exported.
+// The state of the set-up of this process. Every word starts at 0 and is not exported.
 #pragma once
 
 #include <cstdint>

@@ -31,7 +31,7 @@ template <class Db, class M>
     return 0;
 }
 
-// The way to the record that is to be changed: checks, handle, working copy.
+// The steps up to the change of a record: checks, handle, working copy.
 template <class Db, class M>
 [[nodiscard]] uint32_t load_for_update(typename Db::key key, handle_lookup<Db> look_up_handle,
                                        record_read<Db> read_record, working_copy<Db> &copy)
