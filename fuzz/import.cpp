@@ -1,5 +1,6 @@
 // Files of JSON lines, through the commands that read them. A line that is refused is refused by a
 // failure, and nothing else.
+#include "databases.h"
 #include "fuzz.h"
 #include "tools/commands.h"
 #include "tools/store.h"
@@ -15,8 +16,8 @@ using namespace vskvs;
 // A process is meant to open the databases once; opening them again waits and fails.
 static void forget_databases()
 {
-    g_kvs_hdl_vs_objects_db = g_kvs_hdl_vs_clients_info_db = g_kvs_hdl_vs_client_objects_reg_db =
-        VS_KVS_HDL_UNSET;
+    for (const vs_kvs::database_entry &entry : vs_kvs::database_entries)
+        *entry.handle = VS_KVS_HDL_UNSET;
 }
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

@@ -7,7 +7,7 @@
 // believing it.
 #include "core/state.h"
 #include "core/update.h"
-#include "databases.h"
+#include "startup/messages.h"
 #include "tests/scripted_platform.h"
 
 #include <algorithm>
@@ -21,6 +21,9 @@
 #include <set>
 #include <span>
 #include <sstream>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 
 using namespace scripted;
 
@@ -411,6 +414,10 @@ TEST(library, reports_what_it_does)
             found +=
                 result_line(std::string("== ") + s.name, result) + events(0, "\n", texts) + '\n';
         }
+    vs_kvs::for_each_operation([&]<class Operation>(Operation) {
+        EXPECT_NE(found.find(Operation::operation), found.npos)
+            << "no row for " << Operation::operation;
+    });
     compare("reports", found);
 }
 
@@ -527,6 +534,26 @@ TEST(library, refuses_to_outgrow_a_record)
     EXPECT_EQ(record.data->vs_count, 0x3FFFFFFDu);
     EXPECT_EQ(now.log[1], "trace errors 0x1030001026b "
                           "\"vs_kvs_add_new_client_objects_reg_object\" 4294967295 12");
+}
+
+// A fork by the thread that runs the set-up leaves the set-up's lock as it is.
+TEST(library, keeps_the_set_up_locked_when_it_forks)
+{
+    reset();
+    uint32_t second = 0;
+    now.before = [&](const std::string &, int number) {
+        if (number != 1)
+            return;
+        if (const pid_t child = fork(); child == 0)
+            _exit(0);
+        else
+            waitpid(child, nullptr, 0);
+        now.lock_error = EDEADLK; // the answer to a second thread, which may not wait here
+        std::thread([&] { second = vs_kvs_debug_init(0); }).join();
+        now.lock_error = 0;
+    };
+    EXPECT_EQ(vs_kvs_debug_init(0), 0u);
+    EXPECT_EQ(second, static_cast<uint32_t>(EDEADLK));
 }
 
 // A database is a folder of src/ with a schema, and an exported handle.

@@ -1,6 +1,7 @@
 #include "tests/scripted_platform.h"
 
 #include "core/state.h"
+#include "databases.h"
 #include "fault.h"
 #include "jobctl.h"
 #include "loader.h"
@@ -185,9 +186,10 @@ void reset()
         free(block);
     g_vs_kvs_proc_name = nullptr;
     now = script{};
-    now.store = {{"vs_objects", {}}, {"vs_clients_info", {}}, {"vs_clientobjectsreg", {}}};
-    g_kvs_hdl_vs_objects_db = g_kvs_hdl_vs_clients_info_db = g_kvs_hdl_vs_client_objects_reg_db =
-        VS_KVS_HDL_UNSET;
+    for (const vs_kvs::database_entry &entry : vs_kvs::database_entries) {
+        now.store[entry.name] = {};
+        *entry.handle = VS_KVS_HDL_UNSET;
+    }
     g_vs_kvs_debug_initialized = g_vs_kvs_dbs_initialized = g_vs_objects_db_populated = 0;
     vs_ringlog = common_buffer;
     vs_kvs_api_trace = api_buffer;

@@ -190,7 +190,7 @@ uint32_t kvs_verify(kvs_hdl hdl);
 
 /*
  * A batch makes many changes one durable commit. It belongs to the calling thread and covers all
- * databases of the store that `hdl` is in: the thread's reads see its changes, nobody else does
+ * databases of the store that `hdl` is in: the thread's reads see its changes, no other reads do
  * until the commit, and other writers wait meanwhile. A thread that ends, or a process that dies,
  * aborts its batch. Within a batch no database can be bound that is not bound already, and after a
  * change that failed half-way (KVS_RC_NO_SPACE, KVS_RC_BATCH_FULL and their like) every call gives

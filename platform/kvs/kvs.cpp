@@ -46,7 +46,7 @@ block<unsigned char> allocate_value(uint32_t record_length)
     if (status != 0)
         return status == KVS_RC_NO_SUCH_RECORD ? 0 : status;
     found->handles.reset(static_cast<kvs_rec_hdl *>(malloc(sizeof(kvs_rec_hdl))));
-    if (!found->handles)
+    if (found->handles == nullptr)
         return KVS_RC_NO_MEMORY;
     *found->handles = record.handle;
     found->count = 1;

@@ -109,7 +109,7 @@ uint32_t read_transaction::list(kvs_hdl hdl, handle_list *list)
     if (about.ms_entries > UINT32_MAX)
         return status_of(MDB_CORRUPTED);
     list->handles.reset(static_cast<kvs_rec_hdl *>(malloc(about.ms_entries * sizeof(kvs_rec_hdl))));
-    if (!list->handles)
+    if (list->handles == nullptr)
         return KVS_RC_NO_MEMORY;
     if (const int error = list_all(about.ms_entries, list->handles.get()); error != 0)
         return status_of(error);
