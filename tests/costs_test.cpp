@@ -8,6 +8,7 @@
 #include "vs_kvs.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
@@ -22,6 +23,9 @@ unsigned counts[std::size(names)];
 
 OWN_STATE_DIR(false);
 
+// The disk flushes after each write through such a descriptor.
+bool is_synchronous(int fd) { return (fcntl(fd, F_GETFL) & O_DSYNC) != 0; }
+
 } // namespace
 
 #define COUNT(counted, result, name, parameters, ...)                                              \
@@ -33,7 +37,8 @@ OWN_STATE_DIR(false);
     }
 
 using num = uint32_t;
-COUNT(writes, ssize_t, pwrite, (int f, const void *b, size_t n, off_t o), f, b, n, o)
+COUNT(is_synchronous(f) ? syncs : writes, ssize_t, pwrite,
+      (int f, const void *b, size_t n, off_t o), f, b, n, o)
 COUNT(writes, ssize_t, pwritev, (int f, const iovec *v, int n, off_t o), f, v, n, o)
 COUNT(writes, ssize_t, write, (int f, const void *b, size_t n), f, b, n)
 COUNT(writes, ssize_t, writev, (int f, const iovec *v, int n), f, v, n)

@@ -164,6 +164,7 @@ void in_engine(const std::function<void(MDB_env *)> &work)
         MDB_env *env = nullptr;
         mdb_env_create(&env);
         mdb_env_set_maxdbs(env, 1);
+        mdb_env_set_mapsize(env, 64 << 20);
         ASSERT_EQ(mdb_env_open(env, (state / "store.mdb").c_str(), MDB_NOSUBDIR, 0600), 0);
         work(env);
         mdb_env_close(env);
@@ -644,7 +645,7 @@ STORE_TEST(finds_damage_without_falling_over)
     look(0, [] { plant("db", record(9), checked("db", record(9) + record(1))); });
     const std::string format("\0format", 7);
     look(KVS_RC_DAMAGED, [&] { plant(nullptr, format, record(1) + record(1)); });
-    look(KVS_RC_OTHER_FORMAT, [&] { plant(nullptr, format, checked(format, record(2))); });
+    look(KVS_RC_OTHER_FORMAT, [&] { plant(nullptr, format, checked(format, record(1))); });
     look(KVS_RC_OTHER_FORMAT, [&] { plant(nullptr, std::string(2, '\0'), record(1)); });
     look(KVS_RC_DAMAGED, [&] { plant(nullptr, "nobody's", record(1)); });
 }

@@ -1,6 +1,7 @@
 #include "platform/kvs/batch.h"
 
 #include "platform/base/interruption.h"
+#include "platform/kvs/change_commit.h"
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment.h"
@@ -35,7 +36,7 @@ void make_batch_room(store &store)
         return not_open;
     MDB_txn *txn = nullptr;
     const unsigned count = store.database_count.load(std::memory_order_acquire);
-    const int error = begin_write(store.environment, &txn);
+    const int error = begin_change(store, &txn);
     if (error == 0) {
         thread.open_batch = {&store, txn, count, false};
         thread.entered_by_batch = 1u << store.index;
@@ -93,7 +94,7 @@ uint32_t commit_batch()
         return KVS_RC_BATCH_BROKEN;
     }
     store &store = *thread->open_batch.store;
-    const int error = commit_write(store.environment, thread->open_batch.txn);
+    const int error = commit_change(store, thread->open_batch.txn);
     const uint32_t status = error != 0 ? log_batch_error(store, error) : 0;
     release_batch(*thread);
     return status;

@@ -18,7 +18,8 @@ namespace {
 
 enum class file_byte : off_t { writer, reader_table };
 
-[[nodiscard]] int set_byte_lock(MDB_env *environment, file_byte which, short type)
+[[nodiscard]] int set_byte_lock(MDB_env *environment, file_byte which, short type,
+                                int command = F_SETLKW)
 {
     int fd = -1;
     if (const int error = mdb_env_get_fd(environment, &fd); error != 0)
@@ -28,7 +29,9 @@ enum class file_byte : off_t { writer, reader_table };
     lock.l_whence = SEEK_SET;
     lock.l_start = static_cast<off_t>(which);
     lock.l_len = 1;
-    while (fcntl(fd, F_SETLKW, &lock) != 0) {
+    while (fcntl(fd, command, &lock) != 0) {
+        if (errno == EACCES)
+            return EAGAIN;
         if (errno != EINTR && errno != EDEADLK)
             return errno;
         // The system detects deadlocks by process, also where different threads wait.
@@ -48,6 +51,14 @@ void unlock_byte(MDB_env *environment, file_byte which)
     static_cast<void>(set_byte_lock(environment, which, F_UNLCK));
 }
 
+[[nodiscard]] int begin_locked_write(MDB_env *environment, MDB_txn **txn)
+{
+    const int error = mdb_txn_begin(environment, nullptr, 0, txn);
+    if (error != 0)
+        unlock_byte(environment, file_byte::writer);
+    return error;
+}
+
 template <class Work>
 [[nodiscard]] int with_reader_table(MDB_env *environment, const Work &work)
 {
@@ -65,11 +76,17 @@ template <class Work>
 
 int begin_write(MDB_env *environment, MDB_txn **txn)
 {
-    int error = lock_byte(environment, file_byte::writer);
-    if (error == 0 && (error = mdb_txn_begin(environment, nullptr, 0, txn)) != 0)
-        unlock_byte(environment, file_byte::writer);
-    return error;
+    const int error = lock_byte(environment, file_byte::writer);
+    return error != 0 ? error : begin_locked_write(environment, txn);
 }
+
+int begin_write_at_once(MDB_env *environment, MDB_txn **txn)
+{
+    const int error = set_byte_lock(environment, file_byte::writer, F_WRLCK, F_SETLK);
+    return error != 0 ? error : begin_locked_write(environment, txn);
+}
+
+void release_writer_lock(MDB_env *environment) { unlock_byte(environment, file_byte::writer); }
 
 int cause_of_failed_write(MDB_env *environment, int error)
 {
@@ -81,19 +98,6 @@ int cause_of_failed_write(MDB_env *environment, int error)
     const off_t end = std::max(static_cast<off_t>(info.used_size), file.st_size);
     const bool has_room = fallocate(info.fd, 0, end, 64 * 1024) == 0;
     return !has_room && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG) ? errno : error;
-}
-
-int commit_write(MDB_env *environment, MDB_txn *txn)
-{
-    const int error = cause_of_failed_write(environment, mdb_txn_commit(txn));
-    unlock_byte(environment, file_byte::writer);
-    return error;
-}
-
-void abort_write(MDB_env *environment, MDB_txn *txn)
-{
-    mdb_txn_abort(txn);
-    unlock_byte(environment, file_byte::writer);
 }
 
 int begin_read(MDB_env *environment, MDB_txn **txn)

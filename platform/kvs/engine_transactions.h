@@ -13,11 +13,15 @@ namespace platform {
 
 // All return 0, an error of the engine, or an error number.
 
-// Begins a write transaction; the process's writer lock is held until it is committed or aborted.
-// One thread of a process at a time may write to a store.
+// Begins a write transaction under the writers' lock. One thread of a process at a time may write
+// to a store.
 [[nodiscard]] int begin_write(MDB_env *environment, MDB_txn **txn);
-[[nodiscard]] int commit_write(MDB_env *environment, MDB_txn *txn);
-void abort_write(MDB_env *environment, MDB_txn *txn);
+
+// As begin_write, but returns EAGAIN if another process holds the writers' lock.
+[[nodiscard]] int begin_write_at_once(MDB_env *environment, MDB_txn **txn);
+
+// Called when the write transaction has ended.
+void release_writer_lock(MDB_env *environment);
 
 // The engine returns EIO for every short write. Returns ENOSPC, EDQUOT or EFBIG if that is why, and
 // `error` in all other cases.

@@ -1,6 +1,7 @@
 #include "platform/kvs/environment.h"
 
 #include "platform/base/mutex.h"
+#include "platform/kvs/change_commit.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment_info.h"
 
@@ -60,7 +61,8 @@ namespace {
 int open_environment(store &store, int dir, bool create)
 {
     int error = open_environment_files(dir, create, &store.environment);
-    if (error == 0 && (error = open_commit_numbers(store)) != 0) {
+    if (error == 0 &&
+        ((error = open_commit_numbers(store)) != 0 || (error = open_journal(store)) != 0)) {
         mdb_env_close(store.environment);
         store.environment = nullptr;
     }
@@ -73,8 +75,8 @@ int reopen_environment(store &store)
     const scoped_lock lock(stores_mutex);
     access.close_environment();
     int error = open_environment_files(store.dir, false, &store.environment);
-    if (error == 0 &&
-        ((error = open_commit_numbers(store)) != 0 || (error = open_databases(store)) != 0))
+    if (error == 0 && ((error = open_commit_numbers(store)) != 0 ||
+                       (error = open_journal(store)) != 0 || (error = open_databases(store)) != 0))
         access.close_environment();
     // Another process may have written more than fits the new map already.
     return error == MDB_MAP_RESIZED ? 0 : error;

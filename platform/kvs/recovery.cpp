@@ -1,6 +1,7 @@
 #include "platform/kvs/recovery.h"
 
 #include "platform/base/interruption.h"
+#include "platform/kvs/change_commit.h"
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment.h"
@@ -20,6 +21,12 @@ namespace {
     return error != 0 ? log_engine_error("clearing the reader table", error) : 0;
 }
 
+[[nodiscard]] int finish_under_exclusive_access(store &store)
+{
+    const exclusive_access access(store);
+    return finish_interrupted_commits(store);
+}
+
 } // namespace
 
 uint32_t recover_as_writer(store &store, thread_context &thread, int error, uint64_t epoch)
@@ -32,6 +39,8 @@ uint32_t recover_as_writer(store &store, thread_context &thread, int error, uint
         error = reopen_environment(store);
     else if (error == MDB_MAP_RESIZED)
         error = enlarge_map(store, 0);
+    else if (error == interrupted_commit)
+        error = finish_under_exclusive_access(store);
     else if (error == MDB_MAP_FULL)
         error = double_map(store);
     return error != 0 ? log_engine_error("using the store", error) : 0;

@@ -14,27 +14,28 @@
 // An attempt that fails for lack of room, or because of a useless environment, is undone; the store
 // is recovered, and the attempt made again.
 //
-// The order of the locks: binding, writer, threads, stores.
+// The order of the locks: binding, writer, threads, stores; the mutex of a queue is the last.
 //
 // The files of this directory, from the lowest up; each includes only files of lower lines:
 //
-//    record  engine_status  environment_info  file_layout
-//    record_value  record_cache  engine_transactions
-//    page_walk
-//    data_file
+//    record  attempt  store_limits  engine_status  environment_info  file_layout
+//    record_value  record_cache  journal_entry  engine_transactions
+//    page_walk  write_transaction
+//    journal  data_file
 //    store_file
 //    store
-//    threads  arguments
+//    threads  arguments  change_commit
 //    call_context  environment
 //    recovery
-//    binding  batch
-//    read_transaction  write_transaction
+//    binding  batch  write_queue
+//    read_transaction  journal_reader
 //    kvs
 #pragma once
 
 #include "platform/kvs/data_file.h"
-#include "platform/kvs/record_value.h"
+#include "platform/kvs/journal.h"
 #include "platform/kvs/store_file.h"
+#include "platform/kvs/write_transaction.h"
 
 #include <atomic>
 #include <pthread.h>
@@ -43,14 +44,28 @@
 namespace platform {
 
 constexpr unsigned store_limit = 8;
-constexpr unsigned name_limit = 64;
 
 // The error of an attempt in a store without an environment. The engine's own lie far below.
 constexpr int not_open = -1;
 
-struct database {
-    record_tree tree;
-    char name[name_limit + 1] = {};
+// The journal of a store, and the changes that the next entry is made of. Guarded by the writer
+// mutex, but for the area, which only the environment's replacement changes.
+struct store_journal {
+    journal_area area;
+    journal_end end;
+    change_author author = {};
+    entry_builder changes;
+    // Of a commit that failed, if its entry could not be removed yet; else 0.
+    uint64_t failed_commit = 0;
+};
+
+// The changes that wait for a commit; see write_queue.h.
+struct write_request;
+struct write_queue {
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    write_request *first = nullptr;
+    write_request *last = nullptr;
+    bool has_leader = false; // a thread that will take all requests
 };
 
 struct store {
@@ -62,6 +77,8 @@ struct store {
     std::atomic<unsigned> database_count{0};
     database databases[database_limit];
     uint64_t batch_scale = 1; // of the room that a batch gets
+    store_journal journal;
+    write_queue queue;
     // Mapped apart from the environment, so that they can be read without entering the store, and
     // only once for each file: a store has a second file only if its first one was replaced.
     std::atomic<const uint64_t *> first_commit_number{nullptr};

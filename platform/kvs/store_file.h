@@ -5,9 +5,6 @@
 
 namespace platform {
 
-// The number of named databases that one store holds.
-constexpr unsigned database_limit = 16;
-
 // Opens the store in the directory `dir`; if `create` is true, makes it first when it is missing.
 // Returns 0 or an error: ENOENT if the store is missing, ELOOP if one of its files is not a regular
 // file. The process may have no other environment of the store open, except one that was inherited
