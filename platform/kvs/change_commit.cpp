@@ -161,6 +161,8 @@ int open_journal(store &store)
     // A process that holds the lock is changing the store, and has found it in order before.
     while (error == interrupted_commit)
         error = finish_next_commit(store, begin_write_at_once);
+    // Without the lock, the entry of a commit that fails may have been seen.
+    store.journal.end = {};
     return error == EAGAIN ? 0 : error;
 }
 

@@ -21,10 +21,12 @@
 //    record  attempt  store_limits  engine_status  environment_info  file_layout
 //    record_value  record_cache  journal_entry  engine_transactions
 //    page_walk  write_transaction
-//    journal  data_file
-//    store_file
+//    journal
+//    data_file
+//    store_file  commit_wait
 //    store
-//    threads  arguments  change_commit
+//    change_commit
+//    threads  arguments
 //    call_context  environment
 //    recovery
 //    binding  batch  write_queue
