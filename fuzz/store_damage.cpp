@@ -1,5 +1,5 @@
 // What a reader gets of a store whose data file is damaged anywhere: a byte changed, the file cut
-// off, pages of random bytes, pages in each other's place.
+// off, pages of random bytes, swapped pages.
 //
 //   fuzz_store_damage [TRIALS [SEED]]
 //

@@ -69,7 +69,7 @@ void work()
 
 struct base {
     std::string file;
-    std::vector<size_t> places; // of bytes of records
+    std::vector<size_t> positions; // of bytes of records
 };
 
 const base &sound()
@@ -88,7 +88,7 @@ const base &sound()
         // The body of a record, with the key before and the generation behind it.
         for (size_t i = 2 * page; i < it.file.size(); ++i)
             if (it.file.compare(i, 4, "rrrr") == 0)
-                it.places.insert(it.places.end(), {i - 4, i, i + 4});
+                it.positions.insert(it.positions.end(), {i - 4, i, i + 4});
         return it;
     }();
     return made;
@@ -111,7 +111,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             const auto &[from, end] = header_parts[where % std::size(header_parts)];
             file[what / 8 % 2 * page + from + where / 8 % (end - from)] = value;
         } else {
-            file[sound().places[(where << 8 | what) % sound().places.size()]] = value;
+            file[sound().positions[(where << 8 | what) % sound().positions.size()]] = value;
         }
     }
     file.resize(length);

@@ -1,10 +1,9 @@
 // The library against the scripted platform.
 //
 // Every scenario prepares a store, runs one operation and leaves a log of all that the platform
-// saw. The logs of the regular runs and of the special cases, and what each trouble at each point
-// of a regular run changes in its log, are compared as a whole with expected_reports.txt and
-// expected_failures.txt; run with ACCEPT=1 to write them anew, and read the difference before
-// believing it.
+// received. The logs of the regular runs and of the special cases, and what each trouble at each
+// point of a regular run changes in its log, are compared as a whole with expected_reports.txt and
+// expected_failures.txt; run with ACCEPT=1 to write them anew, and review the difference.
 #include "core/state.h"
 #include "core/update.h"
 #include "startup/messages.h"
@@ -105,7 +104,7 @@ call insert(uint32_t (*operation)(const Record *, kvs_rec_hdl *),
 
 // ---- what the operations are given ----
 
-constexpr vs_client_info_entry new_client{9, 900, {1, 2, 3}}, same_jid{5, 501, {9}}, nobody{};
+constexpr vs_client_info_entry new_client{9, 900, {1, 2, 3}}, same_jid{5, 501, {9}}, no_client{};
 constexpr vs_object_sel_entry fresh[] = {{0x40, 2, {}}, {0x41, 0, {}}},
                               stored[] = {{A, 3, {}}, {unknown, 4, {}}, {B, 5, {}}},
                               nameless[] = {{A, 3, {}}, {0, 5, {}}};
@@ -141,7 +140,8 @@ void start(const scenario &s)
     s.prepare();
 }
 
-// One regular run of every operation that reaches the platform; the loop below troubles them all.
+// One regular run of every operation that reaches the platform; the loop below injects faults into
+// them all.
 const scenario regular[] = {
     {"initialize", plain(vs_kvs_initialize, 0x700000ABC), [] { g_vs_kvs_dbs_initialized = 0; }},
     {"db_init", plain(vs_kvs_db_init, 5, VS_KVS_DB_CLIENTS_INFO)},
@@ -256,7 +256,7 @@ const scenario special[] = {
     {"add client: id 0", plain(vs_kvs_add_new_client_info, 0, &new_client)},
     {"add client: listed already", plain(vs_kvs_add_new_client_info, A, &same_jid)},
     {"add client: to an empty list", add_client, replaced("vs_clients_info", {A, 0})},
-    {"add client: jid 0, list shortened", plain(vs_kvs_add_new_client_info, A, &nobody),
+    {"add client: jid 0, list shortened", plain(vs_kvs_add_new_client_info, A, &no_client),
      before_nth("kvs_get_object_size", 2, replaced("vs_clients_info", {A, 0}))},
     {"add client: write undone", add_client,
      before_nth("kvs_get_object_size", 2,
@@ -376,7 +376,7 @@ void compare(const char *part, const std::string &found)
     EXPECT_FALSE(std::getline(expected, want)) << "less than expected: " << want;
 }
 
-// What the process knows of its own set-up; the log tells when that changes.
+// The state of the process's set-up; a change of it goes into the log.
 std::string state()
 {
     return "state " + std::to_string(g_vs_kvs_debug_initialized) + ' ' +
@@ -384,7 +384,7 @@ std::string state()
 }
 
 // Runs a scenario that was started. It must not leak, but each debug set-up leaves the process's
-// name in place.
+// name allocated.
 outcome run(const scenario &s, const std::string &name)
 {
     const std::string before = state();
@@ -428,7 +428,7 @@ struct trouble {
     std::function<void(int n)> prepare;
 };
 
-// What another process, or a platform that is not to be trusted, may do just before the n-th call.
+// What another process, or a faulty platform, may do just before the n-th call.
 std::function<void(int)> at_call(const change &make)
 {
     return [=](int n) {
@@ -480,8 +480,8 @@ const trouble troubles[] = {
 };
 
 // Brings each trouble to the n-th call, or the n-th allocation, of every regular run, for every n
-// until a run does not meet it. Each course of events is told once, from where it leaves the
-// regular one. A failure leaves the store as one of the changes made before it did.
+// until a run does not meet it. Each sequence of events is printed once, from where it differs from
+// the regular one. A failure leaves the store as one of the changes made before it did.
 TEST(library, survives_trouble_at_every_point)
 {
     std::string found;

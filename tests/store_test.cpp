@@ -1,4 +1,4 @@
-// The record store as kvs.h promises it, on real files, with real processes and forks.
+// The record store as documented in kvs.h, on real files, with real processes and forks.
 //
 // Every test runs in a child process, since a process cannot close a store. This executable takes
 // over the system and allocator calls of store and engine, so that each of them can be made to

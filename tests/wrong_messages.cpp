@@ -21,7 +21,7 @@ static_assert(!cover(std::span(all_fields).first(2), sizeof(vs_client_info_entry
 static_assert(!cover(a_gap, sizeof(vs_client_info_entry)));
 #elif WRONG == 1 // an argument too many in the identifier
 constexpr errors<object_id, status_text> wrong{0x50400010299, "%s: id 0x%X: %s"};
-#elif WRONG == 2 // a string that the mask does not tell
+#elif WRONG == 2 // a string that the mask lacks
 constexpr errors<object_id, status_text> wrong{0x10300010299, "%s: id 0x%X: %s"};
 #elif WRONG == 3 // a conversion of another kind
 constexpr errors<object_id, status_text> wrong{0x50300010299, "%s: id %s: %s"};

@@ -1,23 +1,17 @@
 // The three databases and the library's operations on them.
 #include "tools/records.h"
 
+#include "core/block.h"
 #include "databases.h"
 #include "vs_kvs.h"
 
 #include <array>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 
 namespace vskvs {
 namespace {
 
-struct free_block {
-    void operator()(void *address) const { free(address); }
-};
-
-template <class Record>
-using block = std::unique_ptr<Record, free_block>;
+using vs_kvs::block;
 
 words copy_of(const shape &of, const void *record)
 {

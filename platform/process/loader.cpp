@@ -1,11 +1,11 @@
 // Distinguishes an explicit unload from the end of the process.
 //
-// Libraries that came with the program are never unloaded, so their answer is known; the loader
-// lists them first. For the others the answer follows from whether the process ends.
+// Libraries that came with the program are never unloaded explicitly; the loader lists them first.
+// For the others the result depends on whether the process ends.
 //
 // The return address identifies the calling library, unless the hook ends in a jump to this query:
 // then the address is in the loader or the C library, which call the hooks, and the calling library
-// may be any. Of those that came with the program such a call gets the wrong answer only if a
+// may be any. For one that came with the program the result is then wrong only if a
 // thread other than the main one calls exit() and no handler is registered.
 #include "loader.h"
 

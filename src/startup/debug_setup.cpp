@@ -1,4 +1,5 @@
-// The load hook and the per-process debug set-up: who this process is, and where its reports go.
+// The load hook and the per-process debug set-up: the identity of the process, and its trace
+// buffers and debug prints.
 //
 // Until the set-up is done there may be no channel that would carry its failures, so they go to
 // standard error.
@@ -40,7 +41,7 @@ constexpr size_t name_room = 256;
 constexpr size_t longest_short_name = 64;
 constexpr uint32_t lockwatch_code = 40;
 
-// The names under which the process's buffers were opened, in place for its life.
+// The names under which the process's buffers were opened, valid until it ends.
 char api_buffer_name[name_room];
 char errors_buffer_name[name_room];
 
@@ -63,7 +64,7 @@ void after_fork_in_parent()
 
 void after_fork_in_child()
 {
-    pthread_mutex_unlock(&vs_kvs_debug_mutex); // refused, but a checker of locks takes note
+    pthread_mutex_unlock(&vs_kvs_debug_mutex); // refused, but seen by tools that check locks
     pthread_mutexattr_t kind;
     pthread_mutexattr_init(&kind);
     pthread_mutexattr_settype(&kind, PTHREAD_MUTEX_ERRORCHECK);
@@ -98,7 +99,7 @@ struct identity {
 };
 
 // The job manager names its jobs; of any other process the system gives the name, and the process
-// id stands in for the job id, whatever else the job manager may have returned.
+// id stands in for the job id, whatever other id the job manager may have returned.
 [[nodiscard]] uint32_t identify(const char *operation, identity &self)
 {
     const bool is_job = jobctl_get_job_id(&self.job_id) == 0;
@@ -115,7 +116,7 @@ struct identity {
     return status;
 }
 
-// Finds out who this process is, and fills in its short name.
+// Finds the identity of this process, and fills in its short name.
 [[nodiscard]] uint32_t name_process(const char *operation, char *short_name, uint32_t &job_id)
 {
     identity self;
