@@ -68,7 +68,7 @@ vs_object_sel_entry selection_of(const words &record)
 }
 
 // One call of the library's bulk operation.
-uint32_t apply(std::span<const words> chunk, bool update)
+[[nodiscard]] uint32_t apply(std::span<const words> chunk, bool update)
 {
     std::vector<vs_object_sel_entry> entries;
     std::vector<const uint32_t *> versions;

@@ -67,12 +67,13 @@ bool is_explicit_unload(const void *return_address)
 }
 
 // The loader calls this function too.
-__attribute__((constructor)) void locate_callers_of_hooks()
+__attribute__((constructor)) void start_distinguishing()
 {
     loader_position.store(position_of_library(__builtin_return_address(0)),
                           std::memory_order_relaxed);
     c_library_position.store(position_of_library(gnu_get_libc_version()),
                              std::memory_order_relaxed);
+    platform::start_watching("__in_unload", reinterpret_cast<const void *>(&__in_unload));
 }
 
 } // namespace

@@ -116,16 +116,11 @@ struct identity {
     return status;
 }
 
-// Finds the identity of this process, and fills in its short name.
-[[nodiscard]] uint32_t name_process(const char *operation, char *short_name, uint32_t &job_id)
+// Copies the last component of the name.
+[[nodiscard]] uint32_t shorten_name(const char *operation, const char *name, char *short_name)
 {
-    identity self;
-    const uint32_t status = identify(operation, self);
-    job_id = self.job_id;
-    if (status != 0)
-        return status;
-    const char *const slash = strrchr(self.name, '/');
-    const char *const last = slash != nullptr ? slash + 1 : self.name;
+    const char *const slash = strrchr(name, '/');
+    const char *const last = slash != nullptr ? slash + 1 : name;
     const size_t length = strlen(last);
     if (length > longest_short_name) {
         fprintf(stderr, "%s: %s: failed: process name too long\n", program_invocation_short_name,
@@ -141,9 +136,10 @@ struct identity {
 [[nodiscard]] uint32_t set_up(const char *operation, uint64_t evm)
 {
     auto *const short_name = static_cast<char *>(calloc(longest_short_name + 1, 1));
-    uint32_t job_id = 0;
-    uint32_t status =
-        short_name != nullptr ? name_process(operation, short_name, job_id) : VS_FAULT_NO_MEMORY;
+    identity self;
+    uint32_t status = short_name != nullptr ? identify(operation, self) : VS_FAULT_NO_MEMORY;
+    if (status == 0)
+        status = shorten_name(operation, self.name, short_name);
     publish(g_vs_kvs_proc_name, short_name);
     if (short_name == nullptr)
         fprintf(stderr, "%s: %s failed to allocate mem for proc name\n",
@@ -151,7 +147,7 @@ struct identity {
     if (status != 0)
         return status;
 
-    status = vs_kvs_ringlog_init(static_cast<int32_t>(job_id));
+    status = vs_kvs_ringlog_init(static_cast<int32_t>(self.job_id));
     if (status != 0) {
         fprintf(stderr, "%s: %s: failed in vs_kvs_ringlog_init: %s\n",
                 program_invocation_short_name, operation, fault_strerror(status));
@@ -214,7 +210,8 @@ uint32_t vs_kvs_ringlog_init(int32_t job_id)
     if (status != 0) {
         const char *const name = load(g_vs_kvs_proc_name);
         fprintf(stderr, "%s: %s: ringlog_init2 trace failed: %s for proc: %s\n",
-                program_invocation_short_name, __func__, fault_strerror(status), name ? name : "");
+                program_invocation_short_name, __func__, fault_strerror(status),
+                name != nullptr ? name : "");
     }
     status = ringlog_init2(errors_buffer_name, 0, 0, 256, 6144, 0, &vs_kvs_errors_trace);
     if (status != 0)
