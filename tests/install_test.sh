@@ -81,7 +81,7 @@ for name in $(nm -D --defined-only "$libdir/libvs_kvs.so" | awk '$2 == "T" {prin
     [ -e "$man/man3/$name.3" ] || fail "there is no page $name(3)"
 done
 
-# Every command and option in the tool's help is in its page and is offered for completion.
+# Every command has an example; it and its options are in the page and are offered for completion.
 # shellcheck source=/dev/null
 source "$prefix/share/bash-completion/completions/vskvs"
 offered() # the command's words, one more word
@@ -95,6 +95,8 @@ walk() # the command's words
 {
     local help word
     help=$("$vskvs" "$@" --help)
+    [[ $help == *Subcommands:* || $help == *Example:*"vskvs $*"* ]] ||
+        fail "no example in: vskvs $* --help"
     for word in $(sed -n 's/^  \(-.,\)\?--\([a-z-]*\).*/\2/p' <<<"$help"); do
         offered "$@" "--$word"
         documented " -$word\>" man1/vskvs.1

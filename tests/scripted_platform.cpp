@@ -273,22 +273,20 @@ int __wrap_fprintf(FILE *, const char *text, ...)
 // The first sleep is cut short by a signal; the caller goes on sleeping until the same time.
 int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec *until, timespec *)
 {
-    static bool is_interrupted = false;
-    static timespec first;
+    static timespec first{};
+    if (first.tv_sec != 0) {
+        expect(flags == TIMER_ABSTIME && memcmp(until, &first, sizeof first) == 0,
+               "an interrupted sleep was not continued");
+        first = {};
+        return 0;
+    }
     timespec start{};
     clock_gettime(clock, &start);
-    is_interrupted = !is_interrupted;
-    if (is_interrupted) {
-        first = *until;
-        const auto left =
-            (until->tv_sec - start.tv_sec) * 1000 + (until->tv_nsec - start.tv_nsec) / 1'000'000;
-        note("sleep " + std::to_string((left + 500) / 1000));
-        return EINTR;
-    }
-    expect(flags == TIMER_ABSTIME && until->tv_sec == first.tv_sec &&
-               until->tv_nsec == first.tv_nsec,
-           "an interrupted sleep was not continued");
-    return 0;
+    first = *until;
+    const auto left =
+        (until->tv_sec - start.tv_sec) * 1000 + (until->tv_nsec - start.tv_nsec) / 1'000'000;
+    note("sleep " + std::to_string((left + 500) / 1000));
+    return EINTR;
 }
 
 // The log must be the same in every run.

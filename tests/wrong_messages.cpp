@@ -33,18 +33,16 @@ constexpr errors<object_id> wrong{0x10200010299, "is: 0x%X"};
 constexpr debug<object_id> wrong{0x10200010299, "%s: id 0x%X"};
 #elif WRONG == 7 // an address in a trace record
 constexpr errors<record_address> wrong{0x10200010299, "%s: at %p"};
-#elif WRONG == 8 // reported, and not in the operation's list
-struct operation_without {
+#else
+struct wrong {
     static constexpr char operation[] = "vs_kvs_operation";
-    static constexpr errors<object_id> unlisted{0x10200010299, "%s: id 0x%X"};
+    static constexpr errors<object_id> message{0x10200010299, "%s: id 0x%X"};
+#if WRONG == 8 // reported, and not in the operation's list
     static constexpr auto traced = std::tuple{};
+    void run() { report<wrong, message>(object_id{1}); }
+#else          // a report without one of the message's facts
+    static constexpr auto traced = std::tuple{message};
+    void run() { report<wrong, message>(job_id{1}); }
+#endif
 };
-void wrong() { report<operation_without, operation_without::unlisted>(object_id{1}); }
-#elif WRONG == 9 // a report without one of the message's facts
-struct operation_with {
-    static constexpr char operation[] = "vs_kvs_operation";
-    static constexpr errors<object_id> listed{0x10200010299, "%s: id 0x%X"};
-    static constexpr auto traced = std::tuple{listed};
-};
-void wrong() { report<operation_with, operation_with::listed>(job_id{1}); }
 #endif
