@@ -90,8 +90,8 @@ typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
     UINT32_C(0xC6962000) /* the store's file was made by a version that keeps it differently */
 
 /*
- * Where a key is. To find a record: `key_p` points at the key. To insert one: `key_offset` says
- * where in the record it lies. `key_flags` must be 0, `key_len` 4, `key_offset` 0.
+ * Where a key is. To find a record: `key_p` points at the key. To insert one: `key_offset` is its
+ * offset in the record. `key_flags` must be 0, `key_len` 4, `key_offset` 0.
  */
 typedef struct kvs_key_attr {
     uint8_t key_flags[3];
