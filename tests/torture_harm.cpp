@@ -161,7 +161,7 @@ void other_users()
     need(bind() == KVS_RC_STATE_DIR, "a directory that others may write to");
 }
 
-// Puts a link that leads out of the directory, and a pipe, in the place of each file. What is left
+// Replaces each file by a link that leads out of the directory, and by a pipe. What is left
 // of an unfinished store is replaced.
 void planted_files()
 {

@@ -1,4 +1,4 @@
-// The command line: what commands there are, and where their words go in the arguments. Each
+// The command line: its commands, options and help, and how they fill the arguments. Each
 // command is a function of commands.h.
 #pragma once
 
@@ -35,7 +35,7 @@ public:
 
     void run() const { action_(given_); }
 
-    // Throws unless the directory that the process runs with is the one that was asked for.
+    // Throws unless the process runs with the directory of --state-dir.
     void check_state_dir(const char *chosen) const
     {
         if (app_.count("--state-dir") != 0 && (chosen == nullptr || state_dir_ != chosen))

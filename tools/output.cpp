@@ -1,4 +1,4 @@
-// Writing, with every error noticed.
+// Writing, with every error detected.
 #include "tools/output.h"
 
 #include "fault.h"
@@ -59,7 +59,7 @@ void print_line(const json &document) { print(json_text(document) + "\n"); }
 void print_pretty(const json &document) { print(json_text(document, 2) + "\n"); }
 
 // All but ASCII is escaped, for JSON leaves C1 controls and bidirectional marks as they are. Bytes
-// that are not UTF-8 can come from a trace record; JSON has no place for them.
+// that are not UTF-8 can come from a trace record; JSON cannot contain them.
 std::string json_text(const json &document, int indent)
 {
     return document.dump(indent, ' ', true, json::error_handler_t::replace);

@@ -1,7 +1,7 @@
 // What the tool writes: text and tables on standard output, failures on standard error.
 //
-// Standard output is written through here and nowhere else, so that a full disk is noticed: every
-// function that writes throws a failure when the text does not get out.
+// Standard output is written through here and nowhere else, so that a full disk is detected: every
+// function that writes throws a failure if that fails.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ namespace vskvs {
 
 using json = nlohmann::ordered_json;
 
-// Why a command failed, as one line for the user. The tool prints it and exits with status 1.
+// The failure of a command, as one line. The tool prints it and exits with status 1.
 struct failure : std::runtime_error {
     using runtime_error::runtime_error;
 };
@@ -29,7 +29,7 @@ struct status_failure : failure {
     uint32_t status;
 };
 
-// A command line that cannot be carried out. The tool prints why and exits with status 2.
+// A command line that cannot be carried out. The tool prints the reason and exits with status 2.
 struct wrong_usage : std::runtime_error {
     using runtime_error::runtime_error;
 };

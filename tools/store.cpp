@@ -45,7 +45,7 @@ void initialize(const std::string &command)
     const uint32_t status = vs_kvs_initialize(0);
     if (status == 0)
         return;
-    fputc('\n', stderr); // the library leaves its own line open
+    fputc('\n', stderr); // the library's own line has no line end
     require(status, command);
 }
 

@@ -6,7 +6,7 @@
 
 namespace vskvs {
 
-// Opens the databases, creating what is missing, as the bulk operations demand.
+// Opens the databases, creating what is missing, as the bulk operations require.
 void initialize(const std::string &command);
 
 // Does the work in one batch of the store, which is committed when `work` returns and aborted when

@@ -3,12 +3,12 @@
  *
  * A record is a run of bytes whose first four are its key, a 32-bit unsigned number. A database
  * holds at most one record a key. A record handle names one stored record and never another: once
- * that record is deleted the handle is refused, also when a new record has taken its key. Handles
+ * that record is deleted the handle is refused, also when a new record has the same key. Handles
  * are plain values; they may be kept, copied, and handed to other threads and processes.
  *
  * Every function returns a 32-bit status, 0 for success (texts: fault_strerror in fault.h), and
- * writes its out-parameters on success only, where nothing else is said. Where a failure has a
- * cause in the system below, one line in the debug category `platform` explains it.
+ * writes its out-parameters on success only, unless documented otherwise. Where a failure has a
+ * cause in the system below, one line in the debug category `platform` reports that cause.
  *
  * What holds, at any time:
  *  - Any number of threads and processes use one store at once. A read sees the last commit made
@@ -16,7 +16,7 @@
  *  - When a change returns 0 outside a batch it is on disk. A process killed at any instruction
  *    leaves a store that opens and holds every change that was acknowledged.
  *  - A forked child goes on using the store through the handles it inherited. A batch stays with
- * the thread that began it; the child does not inherit it.
+ *    the thread that began it; the child does not inherit it.
  *  - A full disk, a damaged file or a lack of memory gives a status; the store stays as it was, and
  *    works again when the cause is gone.
  *
@@ -51,7 +51,7 @@ typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
     UINT32_C(0xA6960C00) /* a database name is empty or longer than 64 bytes                       \
                           */
 #define KVS_RC_UNSUPPORTED                                                                         \
-    UINT32_C(0xA6960E00) /* an argument asks for what this store does not do */
+    UINT32_C(0xA6960E00) /* an argument requests what this store does not support */
 #define KVS_RC_RECORD_TOO_BIG                                                                      \
     UINT32_C(0xA6961000) /* a record would be longer than 2^32 - 9 bytes */
 #define KVS_RC_BATCH_ACTIVE                                                                        \
@@ -90,8 +90,8 @@ typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
     UINT32_C(0xC6962000) /* the store's file was made by a version that keeps it differently */
 
 /*
- * Where a key is. To find a record: `key_p` points at the key. To insert one: `key_offset` says
- * where in the record it lies. `key_flags` must be 0, `key_len` 4, `key_offset` 0.
+ * Where a key is. To find a record: `key_p` points at the key. To insert one: `key_offset` is its
+ * offset in the record. `key_flags` must be 0, `key_len` 4, `key_offset` 0.
  */
 typedef struct kvs_key_attr {
     uint8_t key_flags[3];
@@ -107,7 +107,7 @@ typedef struct kvs_data_desc {
     uint64_t data_len;
 } kvs_data_desc;
 
-/* How a database is to be bound. This store has one way: one key a record, and nothing else asked.
+/* How a database is to be bound. This store supports only one key a record and no further options.
  */
 typedef struct kvs_appdesc {
     uint64_t mark; /* set by kvs_appdesc_init */
@@ -123,7 +123,7 @@ typedef struct kvs_appdesc {
     uint64_t context;
 } kvs_appdesc;
 
-/* Room for what a write tells of itself. This store sets it to zeros. */
+/* Receives details of a write. This store has none and sets it to zeros. */
 typedef struct kvs_write_result {
     uint64_t words[8];
 } kvs_write_result;
@@ -143,7 +143,7 @@ uint32_t kvs_lookup_db_handle(const char *db_name, kvs_hdl *hdl_p);
 
 /*
  * Finds the record with the key of `keys_p[0]` (key_count 1), or every record in the order of the
- * keys (key_count 0; `keys_p` is not looked at). *handles_pp receives an array from malloc, which
+ * keys (key_count 0; `keys_p` is ignored). *handles_pp receives an array from malloc, which
  * the caller frees, or null when there is none; *count_p its length. `flags` must be 0.
  */
 uint32_t kvs_find_objects(kvs_hdl hdl, const kvs_key_attr *keys_p, uint32_t key_count,

@@ -63,9 +63,9 @@ bool is_possible(const meta_data &meta)
 // Opening a store of this many pages, or less, takes a few milliseconds for reading them all.
 constexpr uint64_t few_pages = 4096;
 
-// A file that is shorter than its header says is not damaged yet: pages that were taken and given
-// back within one transaction are never written, and they may be the last ones. So it is read
-// whole.
+// A file that is shorter than its header states is not necessarily damaged: pages that were taken
+// and given back within one transaction are never written, and they may be the last ones. So it is
+// read whole.
 walk_extent extent_for(const environment_info &info, const meta_data &meta)
 {
     struct stat about;

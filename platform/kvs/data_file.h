@@ -1,7 +1,7 @@
 // The data file of a store, read without the engine's help.
 //
 // The engine does not check its file: an impossible page size in the header makes it divide by
-// zero, and a page beyond the end of a truncated file raises SIGBUS. Both are found out here. And
+// zero, and a page beyond the end of a truncated file raises SIGBUS. Both are detected here. And
 // the numbers of the last commits are read from here without entering the engine.
 #pragma once
 
@@ -28,7 +28,8 @@ namespace platform {
 // As check_snapshot, for the last commit. No other thread may use the environment yet.
 [[nodiscard]] int check_last_commit(MDB_env *environment);
 
-// Where the file's two headers, written alternately, hold the number of the commit that wrote them.
+// Where the file's two headers, written alternately, contain the number of the commit that wrote
+// them.
 struct commit_numbers {
     const uint64_t *first;
     const uint64_t *second;

@@ -19,8 +19,8 @@ namespace platform {
 [[nodiscard]] int commit_write(MDB_env *environment, MDB_txn *txn);
 void abort_write(MDB_env *environment, MDB_txn *txn);
 
-// The engine returns EIO for every short write. Returns ENOSPC, EDQUOT or EFBIG if that is why, and
-// `error` in all other cases.
+// The engine returns EIO for every short write. Returns ENOSPC, EDQUOT or EFBIG if that is the
+// cause, and `error` in all other cases.
 [[nodiscard]] int cause_of_failed_write(MDB_env *environment, int error);
 
 // Begins a read transaction, which takes a slot in the reader table.

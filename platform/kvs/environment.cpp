@@ -45,7 +45,7 @@ namespace {
     return end_opening_read(txn, error);
 }
 
-// The engine gives up the old map before it asks for the new one, and is lost if it gets none.
+// The engine unmaps the old map before it maps the new one, and is unusable if that fails.
 [[nodiscard]] int try_map(const environment_info &info, uint64_t bytes)
 {
     void *const trial = mmap(nullptr, bytes, PROT_READ, MAP_SHARED, info.fd, 0);

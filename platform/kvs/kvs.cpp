@@ -87,7 +87,7 @@ bool keeps_key(const gathered_write &what, uint32_t key)
     const uint32_t length = std::max(old.length, what.offset + what.length);
     // The old bytes may lie on a page that the engine is about to change, so they are copied first.
     const block<unsigned char> value = allocate_value(length);
-    if (!value)
+    if (value == nullptr)
         return with_status(KVS_RC_NO_MEMORY);
     memcpy(value.get(), old.bytes, old.length);
     memcpy(value.get() + what.offset, what.bytes, what.length);
@@ -182,7 +182,7 @@ PLATFORM_EXPORT uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p,
         status = kvs_read_object(hdl, rec_p, offset, nullptr, &nothing);
     } else {
         const block<unsigned char> bytes = allocate_value(what.length);
-        if (!bytes)
+        if (bytes == nullptr)
             return KVS_RC_NO_MEMORY;
         gather_data(data_p, data_count, bytes.get());
         what.bytes = bytes.get();
@@ -211,7 +211,7 @@ PLATFORM_EXPORT uint32_t kvs_insert_object(kvs_hdl hdl, const kvs_data_desc *dat
     if (!is_plain_key(*keys_p) || keys_p->key_offset != 0 || length < key_length)
         return KVS_RC_BAD_KEY;
     const block<unsigned char> value = allocate_value(length);
-    if (!value)
+    if (value == nullptr)
         return KVS_RC_NO_MEMORY;
     gather_data(data_p, data_count, value.get());
     kvs_rec_hdl handle = 0;

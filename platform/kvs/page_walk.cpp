@@ -202,7 +202,7 @@ private:
         if (depth > walk.root.depth || !seen_.add(number))
             return MDB_CORRUPTED;
         const block<unsigned char> memory(static_cast<unsigned char *>(malloc(page_size_)));
-        if (!memory)
+        if (memory == nullptr)
             return ENOMEM;
         const int error = read_at(fd_, memory.get(), page_size_, number * page_size_);
         if (error != 0)
@@ -281,7 +281,7 @@ private:
             return read_at(fd_, &last, sizeof last, offset + it.number - 1);
         }
         const block<unsigned char> memory(static_cast<unsigned char *>(malloc(it.number)));
-        if (!memory)
+        if (memory == nullptr)
             return ENOMEM;
         const int error = read_at(fd_, memory.get(), it.number, offset);
         return error != 0 ? error : data(walk.kind, it, {memory.get(), it.number});

@@ -1,5 +1,5 @@
-// A caller asks for a record three times in a row: by its key, for its size, and for its bytes. So
-// what is found goes into the thread's cache. The cache is searched first, without entering the
+// A caller reads a record in three calls in a row: by its key, its size, and its bytes. So what is
+// found goes into the thread's cache. The cache is searched first, without entering the
 // store. A commit writes its number to the file before its caller returns, and before new readers
 // see the commit, so a cache with the last number is never older than a fresh read.
 #include "platform/kvs/read_transaction.h"

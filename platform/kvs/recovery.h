@@ -5,7 +5,7 @@
 
 namespace platform {
 
-// What an attempt came to: a status to return, or the engine's error that prevented one.
+// The result of an attempt: a status to return, or the engine's error that prevented one.
 struct attempt {
     uint32_t status;
     int engine_error;
@@ -26,7 +26,7 @@ struct attempt {
 [[nodiscard]] uint32_t recover_as_writer(store &store, thread_context &thread, int error,
                                          uint64_t epoch);
 
-// Calls `work`, which makes an attempt, inside the store until it comes to a status. `recover` is
+// Calls `work`, which makes an attempt, inside the store until it gives a status. `recover` is
 // one of the two above.
 template <class Work>
 [[nodiscard]] uint32_t attempt_until_status(store &store, thread_context &thread,

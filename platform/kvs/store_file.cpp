@@ -2,7 +2,7 @@
 //
 // The files are made and opened under a lock on `store.mdb-open`, so a process that opens a store
 // never finds them while another one is making them, unless that one was killed. The directory
-// itself does not serve: any user who may read it could hold a lock on it. The data file gets
+// itself cannot be used: any user with read permission could lock it. The data file gets
 // its name once it is complete, so that a file which is too short is damaged and never just
 // unfinished. The lock file's blocks are allocated before it is mapped: on a full disk, writing to
 // a hole in it would raise SIGBUS.

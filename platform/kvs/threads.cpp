@@ -1,6 +1,6 @@
 // A forked child gets the parent's memory, but neither its threads nor its locks on the lock file.
-// So it keeps nothing but the names: the environments are forgotten and not closed, since a thread
-// may have been changing them, and since the engine forbids it. Their maps and descriptors stay
+// So it keeps only the names. The environments are dropped without being closed, since a thread may
+// have been changing them, and since the engine forbids it. Their maps and descriptors stay
 // behind in the child. The same holds for the transactions, whose reader slots are the parent's.
 #include "platform/kvs/threads.h"
 
@@ -88,7 +88,7 @@ void reset_in_child()
 }
 
 // Returns whether the handlers are registered. They are before any thread can hold a mutex that
-// they lock; two threads that both make up for a failure at load time may register them twice.
+// they lock; two threads that both retry after a failure at load time may register them twice.
 [[nodiscard]] bool ensure_handlers()
 {
     if (!has_handlers && pthread_atfork(lock_before_fork, unlock_after_fork, reset_in_child) == 0)

@@ -14,7 +14,7 @@ class write_transaction {
 public:
     write_transaction(MDB_txn *txn, const database &database) : txn_(txn), database_(database) {}
 
-    // Finds the record with this handle, or comes to KVS_RC_NO_SUCH_RECORD.
+    // Finds the record with this handle, or results in KVS_RC_NO_SUCH_RECORD.
     [[nodiscard]] attempt get(kvs_rec_hdl handle, stored_record *record) const;
 
     // `value` is the record, with room for a generation behind it.
@@ -53,8 +53,8 @@ template <class Work>
     return result;
 }
 
-// Calls `work` with a write_transaction, and commits if it comes to success, until an attempt comes
-// to a status. In a batch nothing is committed, and there is one attempt.
+// Calls `work` with a write_transaction, and commits if it succeeds, until an attempt gives
+// a status. In a batch nothing is committed, and there is one attempt.
 template <class Work>
 [[nodiscard]] uint32_t write_records(kvs_hdl hdl, const Work &work)
 {
