@@ -20,6 +20,8 @@
 //
 //    record  engine_status  environment_info  file_layout
 //    record_value  record_cache  engine_transactions
+//    page
+//    key_order
 //    page_walk
 //    data_file
 //    store_file
