@@ -24,14 +24,15 @@
 //    key_order
 //    page_walk
 //    data_file
-//    store_file
+//    store_file  damaged_file
+//    salvage
 //    store
 //    threads  arguments
 //    call_context  environment
 //    recovery
 //    binding  batch
 //    read_transaction  write_transaction
-//    kvs
+//    kvs  salvage_call
 #pragma once
 
 #include "platform/kvs/data_file.h"
