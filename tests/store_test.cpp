@@ -654,7 +654,7 @@ STORE_TEST(verifies_a_large_file_when_asked)
 {
     EXPECT_TRUE(passes_in_child([] {
         const db d;
-        EXPECT_EQ(d.fill(0, 100, std::string(200000, 'x')), 0u);
+        EXPECT_EQ(d.fill(0, 150, std::string(200000, 'x')), 0u);
         EXPECT_EQ(kvs_verify(d.hdl), KVS_RC_BATCH_ACTIVE);
         EXPECT_EQ(kvs_batch_commit(), 0u);
         EXPECT_EQ(kvs_verify(d.hdl), 0u);

@@ -65,8 +65,8 @@ bool is_page_size(uint32_t size)
     return metas[1].trees[0].page_size == size && is_possible(in_use) ? 0 : MDB_INVALID;
 }
 
-// Opening a store of this many pages, or less, takes a few milliseconds for reading them all.
-constexpr uint64_t few_pages = 4096;
+// Reading all pages of a store takes 1.6 us for each: less than 10 ms for this many.
+constexpr uint64_t few_pages = 6144;
 
 // A file that is shorter than its header says is not damaged yet: pages that were taken and given
 // back within one transaction are never written, and they may be the last ones. So it is read

@@ -8,15 +8,19 @@
 namespace platform {
 namespace {
 
+// A key of 4 bytes, as those of records are, or of 8.
+uint64_t number_in(bytes key)
+{
+    return key.size() == key_length ? read_from<uint32_t>(key, 0) : read_from<uint64_t>(key, 0);
+}
+
 int compare_keys(tree_kind kind, bytes left, bytes right)
 {
     if (kind == tree_kind::main) {
         const int order = memcmp(left.data(), right.data(), std::min(left.size(), right.size()));
         return order != 0 ? order : (left.size() > right.size()) - (left.size() < right.size());
     }
-    uint64_t numbers[2] = {};
-    memcpy(&numbers[0], left.data(), left.size());
-    memcpy(&numbers[1], right.data(), right.size());
+    const uint64_t numbers[] = {number_in(left), number_in(right)};
     return (numbers[0] > numbers[1]) - (numbers[0] < numbers[1]);
 }
 

@@ -22,6 +22,8 @@ T read_from(bytes page, size_t offset)
     return value;
 }
 
+constexpr size_t even(size_t length) { return length + (length & 1); }
+
 // A node of a page: its key, and where its data begins.
 struct node {
     bytes key;
@@ -66,6 +68,28 @@ private:
     bytes page_;
     page_header header_;
 };
+
+inline node page_nodes::at_offset(size_t offset) const
+{
+    const auto head = read_from<node_header>(page_, offset);
+    const size_t data = offset + sizeof head + head.key_length;
+    const uint64_t low = head.low | uint64_t{head.high} << 16;
+    const bytes key = page_.subspan(offset + sizeof head, head.key_length);
+    if (is_branch())
+        return {key, 0, low | uint64_t{head.flags} << 32, data, even(data)};
+    node leaf{key, head.flags, low, data, 0};
+    leaf.end = even(data + leaf.stored());
+    return leaf;
+}
+
+inline bool page_nodes::holds_node(size_t offset) const
+{
+    if (offset % 2 != 0 || offset < sizeof header_ || offset + sizeof(node_header) > page_.size())
+        return false;
+    const size_t key = offset + sizeof(node_header);
+    return key + read_from<node_header>(page_, offset).key_length <= page_.size() &&
+           at_offset(offset).end <= page_.size();
+}
 
 class page_set {
 public:
