@@ -111,7 +111,7 @@ struct buffer_location {
     return read_header(file.fd.get(), file.header);
 }
 
-// Beyond this limit the system kills the process instead of failing a call.
+// Known before older buffers are removed in vain.
 bool exceeds_size_limit(uint64_t size)
 {
     rlimit limit;
