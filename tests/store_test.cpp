@@ -685,7 +685,7 @@ STORE_TEST(verifies_a_large_file_when_asked)
 {
     EXPECT_TRUE(passes_in_child([] {
         const db d;
-        EXPECT_EQ(d.fill(0, 100, std::string(200000, 'x')), 0u);
+        EXPECT_EQ(d.fill(0, 150, std::string(200000, 'x')), 0u);
         EXPECT_EQ(kvs_verify(d.hdl), KVS_RC_BATCH_ACTIVE);
         EXPECT_EQ(kvs_batch_commit(), 0u);
         EXPECT_EQ(kvs_verify(d.hdl), 0u);
@@ -694,8 +694,24 @@ STORE_TEST(verifies_a_large_file_when_asked)
     const fs::path data = state / "store.mdb";
     const auto middle = static_cast<std::streamoff>(fs::file_size(data) / 2);
     std::fstream(data, std::ios::in | std::ios::out).seekp(middle).write("y", 1);
-    const db d;
-    EXPECT_TRUE(d.bound == 0 && kvs_verify(d.hdl) == KVS_RC_DAMAGED);
+    EXPECT_TRUE(passes_in_child([] {
+        const db d;
+        EXPECT_TRUE(d.bound == 0 && kvs_verify(d.hdl) == KVS_RC_DAMAGED);
+    }));
+
+    const auto all = [](const void *, uint32_t length, void *) { return length != 200004 ? 1 : 0; };
+    const auto first = [](const void *, uint32_t, void *) { return 1; };
+    kvs_salvage_result result{};
+    EXPECT_EQ(kvs_salvage("db", all, nullptr, &result), 0u);
+    EXPECT_TRUE(result.salvaged == 149 && result.lost == 1 && result.doubtful == 0);
+    EXPECT_TRUE(result.is_whole == 0 && kvs_salvage("db", first, nullptr, &result) == 0);
+    EXPECT_EQ(result.salvaged, 1u);
+    EXPECT_EQ(kvs_salvage("none", all, nullptr, &result), 0u);
+    EXPECT_TRUE(result.salvaged == 0 && result.lost == KVS_SALVAGE_UNKNOWN);
+    EXPECT_EQ(kvs_salvage("", all, nullptr, &result), KVS_RC_BAD_NAME);
+    EXPECT_EQ(kvs_salvage(nullptr, all, nullptr, &result), KVS_RC_NULL_ARG);
+    EXPECT_EQ(kvs_salvage("db", nullptr, nullptr, &result), KVS_RC_NULL_ARG);
+    EXPECT_EQ(kvs_salvage("db", all, nullptr, nullptr), KVS_RC_NULL_ARG);
 }
 
 STORE_TEST(gives_out_no_handle_twice_when_there_are_none_left)

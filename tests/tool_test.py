@@ -7,6 +7,7 @@ written anew, and the difference is to be reviewed.
 """
 import json
 import os
+import random
 import re
 import resource
 import signal
@@ -267,6 +268,46 @@ class Tool(unittest.TestCase):
         self.expect("object", "delete", str(count))
         self.assertIn(f"imported {count} objects", self.expect("object", "import", path))
         self.assertEqual(self.expect("object", "list").count("\n"), 1 + count)
+
+    def test_checks_and_salvages_a_damaged_store(self):
+        pick = random.Random(3)
+        records = ('{"vs_object_id": %d, "selected_version": 0, "supp_versions": %s}\n' %
+                   (i, [0] * (i % 50)) for i in range(1, 2001))
+        self.expect("init")
+        self.expect("object", "import", "-", text="".join(records))
+        ever = set(self.expect("dump").splitlines())
+        for i in range(1, 2000, 100):
+            self.expect("object", "delete", str(i))
+        dump = self.expect("dump")
+        self.assertEqual(self.expect("dump", "--salvage"), dump)
+        store = self.state + "/store.mdb"
+        with open(store, "rb") as file:
+            sound = file.read()
+        for trial in range(int(os.environ.get("TRIALS", "16"))):
+            harmed = bytearray(sound)
+            at, other = (pick.randrange(len(sound) // 4096) * 4096 for _ in range(2))
+            if trial % 4 == 0:
+                harmed[pick.randrange(len(sound))] ^= 1 << pick.randrange(8)
+            elif trial % 4 == 1:
+                harmed[at:at + 4096] = pick.randbytes(4096)
+            elif trial % 4 == 2:
+                harmed[at:at + 4096] = sound[other:other + 4096]
+            else:
+                del harmed[pick.randrange(len(sound)):]
+            with open(store, "wb") as file:
+                file.write(harmed)
+            rc, out, err = self.run_tool("check")
+            self.assertIn((rc, out), [(0, "everything fits together\n"), (1, "")], err)
+            salvage_rc, salvaged, err = self.run_tool("dump", "--salvage")
+            self.assertEqual(salvage_rc, rc, err)
+            if rc == 0:
+                self.assertEqual(salvaged, dump)
+                continue
+            self.assertIn("vskvs: dump: the store is damaged\n", err)
+            self.assertLessEqual(set(salvaged.splitlines()[:-1]), ever)
+            with tempfile.TemporaryDirectory() as empty:
+                self.expect("--state-dir", empty, "restore", "-", text=salvaged)
+                self.assertEqual(self.expect("--state-dir", empty, "dump"), salvaged)
 
     def test_trace_names_a_damaged_buffer(self):
         self.expect("--state-dir", self.state, "init")

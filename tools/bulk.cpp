@@ -1,6 +1,7 @@
 // The commands on many records: each validates all of its input before the first change, and makes
 // its changes in one batch of the store, so that all of them are stored or none.
 #include "tools/commands.h"
+#include "tools/dump_format.h"
 #include "tools/store.h"
 #include "vs_kvs.h"
 
@@ -20,10 +21,6 @@ constexpr vs_kvs::field selection_fields[] = {VS_KVS_FIELD(vs_object_sel_entry, 
 constexpr vs_kvs::record_layout selection_layout{
     selection_fields, {nullptr, offsetof(vs_object_sel_entry, caller_data), 0}, {}};
 constexpr shape selection{selection_layout};
-
-constexpr const char dump_header[] = "vskvs_dump";
-constexpr const char dump_end[] = "vskvs_dump_end";
-constexpr uint32_t dump_format = 1;
 
 // The keys in a file so far, each with its line.
 class key_set {
@@ -223,26 +220,6 @@ void import_objects(const arguments &given)
     else
         print("imported " + counted(without_record, "object") + "; " + std::to_string(known) +
               " stored already\n");
-}
-
-void dump(const arguments &)
-{
-    all_records all = no_records();
-    look_at_all([&] {
-        for (dumped &of : all)
-            of.records = read_all(*of.db);
-    });
-    print_line({{dump_header, dump_format}});
-    json end{{dump_end, dump_format}};
-    for (const dumped &of : all) {
-        for (const words &record : of.records) {
-            json line{{"database", of.db->name}};
-            line.update(to_json(of.db->shape, record));
-            print_line(line);
-        }
-        end[of.db->name] = of.records.size();
-    }
-    print_line(end);
 }
 
 void restore(const arguments &given)

@@ -219,7 +219,9 @@ private:
 
         json_flag(leaf(app_, "check", "Report what does not fit together in the three databases",
                        check, "vskvs check"));
-        leaf(app_, "dump", "Print everything as JSON lines", dump, "vskvs dump > state.jsonl");
+        leaf(app_, "dump", "Print everything as JSON lines", dump, "vskvs dump > state.jsonl")
+            ->add_flag("--salvage", given_.salvage,
+                       "Print what can be read of a damaged store; its services must be stopped");
         file(leaf(app_, "restore", "Fill an empty store from a dump, all or nothing", restore,
                   "vskvs restore state.jsonl"),
              "Dump, - for standard input");

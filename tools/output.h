@@ -4,6 +4,8 @@
 // function that writes throws a failure if that fails.
 #pragma once
 
+#include "platform/base/utf8.h"
+
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -58,13 +60,8 @@ std::string hex(uint64_t number); // as 0x2a
 // "1 object", "2 objects".
 std::string counted(size_t count, const std::string &noun);
 
-struct character {
-    char32_t code;
-    size_t length; // in bytes; 0 if the bytes are no character of UTF-8
-};
-
-// The first character of a text that is not empty.
-character first_character(std::string_view text);
+using platform::character;
+using platform::first_character;
 
 // Text that is safe on a terminal: control characters, bidirectional marks, line separators and
 // bytes that are not UTF-8 become '?'. Every text from outside the tool passes through here before

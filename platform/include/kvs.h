@@ -188,6 +188,30 @@ uint32_t kvs_delete_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p);
  */
 uint32_t kvs_verify(kvs_hdl hdl);
 
+/* What kvs_salvage found of a database. */
+typedef struct kvs_salvage_result {
+    uint64_t salvaged; /* records handed out */
+    uint64_t lost; /* records that the database has besides; KVS_SALVAGE_UNKNOWN if its file does
+                      not say any more how many it has */
+    uint64_t doubtful; /* of those handed out: may be older versions, or deleted since */
+    uint64_t is_whole; /* 1 if nothing in the whole file is damaged, else 0 */
+} kvs_salvage_result;
+
+#define KVS_SALVAGE_UNKNOWN UINT64_MAX
+
+/*
+ * Reads what can be read of a database whose store is damaged: calls `each_p` with every record
+ * whose checksum is right, in the order of the keys, one record a key. The bytes belong to the
+ * store and are valid during the call, which may not cancel its thread or leave by a jump; a value
+ * other than 0 ends the salvage, and the counts are then those of the part. Nothing is bound and no
+ * handle needed, and the file is only read. It is not to be changed meanwhile: what another process
+ * changes may be missing. Gives KVS_RC_NO_SUCH_DB if there is no store; a name that is not found in
+ * the store is a database without records.
+ */
+uint32_t kvs_salvage(const char *db_name,
+                     int (*each_p)(const void *record_p, uint32_t length, void *context_p),
+                     void *context_p, kvs_salvage_result *result_p);
+
 /*
  * A batch makes many changes one durable commit. It belongs to the calling thread and covers all
  * databases of the store that `hdl` is in: the thread's reads see its changes, no other reads do

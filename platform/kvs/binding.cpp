@@ -29,16 +29,6 @@ kvs_hdl find_bound(const store &store, const char *name)
     return 0;
 }
 
-[[nodiscard]] uint32_t status_of_state_dir_error(int error, bool create)
-{
-    if (error == ENOENT && !create)
-        return KVS_RC_NO_SUCH_DB;
-    const uint32_t status = status_of_engine_error(error);
-    const bool is_resource =
-        status == KVS_RC_NO_MEMORY || status == KVS_RC_NO_SPACE || status == KVS_RC_NO_DESCRIPTORS;
-    return is_resource ? status : KVS_RC_STATE_DIR;
-}
-
 [[nodiscard]] uint32_t add_store(descriptor dir, const struct stat &about, bool create,
                                  store **store_p)
 {

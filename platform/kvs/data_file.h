@@ -13,6 +13,14 @@
 
 namespace platform {
 
+// Reads one of the two headers; each is written by transactions of its own parity. Returns 0,
+// MDB_INVALID, MDB_VERSION_MISMATCH, or an error number.
+[[nodiscard]] int read_header(int fd, uint64_t number, uint32_t page_size, meta_data *meta);
+
+// Returns whether the engine, which checks none of it, can work with this header. Its page size
+// must be one.
+bool is_possible(const meta_data &meta);
+
 // Checks the headers of the data file `fd`. Returns 0, MDB_INVALID, MDB_VERSION_MISMATCH, or an
 // error number.
 [[nodiscard]] int check_header(int fd);

@@ -55,6 +55,16 @@ uint32_t status_of_engine_error(int error)
     return KVS_RC_IO;
 }
 
+uint32_t status_of_state_dir_error(int error, bool create)
+{
+    if (error == ENOENT && !create)
+        return KVS_RC_NO_SUCH_DB;
+    const uint32_t status = status_of_engine_error(error);
+    const bool is_resource =
+        status == KVS_RC_NO_MEMORY || status == KVS_RC_NO_SPACE || status == KVS_RC_NO_DESCRIPTORS;
+    return is_resource ? status : KVS_RC_STATE_DIR;
+}
+
 uint32_t log_engine_error(const char *action, int error)
 {
     verbose_printf_local(DBG_VS_PLATFORM, "kvs: %s: %s", action,

@@ -20,16 +20,19 @@
 //
 //    record  engine_status  environment_info  file_layout
 //    record_value  record_cache  engine_transactions
+//    page
+//    key_order
 //    page_walk
 //    data_file
-//    store_file
+//    store_file  damaged_file
+//    salvage
 //    store
 //    threads  arguments
 //    call_context  environment
 //    recovery
 //    binding  batch
 //    read_transaction  write_transaction
-//    kvs
+//    kvs  salvage_call
 #pragma once
 
 #include "platform/kvs/data_file.h"

@@ -8,7 +8,6 @@
 // a hole in it would raise SIGBUS.
 #include "platform/kvs/store_file.h"
 
-#include "platform/base/descriptor.h"
 #include "platform/kvs/data_file.h"
 #include "platform/kvs/engine_transactions.h"
 
@@ -124,10 +123,10 @@ constexpr size_t first_map_size = 4 * 1024 * 1024;
     int error = get_file_info(dir, data_name, &about);
     if (error == ENOENT && create && (error = create_data_file(dir)) == 0)
         error = get_file_info(dir, data_name, &about);
-    if (error != 0)
-        return error;
-    const descriptor data(openat(dir, data_name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    return data.valid() ? check_header(data.get()) : errno;
+    descriptor data;
+    if (error == 0)
+        error = open_data_file(dir, &data);
+    return error == 0 ? check_header(data.get()) : error;
 }
 
 // A lock file that is open elsewhere is long enough, and is not opened here: closing any descriptor
@@ -157,6 +156,15 @@ constexpr size_t first_map_size = 4 * 1024 * 1024;
 }
 
 } // namespace
+
+int open_data_file(int dir, descriptor *file)
+{
+    struct stat about;
+    if (const int error = get_file_info(dir, data_name, &about); error != 0)
+        return error;
+    *file = descriptor(openat(dir, data_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    return file->valid() ? 0 : errno;
+}
 
 int open_environment_files(int dir, bool create, MDB_env **environment_p)
 {

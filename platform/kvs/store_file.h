@@ -1,12 +1,18 @@
 // The files of a store: made, checked and opened.
 #pragma once
 
+#include "platform/base/descriptor.h"
+
 #include <lmdb.h>
 
 namespace platform {
 
 // The number of named databases that one store holds.
 constexpr unsigned database_limit = 16;
+
+// Opens the data file in the directory `dir` for reading without the engine. Returns 0 or an error
+// number: ENOENT if there is none, ELOOP if it is not a regular file.
+[[nodiscard]] int open_data_file(int dir, descriptor *file);
 
 // Opens the store in the directory `dir`; if `create` is true, makes it first when it is missing.
 // Returns 0 or an error: ENOENT if the store is missing, ELOOP if one of its files is not a regular
