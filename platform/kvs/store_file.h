@@ -1,6 +1,8 @@
 // The files of a store: made, checked and opened.
 #pragma once
 
+#include "platform/kvs/open_files.h"
+
 #include <lmdb.h>
 
 namespace platform {
@@ -9,9 +11,11 @@ namespace platform {
 constexpr unsigned database_limit = 16;
 
 // Opens the store in the directory `dir`; if `create` is true, makes it first when it is missing.
-// Returns 0 or an error: ENOENT if the store is missing, ELOOP if one of its files is not a regular
-// file. The process may have no other environment of the store open, except one that was inherited
-// through a fork and is not used any more.
-[[nodiscard]] int open_environment_files(int dir, bool create, MDB_env **environment_p);
+// Fills `files`; if they have an identity already, the data file must be that one. Returns 0 or an
+// error: ENOENT if the store is missing, ELOOP if one of its files is not a regular file, or
+// files_replaced, no_proc or other_namespace. The process may have no other environment of the
+// store open, except one that was inherited through a fork and is not used any more.
+[[nodiscard]] int open_environment_files(int dir, bool create, open_files *files,
+                                         MDB_env **environment_p);
 
 } // namespace platform
