@@ -13,6 +13,7 @@
 #include <csignal>
 #include <lmdb.h>
 #include <map>
+#include <set>
 #include <sys/file.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -738,6 +739,177 @@ STORE_TEST(opens_although_the_directory_is_locked)
         EXPECT_EQ(db("second").insert(record(1)), 0u);
     }));
     EXPECT_EQ(mode_of(state / "store.mdb-open"), 0600u);
+}
+
+// Has a store open while `harm` is done to its files, and a process that comes then use it too.
+// Record 0 is there before; the newcomer's first change comes before the user's next, and its
+// second one after it.
+void share_harmed_files(const std::function<void()> &harm, uint32_t newcomers, uint32_t users,
+                        bool batch)
+{
+    struct {
+        std::atomic<int> turn;
+        std::atomic<uint32_t> status;
+    } &both = shared<std::remove_reference_t<decltype(both)>>();
+    const auto give_turn = [&] {
+        const int turn = ++both.turn;
+        EXPECT_TRUE(comes([&] { return both.turn > turn; }));
+        return both.status.load();
+    };
+    const pid_t newcomer = start_in_child([&] {
+        for (const uint32_t key : {1u, 3u}) {
+            EXPECT_TRUE(comes([&] { return both.turn == static_cast<int>(key); }));
+            const db d;
+            both.status = d.bound != 0 ? d.bound : d.insert(record(key));
+            ++both.turn;
+        }
+    });
+    const db d;
+    EXPECT_EQ(d.insert(record(0)), 0u);
+    EXPECT_EQ(d.find(9), 0u); // and looks at the files
+    EXPECT_EQ(batch ? d.fill(10, 1) : 0, 0u);
+    harm();
+    EXPECT_EQ(give_turn(), newcomers);
+    const uint32_t of_batch = newcomers != 0 ? newcomers : users;
+    EXPECT_EQ(batch ? kvs_batch_commit() : of_batch, of_batch);
+    EXPECT_EQ(d.insert(record(2)), users);
+    if (const db again; again.hdl == d.hdl || again.hdl == 0) { // of the same directory
+        EXPECT_EQ(again.bound, users);
+    }
+    records found;
+    EXPECT_EQ(d.list(&found), users);
+    EXPECT_EQ(give_turn(), 0u);
+    EXPECT_EQ(finish(newcomer), 0);
+}
+
+STORE_TEST(loses_no_change_when_its_files_are_taken_away)
+{
+    const fs::path data = state / "store.mdb", lock = state / "store.mdb-lock", away = state / "x";
+    const auto replace = [&](const fs::path &file) {
+        fs::rename(file, away);
+        fs::copy_file(away, file);
+    };
+    const struct {
+        std::function<void()> harm;
+        uint32_t newcomers, users;
+        std::set<uint32_t> left; // outside a batch
+    } harms[] = {
+        {[&] { fs::remove(state / "store.mdb-open"); }, 0, 0, {0, 1, 2, 3}},
+        {[&] { fs::remove(lock); }, KVS_RC_FILES_REPLACED, 0, {0, 2, 3}},
+        {[&] { replace(lock); }, KVS_RC_FILES_REPLACED, 0, {0, 2, 3}},
+        {[&] { fs::remove(data); }, 0, KVS_RC_FILES_REPLACED, {1, 3}},
+        {[&] { replace(data); }, 0, KVS_RC_FILES_REPLACED, {0, 1, 3}},
+        {[&] { fs::remove(data), fs::remove(lock); }, 0, KVS_RC_FILES_REPLACED, {1, 3}},
+        {[&] { fs::rename(state, state.parent_path() / "y"); }, 0, 0, {1, 3}},
+        {[&] { fs::remove_all(state); }, 0, KVS_RC_FILES_REPLACED, {1, 3}},
+    };
+    for (const auto &it : harms)
+        for (const bool batch : {false, true}) {
+            if (batch && it.newcomers == it.users) // who would wait for the batch
+                continue;
+            SCOPED_TRACE(std::to_string(&it - harms) + (batch ? " in a batch" : ""));
+            fs::remove_all(state);
+            EXPECT_TRUE(passes_in_child(
+                [&] { share_harmed_files(it.harm, it.newcomers, it.users, batch); }));
+            EXPECT_TRUE(passes_in_child([&] {
+                std::set<uint32_t> left;
+                for (const auto &[key, bytes] : db().all())
+                    left.insert(key);
+                EXPECT_EQ(left, it.left);
+            }));
+        }
+}
+
+// A thread that only reads, from its cache, looks at the files too.
+STORE_TEST(tells_readers_that_its_data_file_is_gone)
+{
+    const db d;
+    kvs_rec_hdl *found = nullptr;
+    uint32_t status = 0, count = 0, key = 1;
+    const kvs_key_attr by_key{{0, 0, 0}, 0, 4, &key, 0};
+    ASSERT_EQ(d.insert(record(1)), 0u);
+    ASSERT_NE(d.find(1), 0u);
+    fs::rename(state / "store.mdb", state / "x");
+    EXPECT_TRUE(comes([&] {
+        status = kvs_find_objects(d.hdl, &by_key, 1, 0, &found, &count);
+        free(status == 0 ? found : nullptr);
+        return status != 0;
+    }));
+    EXPECT_EQ(status, KVS_RC_FILES_REPLACED);
+    EXPECT_EQ(kvs_verify(d.hdl), KVS_RC_FILES_REPLACED);
+    fs::rename(state / "x", state / "store.mdb");
+    EXPECT_NE(d.find(1), 0u);
+    EXPECT_EQ(d.insert(record(2)), 0u);
+}
+
+// Takes descriptors that lead into the state directory for another file, which is to stay as it is:
+// each alone, then all of them.
+STORE_TEST(writes_into_no_file_of_the_program)
+{
+    const fs::path victim = state.parent_path() / "victim";
+    std::ofstream(victim) << "the program's";
+    const auto leads_into_store = [](int fd) {
+        std::error_code none;
+        const auto to = fs::read_symlink("/proc/self/fd/" + std::to_string(fd), none).string();
+        return to.starts_with(state.string());
+    };
+    const auto steal = [&](int which) {
+        const int own = open(victim.c_str(), O_RDWR);
+        for (int fd = 3, seen = 0; fd < 64; ++fd)
+            if (leads_into_store(fd) && (seen++ == which || which < 0)) {
+                EXPECT_EQ(dup2(own, fd), fd);
+            }
+        close(own);
+    };
+    const auto count_own = [&] {
+        int count = 0;
+        for (int fd = 3; fd < 64; ++fd) {
+            struct stat about, wanted;
+            count += fstat(fd, &about) == 0 && stat(victim.c_str(), &wanted) == 0 &&
+                     about.st_ino == wanted.st_ino && about.st_dev == wanted.st_dev;
+        }
+        return count;
+    };
+    for (int which = -1; which < 4; ++which)
+        for (const int when :
+             {0, 1, 2}) { // without a batch, before its commit, and before a change
+            SCOPED_TRACE(std::to_string(which) + " " + std::to_string(when));
+            fs::remove_all(state);
+            EXPECT_TRUE(passes_in_child([&] {
+                const db d;
+                EXPECT_EQ(d.insert(record(1)), 0u);
+                EXPECT_EQ(when != 0 ? d.fill(10, 1) : 0, 0u);
+                steal(which);
+                const int owned = count_own();
+                EXPECT_EQ(owned, which < 0 ? 4 : 1);
+                const uint32_t status = when == 1 ? kvs_batch_commit() : d.insert(record(2));
+                EXPECT_TRUE(status == KVS_RC_DESCRIPTORS_LOST || status == KVS_RC_FILES_REPLACED ||
+                            (which >= 0 && status == 0))
+                    << std::hex << status;
+                EXPECT_TRUE(when != 1 || status != 0);
+                EXPECT_TRUE(when != 2 || kvs_batch_abort() == 0);
+                EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(db().insert(record(3)), 0u); }));
+                EXPECT_TRUE(which >= 0 || d.insert(record(4)) == KVS_RC_DESCRIPTORS_LOST);
+                EXPECT_EQ(db().hdl, d.hdl); // which gives the store its directory back
+                EXPECT_EQ(d.insert(record(4)), 0u);
+                EXPECT_EQ(count_own(), owned);
+            }));
+            EXPECT_EQ(content_of(victim), "the program's");
+        }
+}
+
+// Writing to a hole in the lock file on a full disk would raise SIGBUS.
+STORE_TEST(fills_the_holes_of_its_lock_file)
+{
+    EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(db().insert(record(1)), 0u); }));
+    const fs::path lock = state / "store.mdb-lock";
+    const auto size = fs::file_size(lock);
+    fs::resize_file(lock, 0);
+    fs::resize_file(lock, size);
+    EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(db().insert(record(2)), 0u); }));
+    struct stat about;
+    ASSERT_EQ(stat(lock.c_str(), &about), 0);
+    EXPECT_GE(static_cast<uint64_t>(about.st_blocks) * 512, size);
 }
 
 // The child gets no lock of a thread that began to use the store.

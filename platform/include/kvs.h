@@ -19,6 +19,13 @@
  *    the thread that began it; the child does not inherit it.
  *  - A full disk, a damaged file or a lack of memory gives a status; the store stays as it was, and
  *    works again when the cause is gone.
+ *  - When the store's files are moved, replaced or deleted while processes use it, no change is
+ *    acknowledged that is not in the file under the store's name: calls give KVS_RC_FILES_REPLACED.
+ *    A changed data file is used by new processes only, since record handles that are kept could
+ *    name other records in it. A lookup by key notices within a tenth of a second; reading a record
+ *    by its handle does not.
+ *  - Nothing is written into a file whose descriptor the program put in the place of one of the
+ *    store's: calls give KVS_RC_DESCRIPTORS_LOST until a database is bound again.
  *
  * The store lives in the state directory: VS_STATE_DIR, else /var/lib/vs for root, else
  * $XDG_STATE_HOME/vs or ~/.local/state/vs. It is made with mode 0700 when it is missing. The
@@ -88,6 +95,13 @@ typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
 #define KVS_RC_EXHAUSTED UINT32_C(0xC6961E00) /* the database has given out all its handles */
 #define KVS_RC_OTHER_FORMAT                                                                        \
     UINT32_C(0xC6962000) /* the store's file was made by a version that keeps it differently */
+#define KVS_RC_FILES_REPLACED                                                                      \
+    UINT32_C(0xC6962200) /* the store's files were moved, replaced or deleted while in use */
+#define KVS_RC_DESCRIPTORS_LOST                                                                    \
+    UINT32_C(0xC6962400)                    /* the program closed descriptors of the store */
+#define KVS_RC_NO_PROC UINT32_C(0xC6962600) /* /proc, which opening needs, is not mounted */
+#define KVS_RC_OTHER_NAMESPACE                                                                     \
+    UINT32_C(0xC6962800) /* processes of another PID namespace use the store */
 
 /*
  * Where a key is. To find a record: `key_p` points at the key. To insert one: `key_offset` is its
@@ -220,7 +234,8 @@ uint32_t kvs_salvage(const char *db_name,
  * change that failed half-way (KVS_RC_NO_SPACE, KVS_RC_BATCH_FULL and their like) every call gives
  * KVS_RC_BATCH_BROKEN until it is aborted. After KVS_RC_BATCH_FULL the next batch gets more room.
  *
- * Commit ends the batch, whatever it returns: all or nothing has been stored.
+ * Commit ends the batch, whatever it returns: all or nothing has been stored. Nothing has been
+ * stored by a commit that gives KVS_RC_FILES_REPLACED or KVS_RC_DESCRIPTORS_LOST.
  */
 uint32_t kvs_batch_begin(kvs_hdl hdl);
 uint32_t kvs_batch_commit(void);

@@ -93,7 +93,12 @@ uint32_t commit_batch()
         return KVS_RC_BATCH_BROKEN;
     }
     store &store = *thread->open_batch.store;
-    const int error = commit_write(store.environment, thread->open_batch.txn);
+    MDB_txn *const txn = thread->open_batch.txn;
+    int error = check_files(store.environment);
+    if (error == 0)
+        error = commit_write(store.environment, txn);
+    else
+        abort_write(store.environment, txn);
     const uint32_t status = error != 0 ? log_batch_error(store, error) : 0;
     release_batch(*thread);
     return status;

@@ -1,5 +1,6 @@
 #include "platform/kvs/data_file.h"
 
+#include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment_info.h"
 #include "platform/kvs/page.h"
@@ -127,7 +128,7 @@ int check_snapshot(MDB_env *environment, MDB_txn *snapshot, walk_extent least)
 
 int check_last_commit(MDB_env *environment)
 {
-    for (;;) {
+    for (int left = 100;; --left) {
         MDB_txn *snapshot = nullptr;
         int error = begin_read(environment, &snapshot);
         if (error == MDB_MAP_RESIZED && (error = mdb_env_set_mapsize(environment, 0)) == 0)
@@ -138,6 +139,8 @@ int check_last_commit(MDB_env *environment)
         mdb_txn_abort(snapshot);
         if (error != EAGAIN)
             return error;
+        if (left == 0)
+            return files_replaced;
     }
 }
 

@@ -33,7 +33,8 @@ bool is_possible(const meta_data &meta);
 // is too old for its header to be there still, or another error.
 [[nodiscard]] int check_snapshot(MDB_env *environment, MDB_txn *snapshot, walk_extent least);
 
-// As check_snapshot, for the last commit. No other thread may use the environment yet.
+// As check_snapshot, for the last commit. Returns files_replaced if the lock file's last commit is
+// never in the data file. No other thread may use the environment yet.
 [[nodiscard]] int check_last_commit(MDB_env *environment);
 
 // Where the file's two headers, written alternately, contain the number of the commit that wrote

@@ -2,7 +2,9 @@
 
 #include "platform/base/interruption.h"
 #include "platform/base/mutex.h"
+#include "platform/kvs/engine_status.h"
 #include "platform/kvs/environment_info.h"
+#include "platform/kvs/open_files.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -53,20 +55,37 @@ template <class Work>
 {
     const interruption_guard guard;
     const scoped_lock lock(reader_table_mutex);
-    int error = lock_byte(environment, file_byte::reader_table);
-    if (error == 0) {
+    int error = check_descriptors(environment);
+    if (error == 0 && (error = lock_byte(environment, file_byte::reader_table)) == 0) {
         error = work();
         unlock_byte(environment, file_byte::reader_table);
     }
     return error;
 }
 
+// The engine numbers commits by the lock file; another number comes next in a data file whose
+// content was replaced.
+[[nodiscard]] int check_number(MDB_env *environment, MDB_txn *txn)
+{
+    MDB_envinfo about;
+    const int error = mdb_env_info(environment, &about);
+    if (error != 0)
+        return error;
+    return mdb_txn_id(txn) == about.me_last_txnid + 1 ? 0 : files_replaced;
+}
+
 } // namespace
 
 int begin_write(MDB_env *environment, MDB_txn **txn)
 {
-    int error = lock_byte(environment, file_byte::writer);
-    if (error == 0 && (error = mdb_txn_begin(environment, nullptr, 0, txn)) != 0)
+    int error = check_data_descriptor(environment);
+    if (error != 0 || (error = lock_byte(environment, file_byte::writer)) != 0)
+        return error;
+    if ((error = check_other_files(environment)) == 0 &&
+        (error = mdb_txn_begin(environment, nullptr, 0, txn)) == 0 &&
+        (error = check_number(environment, *txn)) != 0)
+        mdb_txn_abort(*txn);
+    if (error != 0)
         unlock_byte(environment, file_byte::writer);
     return error;
 }
@@ -93,7 +112,8 @@ int commit_write(MDB_env *environment, MDB_txn *txn)
 void abort_write(MDB_env *environment, MDB_txn *txn)
 {
     mdb_txn_abort(txn);
-    unlock_byte(environment, file_byte::writer);
+    if (check_data_descriptor(environment) == 0)
+        unlock_byte(environment, file_byte::writer);
 }
 
 int begin_read(MDB_env *environment, MDB_txn **txn)

@@ -7,6 +7,7 @@
 #include "platform/kvs/batch.h"
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
+#include "platform/kvs/files_check.h"
 #include "platform/kvs/record_value.h"
 #include "platform/kvs/recovery.h"
 
@@ -70,6 +71,8 @@ uint32_t read_transaction::find(kvs_hdl hdl, uint32_t key, stored_record *record
 {
     if (const uint32_t status = make_call_context(hdl, &call_); status != 0)
         return status;
+    if (const uint32_t status = check_files_at_times(*call_.store, *call_.thread); status != 0)
+        return status;
     call_.thread->listed = nullptr;
     if (is_cache_current() && call_.thread->cache.find(call_.database_number(), key, record))
         return 0;
@@ -98,6 +101,8 @@ uint32_t read_transaction::list(kvs_hdl hdl, handle_list *list)
 {
     if (const uint32_t status = make_call_context(hdl, &call_); status != 0)
         return status;
+    if (const uint32_t status = check_files_now(*call_.store, *call_.thread); status != 0)
+        return status;
     if (const uint32_t status = begin(); status != 0)
         return status;
     MDB_stat about;
@@ -124,6 +129,8 @@ uint32_t read_transaction::verify(kvs_hdl hdl)
         return status;
     if (call_.in_batch())
         return KVS_RC_BATCH_ACTIVE;
+    if (const uint32_t status = check_files_now(*call_.store, *call_.thread); status != 0)
+        return status;
     if (const uint32_t status = begin(); status != 0)
         return status;
     MDB_env *const environment = call_.store->environment;

@@ -1,7 +1,6 @@
 #include "platform/kvs/recovery.h"
 
 #include "platform/base/interruption.h"
-#include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment.h"
 
@@ -28,7 +27,7 @@ uint32_t recover_as_writer(store &store, thread_context &thread, int error, uint
         return clear_dead_readers(store, thread);
     if (store.environment_epoch != epoch)
         return 0;
-    if (error == not_open || error == MDB_PANIC)
+    if (needs_reopening(error))
         error = reopen_environment(store);
     else if (error == MDB_MAP_RESIZED)
         error = enlarge_map(store, 0);
@@ -42,7 +41,7 @@ uint32_t recover_as_reader(store &store, thread_context &thread, int error, uint
     const interruption_guard guard;
     if (error == MDB_READERS_FULL)
         return clear_dead_readers(store, thread);
-    if (error != not_open && error != MDB_PANIC && error != MDB_MAP_RESIZED)
+    if (!needs_reopening(error) && error != MDB_MAP_RESIZED)
         return log_engine_error("reading the store", error);
     // The thread that holds the mutex meets the same error and recovers from it. A reader does not
     // wait for the end of a batch.

@@ -1,6 +1,7 @@
 // Attempts at working in a store's environment, and recovery from failed ones.
 #pragma once
 
+#include "platform/kvs/engine_status.h"
 #include "platform/kvs/threads.h"
 
 namespace platform {

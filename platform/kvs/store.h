@@ -18,8 +18,9 @@
 //
 // The files of this directory, from the lowest up; each includes only files of lower lines:
 //
-//    record  engine_status  environment_info  file_layout
-//    record_value  record_cache  engine_transactions
+//    record  engine_status  environment_info  file_layout  user_marks
+//    record_value  record_cache  open_files
+//    engine_transactions
 //    page
 //    key_order
 //    page_walk
@@ -30,6 +31,7 @@
 //    threads  arguments
 //    call_context  environment
 //    recovery
+//    files_check
 //    binding  batch
 //    read_transaction  write_transaction
 //    kvs  salvage_call
@@ -48,9 +50,6 @@ namespace platform {
 constexpr unsigned store_limit = 8;
 constexpr unsigned name_limit = 64;
 
-// The error of an attempt in a store without an environment. The engine's own lie far below.
-constexpr int not_open = -1;
-
 struct database {
     record_tree tree;
     char name[name_limit + 1] = {};
@@ -64,16 +63,15 @@ struct store {
     pthread_mutex_t binding_mutex = PTHREAD_MUTEX_INITIALIZER; // held while a database is opened
     std::atomic<unsigned> database_count{0};
     database databases[database_limit];
-    uint64_t batch_scale = 1; // of the room that a batch gets
-    // Mapped apart from the environment, so that they can be read without entering the store, and
-    // only once for each file: a store has a second file only if its first one was replaced.
+    uint64_t batch_scale = 1;           // of the room that a batch gets
+    open_files files;                   // of the environment
+    std::atomic<int64_t> next_check{0}; // of the files by readers, in milliseconds
+    // Mapped apart from the environment, so that they can be read without entering the store. The
+    // map also keeps the number of the file from being given to another one.
     std::atomic<const uint64_t *> first_commit_number{nullptr};
     std::atomic<const uint64_t *> second_commit_number{nullptr};
-    dev_t file_device = 0;
-    ino_t file_inode = 0;
     int dir = -1;
-    dev_t device = 0; // of the directory
-    ino_t inode = 0;
+    file_identity dir_identity;
     unsigned index = 0; // in the table of stores
 
     [[nodiscard]] platform::commit_numbers commit_numbers() const

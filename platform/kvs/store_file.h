@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/base/descriptor.h"
+#include "platform/kvs/open_files.h"
 
 #include <lmdb.h>
 
@@ -15,9 +16,11 @@ constexpr unsigned database_limit = 16;
 [[nodiscard]] int open_data_file(int dir, descriptor *file);
 
 // Opens the store in the directory `dir`; if `create` is true, makes it first when it is missing.
-// Returns 0 or an error: ENOENT if the store is missing, ELOOP if one of its files is not a regular
-// file. The process may have no other environment of the store open, except one that was inherited
-// through a fork and is not used any more.
-[[nodiscard]] int open_environment_files(int dir, bool create, MDB_env **environment_p);
+// Fills `files`; if they have an identity already, the data file must be that one. Returns 0 or an
+// error: ENOENT if the store is missing, ELOOP if one of its files is not a regular file, or
+// files_replaced, no_proc or other_namespace. The process may have no other environment of the
+// store open, except one that was inherited through a fork and is not used any more.
+[[nodiscard]] int open_environment_files(int dir, bool create, open_files *files,
+                                         MDB_env **environment_p);
 
 } // namespace platform

@@ -1,7 +1,8 @@
 // A forked child gets the parent's memory, but neither its threads nor its locks on the lock file.
 // So it keeps only the names. The environments are dropped without being closed, since a thread may
-// have been changing them, and since the engine forbids it. Their maps and descriptors stay
-// behind in the child. The same holds for the transactions, whose reader slots are the parent's.
+// have been changing them, and since the engine forbids it. Their descriptors are closed, and
+// their maps stay behind in the child. The same holds for the transactions, whose reader slots are
+// the parent's.
 #include "platform/kvs/threads.h"
 
 #include "platform/base/mutex.h"
@@ -68,6 +69,8 @@ void reset_in_child()
         return;
     }
     for (unsigned i = 0; i < store_count.load(std::memory_order_relaxed); ++i) {
+        if (stores[i].environment != nullptr)
+            close_descriptors(stores[i].files);
         stores[i].environment = nullptr;
         ++stores[i].environment_epoch;
         pthread_mutex_init(&stores[i].writer_mutex, nullptr);
@@ -164,7 +167,7 @@ void exclusive_access::close_environment()
             mdb_txn_abort(txn);
         txn = nullptr;
     }
-    mdb_env_close(store_.environment);
+    platform::close_environment(store_.environment);
     store_.environment = nullptr;
 }
 
