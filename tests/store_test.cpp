@@ -401,6 +401,7 @@ pid_t start_batch(const std::function<uint32_t()> &begin)
 {
     auto &has_batch = shared<std::atomic<bool>>();
     const pid_t writer = start_in_child([&] {
+        alarm(patience);
         EXPECT_EQ(begin(), 0u);
         has_batch = true;
         pause();
@@ -462,6 +463,7 @@ STORE_TEST(lets_processes_write_in_turn)
     // Nor does a process that is next, and does not run, hold up the others.
     auto &is_next = shared<std::atomic<bool>>();
     const pid_t next = start([&] {
+        alarm(patience);
         struct flock lock {};
         lock.l_type = F_WRLCK;
         lock.l_start = lock.l_len = 1;
