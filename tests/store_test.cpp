@@ -389,6 +389,99 @@ STORE_TEST(makes_a_batch_one_change_of_its_thread)
     EXPECT_EQ(d.all().size(), 4u);
 }
 
+// What the process was last told of its wait for another.
+std::atomic<const char *> notice{nullptr};
+
+bool is_told()
+{
+    kvs_set_wait_notice([](const char *line) { notice = strdup(line); });
+    return comes([] { return notice != nullptr; });
+}
+
+// In a child: begins a batch, which stays open.
+pid_t start_batch(const std::function<uint32_t()> &begin)
+{
+    auto &has_batch = shared<std::atomic<bool>>();
+    const pid_t writer = start_in_child([&] {
+        alarm(patience);
+        EXPECT_EQ(begin(), 0u);
+        has_batch = true;
+        pause();
+    });
+    EXPECT_TRUE(comes([&] { return has_batch.load(); }));
+    return writer;
+}
+
+// The writer has made the file grow beyond the map of this process.
+STORE_TEST(names_a_stopped_writer_and_reads_meanwhile)
+{
+    const db d;
+    for (const uint32_t first : {0, 1000}) {
+        const bool batch = first != 0;
+        const size_t before = d.all().size();
+        const pid_t writer = start_batch([&] {
+            EXPECT_EQ(d.fill(first, 60, std::string(100'000, 'x')), 0u);
+            EXPECT_EQ(kvs_batch_commit(), 0u);
+            return d.fill(first + 100, 1);
+        });
+        kill(writer, SIGSTOP);
+        waitpid(writer, nullptr, WUNTRACED);
+        std::thread waiting([&] {
+            EXPECT_EQ(batch ? d.fill(first + 200, 1) : d.insert(record(first + 200)), 0u);
+            EXPECT_EQ(batch ? kvs_batch_commit() : 0, 0u);
+        });
+        EXPECT_TRUE(is_told());
+        const std::string line = notice.exchange(nullptr);
+        const std::string who = " process " + std::to_string(writer) + " (store_test)";
+        EXPECT_TRUE(line.ends_with(who + ", which is stopped")) << line;
+        alarm(20);
+        EXPECT_EQ(d.all().size(), before + 60);
+        alarm(0);
+        kill(writer, SIGKILL);
+        finish(writer);
+        waiting.join();
+        EXPECT_EQ(d.all().size(), before + 61);
+    }
+}
+
+STORE_TEST(lets_processes_write_in_turn)
+{
+    const db d;
+    auto &is_over = shared<std::atomic<bool>>();
+    const pid_t busy = start_in_child([&] { // leaves hardly a gap between its batches
+        alarm(patience);
+        while (!is_over) {
+            EXPECT_EQ(d.fill(0, 1), 0u);
+            usleep(20'000);
+            EXPECT_EQ(kvs_batch_abort(), 0u);
+        }
+    });
+    alarm(20);
+    for (uint32_t key = 1; key < 10; ++key, usleep(1000))
+        EXPECT_EQ(d.insert(record(key)), 0u);
+    is_over = true;
+    EXPECT_EQ(finish(busy), 0);
+
+    // Nor does a process that is next, and does not run, hold up the others.
+    auto &is_next = shared<std::atomic<bool>>();
+    const pid_t next = start([&] {
+        alarm(patience);
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        lock.l_start = lock.l_len = 1;
+        is_next = fcntl(open((state / "store.mdb").c_str(), O_RDWR), F_SETLK, &lock) == 0;
+        pause();
+    });
+    EXPECT_TRUE(comes([&] { return is_next.load(); }));
+    EXPECT_EQ(d.insert(record(1000)), 0u);
+    kill(next, SIGSTOP);
+    waitpid(next, nullptr, WUNTRACED);
+    for (uint32_t key = 1001; key < 1050; ++key, usleep(10'000))
+        EXPECT_EQ(d.insert(record(key)), 0u);
+    kill(next, SIGKILL);
+    finish(next);
+}
+
 STORE_TEST(breaks_a_batch_that_fills_its_map)
 {
     if (memory_is_taken())

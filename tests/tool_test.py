@@ -14,6 +14,8 @@ import signal
 import subprocess
 import sys
 import tempfile
+import threading
+import time
 import unittest
 
 TOOL = os.path.abspath(sys.argv.pop(1))
@@ -108,6 +110,13 @@ assert lib.kvs_lookup_db_handle(b"vs_objects", ctypes.byref(hdl)) == 0
 assert lib.kvs_insert_object(hdl, data, 1, attr, 1, 0, 0, ctypes.byref(rec)) == 0
 """
 
+BEGIN_BATCH_AND_STOP = """
+hdl = ctypes.c_uint64()
+assert lib.kvs_lookup_db_handle(b"vs_objects", ctypes.byref(hdl)) == 0
+assert lib.kvs_batch_begin(hdl) == 0
+os.kill(os.getpid(), 19)
+"""
+
 
 def limit_descriptors(count):
     return lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (count, count))
@@ -141,13 +150,18 @@ class Tool(unittest.TestCase):
         self.assertEqual(rc, 0, f"{arguments}: {err}")
         return out
 
-    def run_script(self, script):
-        done = subprocess.run([sys.executable, "-c", WITH_PLATFORM + script],
-                              env=self.environment, capture_output=True, text=True)
-        err = done.stderr
+    def start_script(self, script):
+        return subprocess.Popen([sys.executable, "-c", WITH_PLATFORM + script],
+                                env=self.environment, stderr=subprocess.PIPE, text=True)
+
+    def finish_script(self, process):
+        err = process.communicate()[1]
         if "ASan" in err or "static TLS" in err:
             self.skipTest("the platform as built with sanitizers cannot be loaded here")
-        self.assertEqual(done.returncode, 0, err)
+        self.assertEqual(process.returncode, 0, err)
+
+    def run_script(self, script):
+        self.finish_script(self.start_script(script))
 
     def test_sessions(self):
         with open(SESSION) as file:
@@ -255,13 +269,50 @@ class Tool(unittest.TestCase):
         self.assertRegex(self.run_tool("check", "--json")[1],
                          r'"finding": "record-length",\s*"database": "vs_objects",\s*.*: 5,')
 
-    def test_import_is_all_or_nothing(self):
-        count = 5000  # takes more than one call of the library
+    def write_objects(self, count):
         path = self.folder + "/many"
         with open(path, "w") as file:
             for i in range(1, count + 1):
                 file.write(f'{{"vs_object_id": {i}, "selected_version": 1, "supp_versions": []}}\n')
         self.expect("init")
+        return path
+
+    def test_a_stopped_writer_is_named(self):
+        self.expect("init")
+        writer = self.start_script(BEGIN_BATCH_AND_STOP)
+        if os.waitid(os.P_PID, writer.pid, os.WSTOPPED | os.WEXITED | os.WNOWAIT).si_code \
+                != os.CLD_STOPPED:
+            self.finish_script(writer)
+        end = threading.Timer(60, writer.kill)
+        self.addCleanup(end.cancel)
+        end.start()
+        process = self.start("object", "add", "5", "--select", "1")
+        line = process.stderr.readline()
+        writer.kill()
+        writer.communicate()
+        self.assertRegex(line, r"^vskvs: waiting since \d\d:\d\d:\d\d UTC for the store, held by "
+                               rf"process {writer.pid} \(.*\), which is stopped\n$")
+        self.assertEqual((process.communicate()[1], process.returncode), ("", 0))
+
+    # What the terminal stops is not left in the middle of a batch, where it would stop all others.
+    def test_a_stop_waits_for_the_end_of_a_batch(self):
+        count = 30000
+        path = self.write_objects(count)
+        pick = random.Random(3)
+        for i in range(10):
+            process = self.start("object", "import", path, preexec_fn=lambda: os.setpgid(0, 0))
+            time.sleep(pick.uniform(0.02, 0.3))
+            os.kill(process.pid, signal.SIGTSTP)
+            os.waitid(os.P_PID, process.pid, os.WSTOPPED | os.WEXITED | os.WNOWAIT)
+            other = self.start("object", "add", str(count + i + 1), "--select", "1")
+            self.addCleanup(process.kill)
+            self.assertEqual((other.communicate(timeout=60)[1], other.returncode), ("", 0))
+            process.send_signal(signal.SIGCONT)
+            self.assertIn("imported", process.communicate()[0])
+
+    def test_import_is_all_or_nothing(self):
+        count = 5000  # takes more than one call of the library
+        path = self.write_objects(count)
         self.expect("object", "add", str(count), "--select", "2", "--versions", "2")
         self.assertIn("another record", self.run_tool("object", "import", path)[2])
         self.assertEqual(self.expect("object", "list").count("\n"), 1 + 1)

@@ -6,6 +6,9 @@
 
 namespace vskvs {
 
+// From now on, a long wait for another process is reported on standard error.
+void announce_waits();
+
 // Opens the databases, creating what is missing, as the bulk operations require.
 void initialize(const std::string &command);
 

@@ -2,6 +2,7 @@
 //
 // This file is the process: its environment, its trace buffers and its exit status.
 #include "tools/command_line.h"
+#include "tools/store.h"
 #include "vs_kvs.h"
 
 #include <climits>
@@ -97,6 +98,7 @@ void carry_out(command_line &line, int argc, char **argv)
         line.app().parse(argc, argv);
         line.check_state_dir(chosen_state_dir);
         name_the_job();
+        announce_waits();
         if (line.needs_reports())
             set_up_reports();
         line.run();

@@ -241,6 +241,16 @@ uint32_t kvs_batch_begin(kvs_hdl hdl);
 uint32_t kvs_batch_commit(void);
 uint32_t kvs_batch_abort(void);
 
+/*
+ * Has `notice` called by a thread that has waited for another process for two seconds, and again
+ * when another one is waited for or the one has stopped. `line`, which goes to the debug category
+ * `platform` too, says since when the thread waits, and names the process and whether it is
+ * stopped; control characters in the process's name are not replaced. The thread goes on waiting
+ * when `notice` returns, which must not call this store. Null ends the calls. One setting serves
+ * all threads, and a forked child keeps it.
+ */
+void kvs_set_wait_notice(void (*notice)(const char *line));
+
 #ifdef __cplusplus
 }
 #endif

@@ -100,7 +100,7 @@ kvs_hdl find_bound(const store &store, const char *name)
 [[nodiscard]] int open_or_create(store &store, database &next, const char *name)
 {
     MDB_txn *txn = nullptr;
-    int error = begin_write(store.environment, &txn);
+    int error = begin_write(store.environment, store.turn, &txn);
     if (error != 0)
         return error;
     error = open_in(txn, name, MDB_CREATE, &next.tree.dbi);

@@ -12,6 +12,7 @@ constexpr int files_replaced = -2;   // the store's files are not those that are
 constexpr int descriptors_lost = -3; // the program closed descriptors of the store
 constexpr int no_proc = -4;          // /proc is not mounted
 constexpr int other_namespace = -5;  // processes of another PID namespace use the store
+constexpr int writer_is_busy = -6;   // another process writes, or is next
 
 // Returns whether the environment is useless after this error, and is to be opened anew.
 [[nodiscard]] bool needs_reopening(int error);

@@ -1,5 +1,6 @@
 #include "platform/kvs/engine_transactions.h"
 
+#include "platform/base/clock.h"
 #include "platform/base/interruption.h"
 #include "platform/base/mutex.h"
 #include "platform/kvs/engine_status.h"
@@ -18,36 +19,51 @@ constinit pthread_mutex_t reader_table_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
-enum class file_byte : off_t { writer, reader_table };
+constexpr byte_range writer_byte{0, 1}, next_writer_byte{1, 1}, writer_and_next{0, 2};
+constexpr off_t reader_table_byte = 2;
 
-[[nodiscard]] int set_byte_lock(MDB_env *environment, file_byte which, short type)
+// A process that has waited this long becomes the next one, unless another is; and for this long
+// one that writes does not ask whether another is next. Passing the turn on costs a pause.
+constexpr uint64_t turn_ns = 10'000'000;
+// The next process may be kept from running in ways that do not show.
+constexpr uint64_t longest_respect_ns = 1'000'000'000;
+
+bool may_overtake(int fd, uint64_t waited)
+{
+    if (waited >= longest_respect_ns)
+        return true;
+    if (find_holder(fd, writer_byte))
+        return false;
+    const std::optional<pid_t> next = find_holder(fd, next_writer_byte);
+    return next && is_stopped(*next);
+}
+
+[[nodiscard]] int try_writer_lock(int fd, writer_turn &turn)
+{
+    const uint64_t now = clock_ns(CLOCK_MONOTONIC);
+    const uint64_t waited = turn.wait.waited_ns();
+    const bool is_repeated = !turn.wait.has_begun() && now - turn.asked_ns < turn_ns;
+    int error = try_lock(fd, is_repeated ? writer_byte : writer_and_next);
+    if (error == EAGAIN && !is_repeated && may_overtake(fd, waited))
+        error = try_lock(fd, writer_byte);
+    if (error == EAGAIN) {
+        turn.wait.note_failure(fd, writer_byte);
+        if (waited >= turn_ns)
+            static_cast<void>(try_lock(fd, next_writer_byte));
+        return writer_is_busy;
+    }
+    if (!is_repeated) {
+        unlock(fd, next_writer_byte);
+        turn = {{}, now};
+    }
+    return error;
+}
+
+void unlock_writer(MDB_env *environment)
 {
     int fd = -1;
-    if (const int error = mdb_env_get_fd(environment, &fd); error != 0)
-        return error;
-    struct flock lock {};
-    lock.l_type = type;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = static_cast<off_t>(which);
-    lock.l_len = 1;
-    while (fcntl(fd, F_SETLKW, &lock) != 0) {
-        if (errno != EINTR && errno != EDEADLK)
-            return errno;
-        // The system detects deadlocks by process, also where different threads wait.
-        if (errno == EDEADLK)
-            usleep(1000);
-    }
-    return 0;
-}
-
-[[nodiscard]] int lock_byte(MDB_env *environment, file_byte which)
-{
-    return set_byte_lock(environment, which, F_WRLCK);
-}
-
-void unlock_byte(MDB_env *environment, file_byte which)
-{
-    static_cast<void>(set_byte_lock(environment, which, F_UNLCK));
+    if (mdb_env_get_fd(environment, &fd) == 0)
+        unlock(fd, writer_byte);
 }
 
 template <class Work>
@@ -55,10 +71,13 @@ template <class Work>
 {
     const interruption_guard guard;
     const scoped_lock lock(reader_table_mutex);
+    int fd = -1;
     int error = check_descriptors(environment);
-    if (error == 0 && (error = lock_byte(environment, file_byte::reader_table)) == 0) {
+    if (error == 0)
+        error = mdb_env_get_fd(environment, &fd);
+    if (error == 0 && (error = lock_byte(fd, reader_table_byte)) == 0) {
         error = work();
-        unlock_byte(environment, file_byte::reader_table);
+        unlock(fd, {reader_table_byte, 1});
     }
     return error;
 }
@@ -76,17 +95,19 @@ template <class Work>
 
 } // namespace
 
-int begin_write(MDB_env *environment, MDB_txn **txn)
+int begin_write(MDB_env *environment, writer_turn &turn, MDB_txn **txn)
 {
+    int fd = -1;
     int error = check_data_descriptor(environment);
-    if (error != 0 || (error = lock_byte(environment, file_byte::writer)) != 0)
+    if (error != 0 || (error = mdb_env_get_fd(environment, &fd)) != 0 ||
+        (error = try_writer_lock(fd, turn)) != 0)
         return error;
     if ((error = check_other_files(environment)) == 0 &&
         (error = mdb_txn_begin(environment, nullptr, 0, txn)) == 0 &&
         (error = check_number(environment, *txn)) != 0)
         mdb_txn_abort(*txn);
     if (error != 0)
-        unlock_byte(environment, file_byte::writer);
+        unlock(fd, writer_byte);
     return error;
 }
 
@@ -105,7 +126,7 @@ int cause_of_failed_write(MDB_env *environment, int error)
 int commit_write(MDB_env *environment, MDB_txn *txn)
 {
     const int error = cause_of_failed_write(environment, mdb_txn_commit(txn));
-    unlock_byte(environment, file_byte::writer);
+    unlock_writer(environment);
     return error;
 }
 
@@ -113,7 +134,7 @@ void abort_write(MDB_env *environment, MDB_txn *txn)
 {
     mdb_txn_abort(txn);
     if (check_data_descriptor(environment) == 0)
-        unlock_byte(environment, file_byte::writer);
+        unlock_writer(environment);
 }
 
 int begin_read(MDB_env *environment, MDB_txn **txn)

@@ -5,6 +5,7 @@
 #include "platform/kvs/arguments.h"
 #include "platform/kvs/batch.h"
 #include "platform/kvs/binding.h"
+#include "platform/kvs/file_lock.h"
 #include "platform/kvs/read_transaction.h"
 #include "platform/kvs/write_transaction.h"
 
@@ -240,3 +241,8 @@ PLATFORM_EXPORT uint32_t kvs_batch_begin(kvs_hdl hdl) { return begin_batch(hdl);
 PLATFORM_EXPORT uint32_t kvs_batch_commit(void) { return commit_batch(); }
 
 PLATFORM_EXPORT uint32_t kvs_batch_abort(void) { return abort_batch(); }
+
+PLATFORM_EXPORT void kvs_set_wait_notice(void (*notice)(const char *line))
+{
+    wait_notice.store(notice, std::memory_order_release);
+}

@@ -19,9 +19,10 @@ struct attempt {
 // An `error` of 0 is success.
 [[nodiscard]] constexpr attempt with_engine_error(int error) { return {0, error}; }
 
-// Removes the cause of a failed attempt, or finds that another thread is about to. Returns 0 if the
-// attempt is to be made again, or the status to return. `epoch` is the environment's during the
-// attempt. The caller has not entered the store; that of recover_as_writer holds the writer mutex.
+// Removes the cause of a failed attempt, or finds that another thread has; of other processes that
+// write, waits a while. Returns 0 if the attempt is to be made again, or the status to return.
+// `epoch` is the environment's during the attempt. The caller has not entered the store; that of
+// recover_as_writer holds the writer mutex.
 [[nodiscard]] uint32_t recover_as_reader(store &store, thread_context &thread, int error,
                                          uint64_t epoch);
 [[nodiscard]] uint32_t recover_as_writer(store &store, thread_context &thread, int error,

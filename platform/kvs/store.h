@@ -6,19 +6,23 @@
 // environment enters the store through an environment_guard, and a thread that replaces it gets
 // exclusive_access first, which waits until all others have left:
 //
-//  - `writer_mutex` is held by a thread that changes the store, for the whole of a batch, and by a
-//    thread that replaces the environment. It is locked by threads that have not entered the store.
-//  - A thread stays in the store for one attempt, or for one batch. The thread with a batch does
-//    not wait for the end of exclusive access, but as it holds the writer mutex too, there is none.
+//  - `writer_mutex` is held by a thread that changes the store, for the whole of a batch, and while
+//    it waits for other processes that write.
+//  - `environment_mutex` is held by a thread that replaces the environment, and never during a
+//    wait for other processes that write. Both are locked outside the store.
+//  - A thread stays in the store for one attempt, or for one batch. It does not stay there while it
+//    waits for other processes that write, so that readers need not wait for them either. A thread
+//    with a batch does not wait for the end of exclusive access, and exclusive access waits for no
+//    batch: an environment in which a batch has begun is fit for all reads until the batch ends.
 //
 // An attempt that fails for lack of room, or because of a useless environment, is undone; the store
 // is recovered, and the attempt made again.
 //
-// The order of the locks: binding, writer, threads, stores.
+// The order of the locks: binding, writer, environment, threads, stores.
 //
 // The files of this directory, from the lowest up; each includes only files of lower lines:
 //
-//    record  engine_status  environment_info  file_layout  user_marks
+//    record  engine_status  environment_info  file_layout  user_marks  file_lock
 //    record_value  record_cache  open_files
 //    engine_transactions
 //    page
@@ -38,6 +42,7 @@
 #pragma once
 
 #include "platform/kvs/data_file.h"
+#include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/record_value.h"
 #include "platform/kvs/store_file.h"
 
@@ -60,6 +65,8 @@ struct store {
     MDB_env *environment = nullptr;        // replaced under exclusive access only
     uint64_t environment_epoch = 0; // incremented when the environment or its map is replaced
     pthread_mutex_t writer_mutex = PTHREAD_MUTEX_INITIALIZER;
+    writer_turn turn; // guarded by the writer mutex
+    pthread_mutex_t environment_mutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_mutex_t binding_mutex = PTHREAD_MUTEX_INITIALIZER; // held while a database is opened
     std::atomic<unsigned> database_count{0};
     database databases[database_limit];

@@ -11,12 +11,12 @@
 #include "platform/kvs/data_file.h"
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
+#include "platform/kvs/file_lock.h"
 #include "platform/kvs/user_marks.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -61,9 +61,8 @@ constexpr size_t first_map_size = 4 * 1024 * 1024;
     do {
         if (const int error = open_opening_file(dir, create, lock); error != 0)
             return error;
-        while (flock(lock->get(), LOCK_EX) != 0)
-            if (errno != EINTR)
-                return errno;
+        if (const int error = lock_byte(lock->get(), 0); error != 0)
+            return error;
     } while (fstatat(dir, opening_name, &about, AT_SYMLINK_NOFOLLOW) != 0 ||
              !is_open_as(lock->get(), identity_of(about)));
     return 0;

@@ -74,6 +74,8 @@ void reset_in_child()
         stores[i].environment = nullptr;
         ++stores[i].environment_epoch;
         pthread_mutex_init(&stores[i].writer_mutex, nullptr);
+        stores[i].turn = {};
+        pthread_mutex_init(&stores[i].environment_mutex, nullptr);
         pthread_mutex_init(&stores[i].binding_mutex, nullptr);
     }
     pthread_mutex_init(&reader_table_mutex, nullptr);

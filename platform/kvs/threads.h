@@ -65,7 +65,7 @@ private:
 };
 
 // Keeps all other threads out of a store, and begins a new epoch of its environment. The caller
-// holds the writer mutex, and has not entered the store.
+// holds the environment mutex, and has not entered the store.
 class exclusive_access {
 public:
     explicit exclusive_access(store &store);

@@ -44,7 +44,7 @@ template <class Work>
 {
     MDB_env *const environment = call.store->environment;
     MDB_txn *txn = nullptr;
-    if (const int error = begin_write(environment, &txn); error != 0)
+    if (const int error = begin_write(environment, call.store->turn, &txn); error != 0)
         return with_engine_error(error);
     const attempt result = work(write_transaction(txn, *call.database));
     if (result.is_good())
