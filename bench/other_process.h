@@ -68,7 +68,7 @@ inline void say(double number)
 
 inline volatile std::sig_atomic_t asked_to_end = 0;
 
-// Does one work over and over until this process is asked to end.
+// Repeats one work until this process is signalled to end.
 template <class Work>
 void keep_doing(const Work &work)
 {

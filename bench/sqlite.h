@@ -1,4 +1,4 @@
-// SQLite, used well: write-ahead log, prepared statements, a cache and a map that hold the whole
+// SQLite, used well: write-ahead log, prepared statements, a cache and a map for the whole
 // store, one connection a thread. Each change is on disk when it returns.
 #pragma once
 

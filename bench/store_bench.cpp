@@ -43,7 +43,7 @@ std::vector<uint32_t> ids_of(uint32_t count, bool shuffled)
 
 // ---- the works ----
 
-// Every measurement picks ids of its own: who kept what the last one read shall gain nothing by it.
+// Every measurement picks ids of its own, so that no store benefits from what the last one cached.
 uint64_t next_seed()
 {
     static std::atomic<uint64_t> last{0};

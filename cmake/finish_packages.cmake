@@ -1,4 +1,4 @@
-# Gives each package tree, just before it is packed, what Debian asks for beside the files that are
+# Gives each package tree, just before it is packed, what Debian requires beside the files that are
 # installed: copyright, changelog and lintian's overrides, and compressed manual pages.
 string(TIMESTAMP today "%a, %d %b %Y %H:%M:%S +0000" UTC)
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)

@@ -1,4 +1,4 @@
-# The Debian packages: the components of install.cmake, each with what Debian asks of a package.
+# The Debian packages: the components of install.cmake, each with what Debian requires of a package.
 # scripts/package makes them.
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -8,7 +8,7 @@ set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/finish_packages.cmake)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
     GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
-# Whoever builds packages for others is named the way Debian's own tools expect it.
+# The packager's name comes from the variables of Debian's own tools.
 if(DEFINED ENV{DEBFULLNAME} AND DEFINED ENV{DEBEMAIL})
     set(CPACK_PACKAGE_CONTACT "$ENV{DEBFULLNAME} <$ENV{DEBEMAIL}>")
 else()
@@ -48,7 +48,7 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_NAME vskvs)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "libvs-kvs1 ${own_version}")
 set(CPACK_DEBIAN_TOOL_DESCRIPTION "tool for the persistent state of a version-selection service
-Shows and changes VS objects, their clients and registrations, tells the trace
+Shows and changes VS objects, their clients and registrations, prints the trace
 buffers as sentences, explains status codes, checks the databases against each
 other, and saves and restores everything as JSON lines.")
 

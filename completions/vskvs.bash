@@ -26,7 +26,7 @@ _vskvs()
         ["client show"]="--json" ["client list"]="--json"
         ["registration show"]="--json" ["registration list"]="--json"
         [trace]="--follow --job --operation --since --json"
-        [status]="--json" [check]="--json"
+        [status]="--json" [check]="--json" [dump]="--salvage"
     )
     local nouns="init object client registration trace status check dump restore"
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}

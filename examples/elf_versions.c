@@ -1,9 +1,9 @@
 /*
  * Reads the name and the version definitions of a shared library with libelf. Files come as they
- * are: libelf checks that what it is asked for lies within the file, and the walk along the version
+ * are: libelf checks that what it returns lies within the file, and the walk along the version
  * definitions goes forward only, so that a damaged file ends it and never keeps it going.
  *
- * The file is read and not mapped, since a mapped file that somebody truncates kills its reader.
+ * The file is read and not mapped, since a mapped file that is truncated kills its reader.
  */
 #define _POSIX_C_SOURCE 200809L
 
@@ -127,7 +127,7 @@ static enum elf_result read_soname(Elf *elf, Elf_Scn *scn, const GElf_Shdr *sect
 
 static enum elf_result read_sections(Elf *elf, struct elf_library *library)
 {
-    (void)elf_errno(); /* forgets an earlier error, so that the end of the sections can be told */
+    (void)elf_errno(); /* clears an earlier error: the end of the sections sets none */
     for (Elf_Scn *scn = elf_nextscn(elf, NULL); scn != NULL; scn = elf_nextscn(elf, scn)) {
         GElf_Shdr section;
         enum elf_result result = ELF_LIBRARY;

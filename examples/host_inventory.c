@@ -452,7 +452,7 @@ static bool is_gone(uint32_t id)
     return ok;
 }
 
-/* Deleting a VS object leaves its client list in place; whoever deletes one deletes the other. */
+/* Deleting a VS object leaves its client list in place; a program deletes both. */
 static bool retire(struct machine *machine, struct library *library)
 {
     const uint32_t id = library->object->vs_object_id;

@@ -131,8 +131,8 @@ static bool add_client(struct library *library, const vs_client_info_entry *clie
     return true;
 }
 
-/* The place of a session, which is new and empty when there was none; null without memory. */
-static vs_client_objects_reg_kvs_rec **obtain_session(struct machine *machine, uint32_t jid)
+/* Returns a session's element, new and empty if there was none; null without memory. */
+static vs_client_objects_reg_kvs_rec **find_or_add_session(struct machine *machine, uint32_t jid)
 {
     for (uint32_t i = 0; i < machine->session_count; ++i)
         if (machine->sessions[i]->jid == jid)
@@ -167,7 +167,7 @@ static bool register_library(vs_client_objects_reg_kvs_rec **session_p, uint32_t
 bool machine_add_use(struct machine *machine, struct library *library,
                      const vs_client_info_entry *client)
 {
-    vs_client_objects_reg_kvs_rec **const session_p = obtain_session(machine, client->jid);
+    vs_client_objects_reg_kvs_rec **const session_p = find_or_add_session(machine, client->jid);
     return session_p != NULL && register_library(session_p, library->object->vs_object_id) &&
            add_client(library, client);
 }

@@ -1,6 +1,6 @@
 /*
- * machine.h - the shared libraries of the machine that the program runs on, and who uses them, as
- * the records that tell of them.
+ * machine.h - the shared libraries of the machine that the program runs on, and their users,
+ * as records.
  */
 #ifndef EXAMPLES_MACHINE_H
 #define EXAMPLES_MACHINE_H
@@ -45,7 +45,7 @@ bool machine_add_use(struct machine *machine, struct library *library,
 /* The library that is used most, or least; there is one at least. */
 struct library *machine_pick_library(const struct machine *machine, bool most);
 
-/* Forgets a library; the sessions that use it keep its id. */
+/* Removes a library; the sessions that use it keep its id. */
 void machine_remove_library(struct machine *machine, struct library *library);
 
 #endif

@@ -17,10 +17,10 @@ using bytes = std::vector<uint8_t>;
 
 void mutate(bytes &input, const bytes &other, std::mt19937 &roll)
 {
-    const auto place = [&](const bytes &in) {
+    const auto position = [&](const bytes &in) {
         return static_cast<ptrdiff_t>(roll() % (in.size() + 1));
     };
-    const auto at = input.begin() + place(input), end = input.begin() + place(input);
+    const auto at = input.begin() + position(input), end = input.begin() + position(input);
     const uint8_t values[] = {0, 1, 0x7F, 0x80, 0xFF, static_cast<uint8_t>(roll())};
     switch (roll() % 5) {
     case 0:
@@ -30,7 +30,7 @@ void mutate(bytes &input, const bytes &other, std::mt19937 &roll)
         input.erase(std::min(at, end), std::max(at, end));
         break;
     case 2:
-        input.insert(at, other.begin() + place(other) / 2, other.end());
+        input.insert(at, other.begin() + position(other) / 2, other.end());
         break;
     default:
         if (at != input.end())

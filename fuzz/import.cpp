@@ -14,7 +14,7 @@ OWN_STATE_DIR(true);
 using namespace vskvs;
 
 // A process is meant to open the databases once; opening them again waits and fails.
-static void forget_databases()
+static void reset_databases()
 {
     for (const vs_kvs::database_entry &entry : vs_kvs::database_entries)
         *entry.handle = VS_KVS_HDL_UNSET;
@@ -36,7 +36,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     given.file = "/proc/self/fd/" + std::to_string(file);
     for (const bool update : {false, true})
         try {
-            forget_databases();
+            reset_databases();
             given.update = update;
             import_objects(given);
         } catch (const failure &) {
@@ -46,7 +46,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             need(objects.erase(record[0]) == 0, "an imported object");
     });
     try {
-        forget_databases();
+        reset_databases();
         restore(given);
         need(false, "restored to a store that is not empty");
     } catch (const failure &) {

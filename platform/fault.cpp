@@ -85,6 +85,10 @@ constexpr fault_entry catalogue[] = {
     PLATFORM_STATUS(KVS_RC_BATCH_BROKEN, "record store: batch can only be aborted"),
     PLATFORM_STATUS(KVS_RC_EXHAUSTED, "record store: no record handle left"),
     PLATFORM_STATUS(KVS_RC_OTHER_FORMAT, "record store: store is of another format"),
+    PLATFORM_STATUS(KVS_RC_FILES_REPLACED, "record store: files replaced while in use"),
+    PLATFORM_STATUS(KVS_RC_DESCRIPTORS_LOST, "record store: program closed its descriptors"),
+    PLATFORM_STATUS(KVS_RC_NO_PROC, "record store: /proc is not mounted"),
+    PLATFORM_STATUS(KVS_RC_OTHER_NAMESPACE, "record store: in use in another PID namespace"),
 
     PLATFORM_STATUS(RINGLOG_RC_STATE_DIR, "trace buffer: state directory not usable"),
     PLATFORM_STATUS(RINGLOG_RC_IO, "trace buffer: file cannot be opened or mapped"),

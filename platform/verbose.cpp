@@ -96,15 +96,6 @@ void write_whole(int fd, const char *line, size_t length)
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
-void hide_control_characters(char *text, size_t length)
-{
-    for (size_t i = 0; i < length; ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        if ((byte < 0x20u && byte != '\t') || byte == 0x7Fu)
-            text[i] = '?';
-    }
-}
-
 struct selection {
     uint32_t mask = 0;
     char unknown[max_unknown + 1] = ""; // words that are no category, separated by commas
@@ -137,7 +128,6 @@ selection parse_categories(std::string_view text)
     }
     length = platform::whole_characters(chosen.unknown, std::min(length, max_unknown));
     chosen.unknown[length] = '\0';
-    hide_control_characters(chosen.unknown, length);
     return chosen;
 }
 
@@ -154,8 +144,10 @@ void warn_of_unknown(const selection &chosen)
     for (const category_name &each : categories)
         length +=
             snprintf(line + length, sizeof line - static_cast<size_t>(length), " %s,", each.name);
-    length += snprintf(line + length, sizeof line - static_cast<size_t>(length), " or a mask\n");
-    write_whole(STDERR_FILENO, line, static_cast<size_t>(length));
+    length += snprintf(line + length, sizeof line - static_cast<size_t>(length), " or a mask");
+    const size_t printable = platform::make_printable(line, static_cast<size_t>(length));
+    line[printable] = '\n';
+    write_whole(STDERR_FILENO, line, printable + 1);
 }
 
 // Opens a file for the lines, or a device such as a terminal. A pipe is refused: it would block the
@@ -209,7 +201,7 @@ selection read_environment()
 
 // A failure at load cannot be reported: the prints stay off, and verbose_init returns it. Without
 // memory for the handlers a child that is forked during verbose_init must not call it; nothing else
-// suffers.
+// is affected.
 __attribute__((constructor)) void prepare_prints()
 {
     static_cast<void>(platform::keep_across_fork<init_mutex>());
@@ -253,8 +245,7 @@ size_t put_text(char *text, const char *format, va_list arguments)
         length = platform::whole_characters(text, max_text);
     else if (length > 0 && text[length - 1] == '\n')
         --length;
-    hide_control_characters(text, length);
-    return length;
+    return platform::make_printable(text, length);
 }
 
 __attribute__((noinline)) void print(uint32_t category, const char *format, va_list arguments)

@@ -1,5 +1,5 @@
 // The list of databases. Opening, the tools, the catalogue of messages and the tests go through it;
-// a database is in the library when it stands here.
+// the library has exactly the databases in this list.
 #pragma once
 
 #include "clients/schema.h"
@@ -46,7 +46,7 @@ consteval std::array<database_entry, sizeof...(Dbs)> table_of(database_list<Dbs.
     return {{{Dbs::name, &Dbs::handle(), Dbs::selector, &Dbs::layout}...}};
 }
 
-static_assert(is_in_order(databases{}), "a database's place in the list is its selector");
+static_assert(is_in_order(databases{}), "a database's index in the list is its selector");
 template <class... Dbs>
 consteval bool are_lengths_kept(database_list<Dbs...>)
 {

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs into a scratch prefix and uses what is there as a stranger would: builds programs outside
-# the tree, runs the tool, renders the manual pages, and holds the pages and the completion against
-# what is installed.
+# Installs into a scratch prefix and uses what is there from outside the tree: builds programs,
+# runs the tool, renders the manual pages, and compares the pages and the completion with what is
+# installed.
 # Usage: install_test.sh BUILD_DIR
 set -euo pipefail
 
@@ -18,9 +18,9 @@ same() # what, expected, found
 {
     [ "$2" = "$3" ] || fail "$1: '$3' instead of '$2'"
 }
-told() # a pattern, the page that must have it
+documented() # a pattern, the page that must have it
 {
-    grep -q -- "$1" "$man/$2" || fail "$2 does not tell: $1"
+    grep -q -- "$1" "$man/$2" || fail "$2 lacks: $1"
 }
 
 prefix=$scratch/prefix
@@ -48,12 +48,12 @@ done
 
 cat >"$scratch/CMakeLists.txt" <<'END'
 cmake_minimum_required(VERSION 3.16)
-project(stranger CXX)
+project(program CXX)
 find_package(vs_kvs 1.0 REQUIRED)
-add_executable(stranger stranger.cpp)
-target_link_libraries(stranger vs_kvs::vs_kvs vs_kvs::vs_platform)
+add_executable(program program.cpp)
+target_link_libraries(program vs_kvs::vs_kvs vs_kvs::vs_platform)
 END
-cat >"$scratch/stranger.cpp" <<'END'
+cat >"$scratch/program.cpp" <<'END'
 #include <cstdio>
 #include <fault.h>
 #include <vs_kvs.h>
@@ -61,7 +61,7 @@ int main() { std::puts(fault_strerror(vs_kvs_delete_vs_object(43))); }
 END
 cmake -S "$scratch" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$prefix" >>"$scratch/log"
 cmake --build "$scratch/build" >>"$scratch/log"
-same "the C++ program" "no such object" "$("$scratch/build/stranger")"
+same "the C++ program" "no such object" "$("$scratch/build/program")"
 same "vskvs --version" "vskvs $(pkg-config --modversion vs_kvs)" "$("$vskvs" --version)"
 
 # The manual pages render without a warning.
@@ -72,16 +72,16 @@ done
 
 # Every status and operation is in the page, and each operation has a page of its own name.
 while read -r name value; do
-    told "^\.It Dv $name Pq $value$" man3/vs_kvs.3
+    documented "^\.It Dv $name Pq $value$" man3/vs_kvs.3
 done < <(echo '#include <vs_kvs.h>' | cc "${flags[@]}" -dM -E - |
     sed -n 's/^#define \(VS_FAULT_[A-Z_]*\|VS_KVS_DB_ALREADY_OPEN\) UINT32_C(\(.*\))/\1 \2/p')
 for name in $(nm -D --defined-only "$libdir/libvs_kvs.so" | awk '$2 == "T" {print $3}'); do
-    told "^[a-z0-9_]* $name(" man3/vs_kvs.3
-    told "Fn $name\>" man3/vs_kvs.3
+    documented "^[a-z0-9_]* $name(" man3/vs_kvs.3
+    documented "Fn $name\>" man3/vs_kvs.3
     [ -e "$man/man3/$name.3" ] || fail "there is no page $name(3)"
 done
 
-# Every command and option that the tool's help tells is in its page and is offered for completion.
+# Every command has an example; it and its options are in the page and are offered for completion.
 # shellcheck source=/dev/null
 source "$prefix/share/bash-completion/completions/vskvs"
 offered() # the command's words, one more word
@@ -95,13 +95,15 @@ walk() # the command's words
 {
     local help word
     help=$("$vskvs" "$@" --help)
+    [[ $help == *Subcommands:* || $help == *Example:*"vskvs $*"* ]] ||
+        fail "no example in: vskvs $* --help"
     for word in $(sed -n 's/^  \(-.,\)\?--\([a-z-]*\).*/\2/p' <<<"$help"); do
         offered "$@" "--$word"
-        told " -$word\>" man1/vskvs.1
+        documented " -$word\>" man1/vskvs.1
     done
     for word in $(sed -n '/^Subcommands:/,/^$/s/^  \([a-z]\+\) .*/\1/p' <<<"$help"); do
         offered "$@" "$word"
-        told "Nm Cm ${*:+$* }$word\>" man1/vskvs.1
+        documented "Nm Cm ${*:+$* }$word\>" man1/vskvs.1
         walk "$@" "$word"
     done
 }

@@ -106,10 +106,11 @@ TEST_F(ringlog, is_made_once_and_has_one_handle_also_in_children)
         emit(first, 1);
         reader in("b");
         EXPECT_TRUE(in.next() && in.record.pid == getpid() && in.record.tid == getpid());
-        limit(RLIMIT_FSIZE, 1); // A write past it would kill.
-        open("none", RINGLOG_RC_NO_SPACE);
-        limit(RLIMIT_FSIZE, 8192);
-        open("big", RINGLOG_RC_NO_SPACE, 64);
+        for (const rlim_t size : {0, 1, 8192}) { // A write past it would kill.
+            limit(RLIMIT_FSIZE, size);
+            emit(open("none", 0, 64), 1);
+            EXPECT_EQ(reader("none").status, RINGLOG_RC_NO_SUCH_BUFFER);
+        }
         for (uint64_t i = 0, handle = 1; i < 256; ++i)
             ringlog_init2(std::to_string(i).c_str(), 0, 0, 1, 1, 0, &handle);
         open("more", RINGLOG_RC_TOO_MANY);
@@ -118,6 +119,16 @@ TEST_F(ringlog, is_made_once_and_has_one_handle_also_in_children)
     fs::remove(file("b"));
     emit(first, 2);
     EXPECT_EQ((emit(open("b"), 1), reader("b").rest()), 1u);
+}
+
+TEST_F(ringlog, is_not_cancelled_while_a_buffer_is_made)
+{
+    std::jthread([&] {
+        pthread_cancel(pthread_self());
+        open("b");
+    }).join();
+    emit(open("b"), 1);
+    EXPECT_EQ(reader("b").rest(), 1u);
 }
 
 TEST_F(ringlog, takes_its_space_with_the_first_record)
@@ -144,6 +155,10 @@ TEST_F(ringlog, takes_its_space_with_the_first_record)
         EXPECT_EQ(mount("", "/", "", MS_REC | MS_PRIVATE, ""), 0);
         EXPECT_EQ(mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=12k,mode=700"), 0);
         setenv("VS_STATE_DIR", disk.c_str(), 1);
+        std::ofstream(disk + "/ballast") << std::string(12288, 'b');
+        emit(open("b", 0, 64), 1);
+        EXPECT_EQ(reader("b").status, RINGLOG_RC_NO_SUCH_BUFFER);
+        fs::remove(disk + "/ballast");
         const uint64_t on_full = open("b", 0, 64);
         emit(on_full, 3);
         EXPECT_EQ(reader("b").rest(), 0u);

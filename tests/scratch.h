@@ -6,7 +6,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 
-// A directory that lives as long as the test; its `state` is named to the platform.
+// A directory that lives as long as the test; VS_STATE_DIR names its `state`.
 class scratch : public testing::Test {
 protected:
     scratch()
@@ -36,7 +36,7 @@ inline pid_t start_in_child(const std::function<void()> &work)
     });
 }
 
-// True when `work` came to its end in a child without a failed check.
+// True when `work` ended in a child without a failed check.
 inline bool passes_in_child(const std::function<void()> &work)
 {
     return finish(start_in_child(work)) == 0;

@@ -39,14 +39,14 @@ namespace {
 constexpr uint64_t common_buffer = 0xC0, api_buffer = 0xA1, errors_buffer = 0xE1;
 
 // The load hook calls the platform before any constructor of this file has run. The unload hook
-// runs after the destructors, and has nothing to ask of it.
+// runs after the destructors, and finds nothing open in it.
 enum { is_early, is_up, is_over } phase;
 struct up {
     up() { phase = is_up; }
     ~up() { phase = is_over; }
 };
 
-// The live blocks and their lengths. Each is followed by a mark that nobody may overwrite.
+// The live blocks and their lengths. Each is followed by a mark that must not be overwritten.
 std::map<void *, size_t> &blocks()
 {
     static std::map<void *, size_t> map;
@@ -122,7 +122,7 @@ database *find_database(kvs_hdl hdl)
     return nullptr;
 }
 
-// What a call that names a record finds.
+// The record that a call names.
 uint32_t enter(const std::string &call, kvs_hdl hdl, const kvs_rec_hdl *rec_p,
                stored_record *&found)
 {
@@ -163,7 +163,7 @@ void check_end(const void *block, size_t size)
            "wrote beyond the end of a block");
 }
 
-// Memory that goes over to the library counts as its own from then on.
+// Memory handed to the library counts as allocated by it from then on.
 kvs_rec_hdl *hand_out(const std::vector<kvs_rec_hdl> &handles)
 {
     if (handles.empty() || now.arrays_missing)
@@ -220,7 +220,7 @@ size_t live_blocks()
 
 extern "C" {
 
-// ---- the C library, as far as a test wants a say in it ----
+// ---- the C library, as far as tests replace it ----
 
 void *__wrap_malloc(size_t size) { return allocation_fails("malloc") ? nullptr : allocate(size); }
 
@@ -273,22 +273,20 @@ int __wrap_fprintf(FILE *, const char *text, ...)
 // The first sleep is cut short by a signal; the caller goes on sleeping until the same time.
 int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec *until, timespec *)
 {
-    static bool is_interrupted = false;
-    static timespec first;
+    static timespec first{};
+    if (first.tv_sec != 0) {
+        expect(flags == TIMER_ABSTIME && memcmp(until, &first, sizeof first) == 0,
+               "an interrupted sleep was not continued");
+        first = {};
+        return 0;
+    }
     timespec start{};
     clock_gettime(clock, &start);
-    is_interrupted = !is_interrupted;
-    if (is_interrupted) {
-        first = *until;
-        const auto left =
-            (until->tv_sec - start.tv_sec) * 1000 + (until->tv_nsec - start.tv_nsec) / 1'000'000;
-        note("sleep " + std::to_string((left + 500) / 1000));
-        return EINTR;
-    }
-    expect(flags == TIMER_ABSTIME && until->tv_sec == first.tv_sec &&
-               until->tv_nsec == first.tv_nsec,
-           "an interrupted sleep was not continued");
-    return 0;
+    first = *until;
+    const auto left =
+        (until->tv_sec - start.tv_sec) * 1000 + (until->tv_nsec - start.tv_nsec) / 1'000'000;
+    note("sleep " + std::to_string((left + 500) / 1000));
+    return EINTR;
 }
 
 // The log must be the same in every run.
@@ -431,7 +429,7 @@ uint32_t kvs_find_objects(kvs_hdl hdl, const kvs_key_attr *keys_p, uint32_t key_
             (record.data.size() >= 4 && memcmp(keys_p->key_p, record.data.data(), 4) == 0))
             found.push_back(record.handle);
     if (rc != 0)
-        found.resize(2); // nobody is to look at them
+        found.resize(2); // they must not be read
     if (rc == 0 || now.array_on_failure) {
         *handles_pp = hand_out(found);
         *count_p = static_cast<uint32_t>(found.size());

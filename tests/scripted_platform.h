@@ -1,4 +1,4 @@
-// A platform that does what a test tells it to.
+// A platform that follows a test's script.
 //
 // It is linked with the library's own objects in place of the real platform. It keeps the three
 // databases in memory, writes every platform call, trace record, debug print and line on standard
@@ -39,7 +39,7 @@ struct script {
     int fail_allocation = 0;
     std::string troubled; // the call or allocation that was made to fail, or met another trouble
 
-    int texts = 0;   // status texts that were asked for
+    int texts = 0;   // status texts that were fetched
     int changes = 0; // successful inserts, writes and deletions
 
     // Called before each call, which it may make different by changing the script.
@@ -51,7 +51,7 @@ struct script {
     bool insert_tolerated = false;
     bool insert_without_handle = false;
     uint32_t read_length = UINT32_MAX; // a read copies no more than this
-    uint32_t size = UINT32_MAX;        // what a size query says instead of the truth
+    uint32_t size = UINT32_MAX;        // what a size query returns instead of the length
     int trylock_error = 0, lock_error = 0;
     uint32_t job_id = 7; // 0: not a job
     std::string job_name = "/usr/sbin/daemon";
@@ -68,7 +68,7 @@ void put(const char *database, const std::vector<uint32_t> &words);
 // The words of a live block.
 std::vector<uint32_t> content(void *block);
 
-// Blocks that the library allocated, or was handed by the store, and nobody has freed. A write
+// Blocks that the library allocated, or received from the store, and that are not freed. A write
 // beyond the end of one of them is a problem.
 size_t live_blocks();
 

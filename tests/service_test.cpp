@@ -81,7 +81,7 @@ TEST(service, forks_during_the_set_up)
     }));
 }
 
-// Threads with records of their own, a lister, and forks in between.
+// Threads with records of their own, and forks in between.
 TEST(service, serves_many_threads)
 {
     ASSERT_EQ(vs_kvs_initialize(1), 0u);
@@ -103,22 +103,14 @@ TEST(service, serves_many_threads)
                 words record(2);
                 EXPECT_EQ(db->get(db->shape, id, record), 0u);
                 EXPECT_EQ(record[1], 10u);
+                std::vector<words> all; // those of other threads may go meanwhile
+                const uint32_t status = db->list(db->shape, all);
+                EXPECT_TRUE(status == 0 || status == KVS_RC_NO_SUCH_RECORD) << status;
                 EXPECT_EQ(db->erase ? db->erase(id) : 0, 0u);
             }
         });
-    std::atomic<bool> is_done{false};
-    std::thread lister([&] {
-        for (std::vector<words> all; !is_done; all.clear()) {
-            const uint32_t status = vskvs::objects.list(vskvs::objects.shape, all);
-            EXPECT_TRUE(status == 0 || status == KVS_RC_NO_SUCH_RECORD ||
-                        status == VS_FAULT_KVS_DB_EMPTY)
-                << status;
-        }
-    });
     for (int i = 0; i < 5; ++i)
         EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(vskvs::clients.insert({3000, 0}), 0u); }));
     for (auto &thread : threads)
         thread.join();
-    is_done = true;
-    lister.join();
 }

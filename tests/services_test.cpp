@@ -68,11 +68,14 @@ TEST_F(services, prints_follow_the_environment_in_whole_lines)
                       {"k", std::string(200, 'w') + ",kvs", std::string(127, 'w')},
                       {"", "0", ""},
                       {"kcp", "all", ""}};
+    char *const name = program_invocation_short_name;
+    char hostile[] = "\x1b\u202e\xff";
     for (const auto &[on, value, unknown] : rows) {
+        program_invocation_short_name = hostile;
         testing::internal::CaptureStderr();
         EXPECT_TRUE(start(value.c_str()) == 0 && start(value.c_str()) == 0) << value;
-        const std::string warning = std::string(program_invocation_short_name) +
-                                    ": VS_VERBOSE: ignoring \"" + unknown +
+        program_invocation_short_name = name;
+        const std::string warning = "???: VS_VERBOSE: ignoring \"" + unknown +
                                     "\"; known: kvs, common, platform, all, or a mask\n";
         EXPECT_EQ(testing::internal::GetCapturedStderr(), unknown.empty() ? "" : warning);
         std::ofstream(log).flush();
@@ -90,10 +93,10 @@ TEST_F(services, prints_follow_the_environment_in_whole_lines)
     for (const char *bad : {"link", "no/such", "pipe", "read"})
         EXPECT_EQ((setenv("VS_VERBOSE_FILE", (root / bad).c_str(), 1), start("all")),
                   VERBOSE_RC_FILE);
-    verbose_printf_local(DBG_VS_KVS, "a\tb\x01\x7f\x1b[%s\n\n", "c");
+    verbose_printf_local(DBG_VS_KVS, "a\tb\x01\x7f\x1b[%s\n\n", "c\u009b\u202e\xff\u00e9");
     verbose_printf_local(DBG_VS_KVS, "%s\u00e9", std::string(3999, 'y').c_str());
     EXPECT_EQ(std::regex_replace(content_of(log), prefix, ""),
-              "a\tb???[c?\n" + std::string(3999, 'y') + "\n");
+              "a\tb???[c???\u00e9?\n" + std::string(3999, 'y') + "\n");
     EXPECT_EQ((setenv("VS_VERBOSE_FILE", "/dev/full", 1), start("kvs")), 0u);
     errno = 4711;
     verbose_printf_local(DBG_VS_KVS, "lost");
@@ -189,11 +192,11 @@ TEST_F(services, unload_differs_from_the_end_of_the_process)
     // Such a child has lost what only the other thread refers to, which counts as leaked.
     std::thread([&] { finish(start_in_child(end)); }).join();
     EXPECT_EQ(answers(), std::pair(at_start, 0l));
-    void *const asker = dlopen(UNLOAD_ASKER, RTLD_NOW), *jumper = dlopen(UNLOAD_JUMPER, RTLD_NOW);
-    ASSERT_TRUE(asker != nullptr && jumper != nullptr) << dlerror();
+    void *const hook = dlopen(UNLOAD_HOOK, RTLD_NOW), *jumper = dlopen(UNLOAD_JUMPER, RTLD_NOW);
+    ASSERT_TRUE(hook != nullptr && jumper != nullptr) << dlerror();
     EXPECT_TRUE(passes_in_child(end) && content_of(answer) == "0");
     EXPECT_EQ(answers(), std::pair(at_start + 3, 0l));
-    EXPECT_TRUE(start("platform") == 0 && dlclose(asker) == 0 && dlclose(jumper) == 0);
+    EXPECT_TRUE(start("platform") == 0 && dlclose(hook) == 0 && dlclose(jumper) == 0);
     EXPECT_TRUE(content_of(answer) == "1");
     EXPECT_EQ(answers(), std::pair(0l, 3l));
 }

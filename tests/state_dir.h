@@ -1,5 +1,5 @@
-// For programs that do harm to a state directory: one of their own, from before the libraries are
-// loaded, and children to do the harm in.
+// For programs that damage a state directory: one of their own, from before the libraries are
+// loaded, and children to damage it in.
 #pragma once
 
 #include <cerrno>
@@ -95,7 +95,7 @@ T &shared()
     return *static_cast<T *>(memory);
 }
 
-// Waits until something is so that a child or a thread is about to do. False when it never is.
+// Waits for a condition that a child or a thread is about to meet. Returns false on a timeout.
 template <class Condition>
 bool comes(const Condition &is_so)
 {
@@ -124,8 +124,8 @@ inline rlim_t limit(__rlimit_resource what, rlim_t value)
     return now.rlim_cur;
 }
 
-// Whether a sanitizer or valgrind has the memory, so that allocations do not come to us and a limit
-// on memory is not borne.
+// Whether a sanitizer or valgrind replaces the allocator: then allocations cannot be intercepted,
+// nor memory be limited.
 inline bool memory_is_taken()
 {
 #ifdef ALLOCATOR_IS_TAKEN

@@ -1,10 +1,11 @@
-// The record store as kvs.h promises it, on real files, with real processes and forks.
+// The record store as documented in kvs.h, on real files, with real processes and forks.
 //
 // Every test runs in a child process, since a process cannot close a store. This executable takes
 // over the system and allocator calls of store and engine, so that each of them can be made to
 // fail.
 #include "kvs.h"
 #include "platform/base/crc32c.h"
+#include "ringlog.h"
 #include "scratch.h"
 
 #include <atomic>
@@ -12,6 +13,7 @@
 #include <csignal>
 #include <lmdb.h>
 #include <map>
+#include <set>
 #include <sys/file.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -388,6 +390,99 @@ STORE_TEST(makes_a_batch_one_change_of_its_thread)
     EXPECT_EQ(d.all().size(), 4u);
 }
 
+// What the process was last told of its wait for another.
+std::atomic<const char *> notice{nullptr};
+
+bool is_told()
+{
+    kvs_set_wait_notice([](const char *line) { notice = strdup(line); });
+    return comes([] { return notice != nullptr; });
+}
+
+// In a child: begins a batch, which stays open.
+pid_t start_batch(const std::function<uint32_t()> &begin)
+{
+    auto &has_batch = shared<std::atomic<bool>>();
+    const pid_t writer = start_in_child([&] {
+        alarm(patience);
+        EXPECT_EQ(begin(), 0u);
+        has_batch = true;
+        pause();
+    });
+    EXPECT_TRUE(comes([&] { return has_batch.load(); }));
+    return writer;
+}
+
+// The writer has made the file grow beyond the map of this process.
+STORE_TEST(names_a_stopped_writer_and_reads_meanwhile)
+{
+    const db d;
+    for (const uint32_t first : {0, 1000}) {
+        const bool batch = first != 0;
+        const size_t before = d.all().size();
+        const pid_t writer = start_batch([&] {
+            EXPECT_EQ(d.fill(first, 60, std::string(100'000, 'x')), 0u);
+            EXPECT_EQ(kvs_batch_commit(), 0u);
+            return d.fill(first + 100, 1);
+        });
+        kill(writer, SIGSTOP);
+        waitpid(writer, nullptr, WUNTRACED);
+        std::thread waiting([&] {
+            EXPECT_EQ(batch ? d.fill(first + 200, 1) : d.insert(record(first + 200)), 0u);
+            EXPECT_EQ(batch ? kvs_batch_commit() : 0, 0u);
+        });
+        EXPECT_TRUE(is_told());
+        const std::string line = notice.exchange(nullptr);
+        const std::string who = " process " + std::to_string(writer) + " (store_test)";
+        EXPECT_TRUE(line.ends_with(who + ", which is stopped")) << line;
+        alarm(20);
+        EXPECT_EQ(d.all().size(), before + 60);
+        alarm(0);
+        kill(writer, SIGKILL);
+        finish(writer);
+        waiting.join();
+        EXPECT_EQ(d.all().size(), before + 61);
+    }
+}
+
+STORE_TEST(lets_processes_write_in_turn)
+{
+    const db d;
+    auto &is_over = shared<std::atomic<bool>>();
+    const pid_t busy = start_in_child([&] { // leaves hardly a gap between its batches
+        alarm(patience);
+        while (!is_over) {
+            EXPECT_EQ(d.fill(0, 1), 0u);
+            usleep(20'000);
+            EXPECT_EQ(kvs_batch_abort(), 0u);
+        }
+    });
+    alarm(20);
+    for (uint32_t key = 1; key < 10; ++key, usleep(1000))
+        EXPECT_EQ(d.insert(record(key)), 0u);
+    is_over = true;
+    EXPECT_EQ(finish(busy), 0);
+
+    // Nor does a process that is next, and does not run, hold up the others.
+    auto &is_next = shared<std::atomic<bool>>();
+    const pid_t next = start([&] {
+        alarm(patience);
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        lock.l_start = lock.l_len = 1;
+        is_next = fcntl(open((state / "store.mdb").c_str(), O_RDWR), F_SETLK, &lock) == 0;
+        pause();
+    });
+    EXPECT_TRUE(comes([&] { return is_next.load(); }));
+    EXPECT_EQ(d.insert(record(1000)), 0u);
+    kill(next, SIGSTOP);
+    waitpid(next, nullptr, WUNTRACED);
+    for (uint32_t key = 1001; key < 1050; ++key, usleep(10'000))
+        EXPECT_EQ(d.insert(record(key)), 0u);
+    kill(next, SIGKILL);
+    finish(next);
+}
+
 STORE_TEST(breaks_a_batch_that_fills_its_map)
 {
     if (memory_is_taken())
@@ -531,6 +626,39 @@ STORE_TEST(tells_stores_apart_by_their_directory)
     }
 }
 
+// Counts the writes and syncs, then the allocations, of each call of the store and of a trace
+// record. Unlike times, these are the same in every run.
+STORE_TEST(makes_no_more_calls_than_needed)
+{
+    const db d;
+    kvs_rec_hdl rec = 0;
+    uint64_t trace = 0;
+    EXPECT_EQ(ringlog_init2("trace", 0, 0, 8, 8, 0, &trace), 0u);
+    std::string got;
+    const struct {
+        const char *name;
+        int counts[2];
+        std::function<uint32_t()> work;
+    } rows[] = {
+        {"insert", {3, 2}, [&] { return d.insert(record(1, "abc"), &rec); }},
+        {"again", {0, 1}, [&] { return d.insert(record(1, "abc")) - KVS_RC_TOLERATED_ON_INSERT; }},
+        {"find", {0, 1}, [&] { return d.find(1) - rec; }},
+        {"read", {0, 0}, [&] { return d.read(rec, &got); }},
+        {"list", {0, 2}, [&] { return static_cast<uint32_t>(d.all().size() - 1); }},
+        {"write", {3, 3}, [&] { return d.write(rec, 4, "x"); }},
+        {"remove", {3, 1}, [&] { return d.remove(rec); }},
+        {"batch", {3, 3}, [&] { return d.fill(2, 2) | kvs_batch_commit(); }},
+        {"remove two", {6, 4}, [&] { return d.remove(d.find(2)) | d.remove(d.find(3)); }},
+        {"trace", {0, 0}, [&] { return _ringlog_emit(trace, 7), 0u; }},
+    };
+    for (int round = 0; round < (memory_is_taken() ? 4 : 5); ++round)
+        for (const auto &row : rows) {
+            fault = round == 4 ? ENOMEM : 0, calls = 0;
+            EXPECT_EQ(row.work(), 0u) << row.name;
+            EXPECT_TRUE(round < 3 || calls == row.counts[round - 3]) << row.name << ' ' << calls;
+        }
+}
+
 // Makes all kinds of changes, the second half without faults, and checks that what is stored is
 // what was acknowledged. Returns whether anything failed.
 bool meets_fault(uint32_t expected)
@@ -595,14 +723,11 @@ STORE_TEST(computes_the_same_checksum_in_both_ways)
     EXPECT_EQ(platform::crc32c(0, "123456789", 9), 0xE3069283u);
     std::string bytes;
     for (uint32_t length = 0; length < 300; ++length, bytes += static_cast<char>(length * 7)) {
-        const uint32_t whole = platform::crc32c_by_table(0, bytes.data(), length);
+        const auto all = [&](auto *sum, uint32_t part) {
+            return sum(sum(0, bytes.data(), part), bytes.data() + part, length - part);
+        };
         for (uint32_t part = 0; part <= length; part += 5)
-            EXPECT_EQ(platform::crc32c_by_table(platform::crc32c_by_table(0, bytes.data(), part),
-                                                bytes.data() + part, length - part),
-                      whole);
-        if (platform::has_crc32c_instruction()) {
-            EXPECT_EQ(platform::crc32c_by_instruction(0, bytes.data(), length), whole);
-        }
+            EXPECT_TRUE(all(platform::crc32c_by_table, part) == all(platform::crc32c, 0));
     }
 }
 
@@ -655,22 +780,33 @@ STORE_TEST(verifies_a_large_file_when_asked)
 {
     EXPECT_TRUE(passes_in_child([] {
         const db d;
-        EXPECT_EQ(d.fill(0, 100, std::string(200000, 'x')), 0u);
+        EXPECT_EQ(d.fill(0, 150, std::string(200000, 'x')), 0u);
         EXPECT_EQ(kvs_verify(d.hdl), KVS_RC_BATCH_ACTIVE);
         EXPECT_EQ(kvs_batch_commit(), 0u);
         EXPECT_EQ(kvs_verify(d.hdl), 0u);
         EXPECT_EQ(kvs_verify(0), KVS_RC_BAD_HDL);
     }));
-    const auto verify = [](uint32_t expected) {
-        const db d;
-        EXPECT_EQ(d.bound, 0u);
-        EXPECT_EQ(kvs_verify(d.hdl), expected);
-    };
-    EXPECT_TRUE(passes_in_child([&] { verify(0); }));
     const fs::path data = state / "store.mdb";
     const auto middle = static_cast<std::streamoff>(fs::file_size(data) / 2);
     std::fstream(data, std::ios::in | std::ios::out).seekp(middle).write("y", 1);
-    EXPECT_TRUE(passes_in_child([&] { verify(KVS_RC_DAMAGED); }));
+    EXPECT_TRUE(passes_in_child([] {
+        const db d;
+        EXPECT_TRUE(d.bound == 0 && kvs_verify(d.hdl) == KVS_RC_DAMAGED);
+    }));
+
+    const auto all = [](const void *, uint32_t length, void *) { return length != 200004 ? 1 : 0; };
+    const auto first = [](const void *, uint32_t, void *) { return 1; };
+    kvs_salvage_result result{};
+    EXPECT_EQ(kvs_salvage("db", all, nullptr, &result), 0u);
+    EXPECT_TRUE(result.salvaged == 149 && result.lost == 1 && result.doubtful == 0);
+    EXPECT_TRUE(result.is_whole == 0 && kvs_salvage("db", first, nullptr, &result) == 0);
+    EXPECT_EQ(result.salvaged, 1u);
+    EXPECT_EQ(kvs_salvage("none", all, nullptr, &result), 0u);
+    EXPECT_TRUE(result.salvaged == 0 && result.lost == KVS_SALVAGE_UNKNOWN);
+    EXPECT_EQ(kvs_salvage("", all, nullptr, &result), KVS_RC_BAD_NAME);
+    EXPECT_EQ(kvs_salvage(nullptr, all, nullptr, &result), KVS_RC_NULL_ARG);
+    EXPECT_EQ(kvs_salvage("db", nullptr, nullptr, &result), KVS_RC_NULL_ARG);
+    EXPECT_EQ(kvs_salvage("db", all, nullptr, nullptr), KVS_RC_NULL_ARG);
 }
 
 STORE_TEST(gives_out_no_handle_twice_when_there_are_none_left)
@@ -697,6 +833,177 @@ STORE_TEST(opens_although_the_directory_is_locked)
         EXPECT_EQ(db("second").insert(record(1)), 0u);
     }));
     EXPECT_EQ(mode_of(state / "store.mdb-open"), 0600u);
+}
+
+// Has a store open while `harm` is done to its files, and a process that comes then use it too.
+// Record 0 is there before; the newcomer's first change comes before the user's next, and its
+// second one after it.
+void share_harmed_files(const std::function<void()> &harm, uint32_t newcomers, uint32_t users,
+                        bool batch)
+{
+    struct {
+        std::atomic<int> turn;
+        std::atomic<uint32_t> status;
+    } &both = shared<std::remove_reference_t<decltype(both)>>();
+    const auto give_turn = [&] {
+        const int turn = ++both.turn;
+        EXPECT_TRUE(comes([&] { return both.turn > turn; }));
+        return both.status.load();
+    };
+    const pid_t newcomer = start_in_child([&] {
+        for (const uint32_t key : {1u, 3u}) {
+            EXPECT_TRUE(comes([&] { return both.turn == static_cast<int>(key); }));
+            const db d;
+            both.status = d.bound != 0 ? d.bound : d.insert(record(key));
+            ++both.turn;
+        }
+    });
+    const db d;
+    EXPECT_EQ(d.insert(record(0)), 0u);
+    EXPECT_EQ(d.find(9), 0u); // and looks at the files
+    EXPECT_EQ(batch ? d.fill(10, 1) : 0, 0u);
+    harm();
+    EXPECT_EQ(give_turn(), newcomers);
+    const uint32_t of_batch = newcomers != 0 ? newcomers : users;
+    EXPECT_EQ(batch ? kvs_batch_commit() : of_batch, of_batch);
+    EXPECT_EQ(d.insert(record(2)), users);
+    if (const db again; again.hdl == d.hdl || again.hdl == 0) { // of the same directory
+        EXPECT_EQ(again.bound, users);
+    }
+    records found;
+    EXPECT_EQ(d.list(&found), users);
+    EXPECT_EQ(give_turn(), 0u);
+    EXPECT_EQ(finish(newcomer), 0);
+}
+
+STORE_TEST(loses_no_change_when_its_files_are_taken_away)
+{
+    const fs::path data = state / "store.mdb", lock = state / "store.mdb-lock", away = state / "x";
+    const auto replace = [&](const fs::path &file) {
+        fs::rename(file, away);
+        fs::copy_file(away, file);
+    };
+    const struct {
+        std::function<void()> harm;
+        uint32_t newcomers, users;
+        std::set<uint32_t> left; // outside a batch
+    } harms[] = {
+        {[&] { fs::remove(state / "store.mdb-open"); }, 0, 0, {0, 1, 2, 3}},
+        {[&] { fs::remove(lock); }, KVS_RC_FILES_REPLACED, 0, {0, 2, 3}},
+        {[&] { replace(lock); }, KVS_RC_FILES_REPLACED, 0, {0, 2, 3}},
+        {[&] { fs::remove(data); }, 0, KVS_RC_FILES_REPLACED, {1, 3}},
+        {[&] { replace(data); }, 0, KVS_RC_FILES_REPLACED, {0, 1, 3}},
+        {[&] { fs::remove(data), fs::remove(lock); }, 0, KVS_RC_FILES_REPLACED, {1, 3}},
+        {[&] { fs::rename(state, state.parent_path() / "y"); }, 0, 0, {1, 3}},
+        {[&] { fs::remove_all(state); }, 0, KVS_RC_FILES_REPLACED, {1, 3}},
+    };
+    for (const auto &it : harms)
+        for (const bool batch : {false, true}) {
+            if (batch && it.newcomers == it.users) // who would wait for the batch
+                continue;
+            SCOPED_TRACE(std::to_string(&it - harms) + (batch ? " in a batch" : ""));
+            fs::remove_all(state);
+            EXPECT_TRUE(passes_in_child(
+                [&] { share_harmed_files(it.harm, it.newcomers, it.users, batch); }));
+            EXPECT_TRUE(passes_in_child([&] {
+                std::set<uint32_t> left;
+                for (const auto &[key, bytes] : db().all())
+                    left.insert(key);
+                EXPECT_EQ(left, it.left);
+            }));
+        }
+}
+
+// A thread that only reads, from its cache, looks at the files too.
+STORE_TEST(tells_readers_that_its_data_file_is_gone)
+{
+    const db d;
+    kvs_rec_hdl *found = nullptr;
+    uint32_t status = 0, count = 0, key = 1;
+    const kvs_key_attr by_key{{0, 0, 0}, 0, 4, &key, 0};
+    ASSERT_EQ(d.insert(record(1)), 0u);
+    ASSERT_NE(d.find(1), 0u);
+    fs::rename(state / "store.mdb", state / "x");
+    EXPECT_TRUE(comes([&] {
+        status = kvs_find_objects(d.hdl, &by_key, 1, 0, &found, &count);
+        free(status == 0 ? found : nullptr);
+        return status != 0;
+    }));
+    EXPECT_EQ(status, KVS_RC_FILES_REPLACED);
+    EXPECT_EQ(kvs_verify(d.hdl), KVS_RC_FILES_REPLACED);
+    fs::rename(state / "x", state / "store.mdb");
+    EXPECT_NE(d.find(1), 0u);
+    EXPECT_EQ(d.insert(record(2)), 0u);
+}
+
+// Takes descriptors that lead into the state directory for another file, which is to stay as it is:
+// each alone, then all of them.
+STORE_TEST(writes_into_no_file_of_the_program)
+{
+    const fs::path victim = state.parent_path() / "victim";
+    std::ofstream(victim) << "the program's";
+    const auto leads_into_store = [](int fd) {
+        std::error_code none;
+        const auto to = fs::read_symlink("/proc/self/fd/" + std::to_string(fd), none).string();
+        return to.starts_with(state.string());
+    };
+    const auto steal = [&](int which) {
+        const int own = open(victim.c_str(), O_RDWR);
+        for (int fd = 3, seen = 0; fd < 64; ++fd)
+            if (leads_into_store(fd) && (seen++ == which || which < 0)) {
+                EXPECT_EQ(dup2(own, fd), fd);
+            }
+        close(own);
+    };
+    const auto count_own = [&] {
+        int count = 0;
+        for (int fd = 3; fd < 64; ++fd) {
+            struct stat about, wanted;
+            count += fstat(fd, &about) == 0 && stat(victim.c_str(), &wanted) == 0 &&
+                     about.st_ino == wanted.st_ino && about.st_dev == wanted.st_dev;
+        }
+        return count;
+    };
+    for (int which = -1; which < 4; ++which)
+        for (const int when :
+             {0, 1, 2}) { // without a batch, before its commit, and before a change
+            SCOPED_TRACE(std::to_string(which) + " " + std::to_string(when));
+            fs::remove_all(state);
+            EXPECT_TRUE(passes_in_child([&] {
+                const db d;
+                EXPECT_EQ(d.insert(record(1)), 0u);
+                EXPECT_EQ(when != 0 ? d.fill(10, 1) : 0, 0u);
+                steal(which);
+                const int owned = count_own();
+                EXPECT_EQ(owned, which < 0 ? 4 : 1);
+                const uint32_t status = when == 1 ? kvs_batch_commit() : d.insert(record(2));
+                EXPECT_TRUE(status == KVS_RC_DESCRIPTORS_LOST || status == KVS_RC_FILES_REPLACED ||
+                            (which >= 0 && status == 0))
+                    << std::hex << status;
+                EXPECT_TRUE(when != 1 || status != 0);
+                EXPECT_TRUE(when != 2 || kvs_batch_abort() == 0);
+                EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(db().insert(record(3)), 0u); }));
+                EXPECT_TRUE(which >= 0 || d.insert(record(4)) == KVS_RC_DESCRIPTORS_LOST);
+                EXPECT_EQ(db().hdl, d.hdl); // which gives the store its directory back
+                EXPECT_EQ(d.insert(record(4)), 0u);
+                EXPECT_EQ(count_own(), owned);
+            }));
+            EXPECT_EQ(content_of(victim), "the program's");
+        }
+}
+
+// Writing to a hole in the lock file on a full disk would raise SIGBUS.
+STORE_TEST(fills_the_holes_of_its_lock_file)
+{
+    EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(db().insert(record(1)), 0u); }));
+    const fs::path lock = state / "store.mdb-lock";
+    const auto size = fs::file_size(lock);
+    fs::resize_file(lock, 0);
+    fs::resize_file(lock, size);
+    EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(db().insert(record(2)), 0u); }));
+    struct stat about;
+    ASSERT_EQ(stat(lock.c_str(), &about), 0);
+    EXPECT_GE(static_cast<uint64_t>(about.st_blocks) * 512, size);
 }
 
 // The child gets no lock of a thread that began to use the store.

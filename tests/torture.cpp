@@ -1,7 +1,7 @@
 // Harms the store in several ways, and checks that no acknowledged change is lost.
 //
 //   torture kills [COUNT [SEED]]      writers killed at random instants, in batches too
-//   torture powercut [STATES [SEED]]  what a disk may hold after the power went, by what was synced
+//   torture powercut [STATES [SEED]]  what a disk may contain after a power cut, by what was synced
 //   torture exhaustion                no room, no memory, no descriptors, no permission
 //   torture privilege                 other users, planted links, a set-user-ID program
 //

@@ -32,7 +32,7 @@ uint32_t change(uint64_t seed, uint32_t first_key, contents &all, bool for_real)
 void open_databases();
 contents stored();
 
-// What came of a change that may be in flight.
+// The outcome of a change that may be in flight.
 enum class finding { before, after, wrong };
 finding judge(const contents &found, const contents &before, const contents &after);
 

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <csignal>
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
@@ -138,6 +140,70 @@ void no_permission()
     set_mode(state, 0700);
 }
 
+// ---- surroundings ----
+
+void enter_new_namespace(int kind)
+{
+    skip(unshare(kind) != 0 && unshare(CLONE_NEWUSER | kind) != 0,
+         "this system does not let the test make namespaces");
+}
+
+void expect_no_proc()
+{
+    const fs::path output = root / "output";
+    enter_new_namespace(CLONE_NEWNS);
+    mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+    skip(mount("none", "/proc", "tmpfs", 0, nullptr) != 0, "/proc cannot be hidden here");
+    need(bind() == KVS_RC_NO_PROC, "binding without /proc");
+    need(in_child([&] {
+             dup2(open(output.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
+             execl(VSKVS, "vskvs", "check", nullptr);
+         }) == 1,
+         "the tool without /proc");
+    need(content_of(output).find("/proc is not mounted") != std::string::npos, "the tool's words");
+}
+
+void no_proc()
+{
+    use_new_state("harm");
+    for (const bool has_store : {false, true}) {
+        if (has_store)
+            need(in_child(open_databases) == 0, "with /proc");
+        const int status = in_child(expect_no_proc);
+        skip(status == not_here, "no mount namespaces");
+        need(status == 0, "without /proc");
+    }
+}
+
+// Processes of different PID namespaces may have the same PID, by which the engine tells them
+// apart. So they may use a store one after the other only.
+void other_pid_namespace()
+{
+    use_new_state("harm");
+    const auto bind_elsewhere = [] {
+        return in_child([] {
+            enter_new_namespace(CLONE_NEWPID);
+            const int status = in_child([] {
+                const uint32_t found = bind();
+                _exit(found == 0 ? 0 : found == KVS_RC_OTHER_NAMESPACE ? 1 : 2);
+            });
+            _exit(status);
+        });
+    };
+    const int before = bind_elsewhere();
+    skip(before == not_here, "no PID namespaces");
+    need(before == 0, "in another PID namespace first");
+    need(in_child([&] {
+             contents all;
+             open_databases();
+             need(bind_elsewhere() == 1, "in another PID namespace meanwhile");
+             change_often(0, all);
+         }) == 0,
+         "while another one tries");
+    need(bind_elsewhere() == 0, "in another PID namespace afterwards");
+    need(in_child(open_databases) == 0, "back again");
+}
+
 // ---- privilege ----
 
 void other_users()
@@ -161,7 +227,7 @@ void other_users()
     need(bind() == KVS_RC_STATE_DIR, "a directory that others may write to");
 }
 
-// Puts a link that leads out of the directory, and a pipe, in the place of each file. What is left
+// Replaces each file by a link that leads out of the directory, and by a pipe. What is left
 // of an unfinished store is replaced.
 void planted_files()
 {
@@ -242,7 +308,9 @@ bool exhaustion(unsigned, uint64_t)
 {
     return run_cases("exhaustion", {{"a limit on the file's size", file_size_limit},
                                     {"no descriptors", no_descriptors},
-                                    {"no permission", no_permission}});
+                                    {"no permission", no_permission},
+                                    {"no /proc", no_proc},
+                                    {"another PID namespace", other_pid_namespace}});
 }
 
 bool privilege(unsigned, uint64_t)

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cmath>
 #include <csignal>
-#include <lmdb.h>
 
 namespace torture {
 namespace {
@@ -55,26 +54,9 @@ void take_job(const char *id) // so that all its incarnations share its trace bu
     }
 }
 
-// Ends with a failure when a process that is gone has a reader slot. It has an environment of its
-// own, so it must not share a process with the store.
-void check_for_dead_slots(const char *store)
-{
-    MDB_env *env = nullptr;
-    need(mdb_env_create(&env) == 0 &&
-             mdb_env_open(env, store, MDB_NOSUBDIR | MDB_RDONLY, 0600) == 0,
-         "reading the reader table");
-    const auto look = [](const char *line, void *) {
-        int pid = 0;
-        need(std::sscanf(line, "%d", &pid) != 1 || kill(pid, 0) == 0, "a slot left");
-        return 0;
-    };
-    mdb_reader_list(env, look, nullptr);
-}
-
 // Inspects twice, with a change between: a commit whose writer died just before it was published to
 // the engine's other processes becomes visible with the next change.
-void inspect(const writer (&all)[writers], const fs::path &state, shared_progress &progress,
-             uint64_t seed)
+void inspect(const writer (&all)[writers], shared_progress &progress, uint64_t seed)
 {
     take_job("100");
     contents mine;
@@ -93,8 +75,6 @@ void inspect(const writer (&all)[writers], const fs::path &state, shared_progres
         while (!again && mine == found[writers])
             need(change(seed++, (writers + 1) * key_range, mine, true) == 0, "one more change");
     }
-    const std::string store = state / "store.mdb";
-    need(in_child([&] { check_for_dead_slots(store.c_str()); }) == 0, "the readers' slots");
 }
 
 void kill_all(dice &roll, const writer (&all)[writers], shared_progress &progress, totals &sum)
@@ -115,7 +95,7 @@ void kill_all(dice &roll, const writer (&all)[writers], shared_progress &progres
     }
 }
 
-void check(writer (&all)[writers], shared_progress &progress, const fs::path &state, totals &sum)
+void check(writer (&all)[writers], shared_progress &progress, totals &sum)
 {
     for (unsigned i = 0; i < writers; ++i) {
         writer &it = all[i];
@@ -126,7 +106,7 @@ void check(writer (&all)[writers], shared_progress &progress, const fs::path &st
         if (progress.by[i].started > it.last_change)
             change(it.seed + ++it.last_change, it.first_key, it.after, false);
     }
-    sum.failed += in_child([&] { inspect(all, state, progress, uint64_t{sum.kills} << 32); }) != 0;
+    sum.failed += in_child([&] { inspect(all, progress, uint64_t{sum.kills} << 32); }) != 0;
     for (unsigned i = 0; i < writers; ++i) {
         sum.wrong += progress.found[i] == finding::wrong;
         sum.kept += progress.found[i] == finding::after;
@@ -143,7 +123,7 @@ bool kills(unsigned count, uint64_t seed)
     dice roll{seed};
     totals sum;
     while (sum.kills < count && sum.all_well()) {
-        const fs::path state = use_new_state("kills");
+        use_new_state("kills");
         auto &progress = shared<shared_progress>();
         writer all[writers];
         for (unsigned i = 0; i < writers; ++i)
@@ -153,7 +133,7 @@ bool kills(unsigned count, uint64_t seed)
         pid_t keeper = 0;
         for (unsigned round = 0; round < rounds_on_one_store && sum.kills < count; ++round) {
             kill_all(roll, all, progress, sum);
-            check(all, progress, state, sum);
+            check(all, progress, sum);
             if (!sum.all_well())
                 break;
             if (keeper == 0)

@@ -1,4 +1,4 @@
-// Opens what a disk may hold after a power cut.
+// Opens what a disk may contain after a power cut.
 //
 // This executable takes over the calls by which the engine writes, and records those on its data
 // file, between marks at which changes start. From the record it makes files as a disk might hold

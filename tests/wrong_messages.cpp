@@ -21,7 +21,7 @@ static_assert(!cover(std::span(all_fields).first(2), sizeof(vs_client_info_entry
 static_assert(!cover(a_gap, sizeof(vs_client_info_entry)));
 #elif WRONG == 1 // an argument too many in the identifier
 constexpr errors<object_id, status_text> wrong{0x50400010299, "%s: id 0x%X: %s"};
-#elif WRONG == 2 // a string that the mask does not tell
+#elif WRONG == 2 // a string that the mask lacks
 constexpr errors<object_id, status_text> wrong{0x10300010299, "%s: id 0x%X: %s"};
 #elif WRONG == 3 // a conversion of another kind
 constexpr errors<object_id, status_text> wrong{0x50300010299, "%s: id %s: %s"};
@@ -33,18 +33,16 @@ constexpr errors<object_id> wrong{0x10200010299, "is: 0x%X"};
 constexpr debug<object_id> wrong{0x10200010299, "%s: id 0x%X"};
 #elif WRONG == 7 // an address in a trace record
 constexpr errors<record_address> wrong{0x10200010299, "%s: at %p"};
-#elif WRONG == 8 // reported, and not in the operation's list
-struct operation_without {
+#else
+struct wrong {
     static constexpr char operation[] = "vs_kvs_operation";
-    static constexpr errors<object_id> unlisted{0x10200010299, "%s: id 0x%X"};
+    static constexpr errors<object_id> message{0x10200010299, "%s: id 0x%X"};
+#if WRONG == 8 // reported, and not in the operation's list
     static constexpr auto traced = std::tuple{};
+    void run() { report<wrong, message>(object_id{1}); }
+#else          // a report without one of the message's facts
+    static constexpr auto traced = std::tuple{message};
+    void run() { report<wrong, message>(job_id{1}); }
+#endif
 };
-void wrong() { report<operation_without, operation_without::unlisted>(object_id{1}); }
-#elif WRONG == 9 // a report without one of the message's facts
-struct operation_with {
-    static constexpr char operation[] = "vs_kvs_operation";
-    static constexpr errors<object_id> listed{0x10200010299, "%s: id 0x%X"};
-    static constexpr auto traced = std::tuple{listed};
-};
-void wrong() { report<operation_with, operation_with::listed>(job_id{1}); }
 #endif

@@ -1,6 +1,7 @@
 // The commands on many records: each validates all of its input before the first change, and makes
-// its changes in one batch of the store, so that they come about together or not at all.
+// its changes in one batch of the store, so that all of them are stored or none.
 #include "tools/commands.h"
+#include "tools/dump_format.h"
 #include "tools/store.h"
 #include "vs_kvs.h"
 
@@ -21,11 +22,7 @@ constexpr vs_kvs::record_layout selection_layout{
     selection_fields, {nullptr, offsetof(vs_object_sel_entry, caller_data), 0}, {}};
 constexpr shape selection{selection_layout};
 
-constexpr const char dump_header[] = "vskvs_dump";
-constexpr const char dump_end[] = "vskvs_dump_end";
-constexpr uint32_t dump_format = 1;
-
-// The keys that a file has given so far, each with its line.
+// The keys in a file so far, each with its line.
 class key_set {
 public:
     void add(const database &db, const json_line &line, uint32_t key)
@@ -68,7 +65,7 @@ vs_object_sel_entry selection_of(const words &record)
 }
 
 // One call of the library's bulk operation.
-uint32_t apply(std::span<const words> chunk, bool update)
+[[nodiscard]] uint32_t apply(std::span<const words> chunk, bool update)
 {
     std::vector<vs_object_sel_entry> entries;
     std::vector<const uint32_t *> versions;
@@ -98,8 +95,8 @@ record_map stored_objects()
     return stored;
 }
 
-// A bulk operation does not say which element it failed at. When it was one that is stored already,
-// with other contents, its name is what the user needs.
+// A bulk operation does not return the element that it failed at. If that one is stored already
+// with other contents, it is found here and named.
 [[noreturn]] void explain_failure(uint32_t status, const arguments &given,
                                   const std::vector<words> &records, const record_map &stored)
 {
@@ -172,21 +169,21 @@ void read_dumped_record(const json_line &line, all_records &all)
 all_records read_dump(const std::string &file)
 {
     all_records all = no_records();
-    enum { before, within, after } place = before;
+    enum { before, within, after } position = before;
     read_json_lines(file, [&](const json_line &line) {
-        if (place == after)
+        if (position == after)
             line.refuse("", "nothing may follow the end of a dump");
-        if (place == before) {
+        if (position == before) {
             read_dump_header(line);
-            place = within;
+            position = within;
         } else if (line.value().contains(dump_end)) {
             read_dump_end(line, all);
-            place = after;
+            position = after;
         } else {
             read_dumped_record(line, all);
         }
     });
-    if (place != after)
+    if (position != after)
         throw failure(file + ": the dump is cut short: its last line is missing");
     return all;
 }
@@ -223,26 +220,6 @@ void import_objects(const arguments &given)
     else
         print("imported " + counted(without_record, "object") + "; " + std::to_string(known) +
               " stored already\n");
-}
-
-void dump(const arguments &)
-{
-    all_records all = no_records();
-    look_at_all([&] {
-        for (dumped &of : all)
-            of.records = read_all(*of.db);
-    });
-    print_line({{dump_header, dump_format}});
-    json end{{dump_end, dump_format}};
-    for (const dumped &of : all) {
-        for (const words &record : of.records) {
-            json line{{"database", of.db->name}};
-            line.update(to_json(of.db->shape, record));
-            print_line(line);
-        }
-        end[of.db->name] = of.records.size();
-    }
-    print_line(end);
 }
 
 void restore(const arguments &given)

@@ -8,7 +8,7 @@
 
 namespace vskvs {
 
-// A trace record as a person reads it.
+// A trace record as a sentence.
 struct trace_sentence {
     std::string operation; // empty when the record does not name one
     std::string sentence;  // the debug print of the same message, without the operation

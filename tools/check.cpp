@@ -1,7 +1,8 @@
-// What the three databases say that does not fit together.
+// Finds contradictions in and between the three databases.
 //
 // The library reads a whole database or nothing of it, and refuses records that are too short. To
-// say which record is at fault, the check goes to the store itself.
+// identify the record at fault, the check reads the store directly.
+#include "core/block.h"
 #include "tools/commands.h"
 #include "tools/store.h"
 #include "vs_kvs.h"
@@ -49,7 +50,7 @@ private:
     json document_ = json::array();
 };
 
-// The stored bytes of one record, as words; `length` is what the store says.
+// The stored bytes of one record, as words; `length` is its length in the store.
 words stored_words(const database &db, kvs_hdl hdl, kvs_rec_hdl handle, uint32_t &length)
 {
     require(kvs_get_object_size(hdl, &handle, &length), db.name);
@@ -60,14 +61,14 @@ words stored_words(const database &db, kvs_hdl hdl, kvs_rec_hdl handle, uint32_t
 }
 
 // The records of a database. Those that are not as long as their counts say are findings, and of
-// those that are shorter nothing more is looked at.
+// those that are shorter nothing more is checked.
 record_map all_records(const database &db, findings &found)
 {
     const kvs_hdl hdl = bind(db, "check");
     kvs_rec_hdl *array = nullptr;
     uint32_t count = 0;
     require(kvs_find_objects(hdl, nullptr, 0, 0, &array, &count), db.name);
-    const std::unique_ptr<kvs_rec_hdl, decltype(&free)> owner(array, &free);
+    const vs_kvs::block<kvs_rec_hdl> owner(array);
     record_map all;
     for (uint32_t i = 0; i < count; ++i) {
         uint32_t length = 0;
@@ -79,7 +80,7 @@ record_map all_records(const database &db, findings &found)
         if (length != wanted) {
             const std::string claim =
                 has_count ? "its " + std::string(db.shape.count_name()) + " of " +
-                                std::to_string(db.shape.count(record)) + " asks for "
+                                std::to_string(db.shape.count(record)) + " requires "
                           : "its fixed part alone has ";
             found.add("record-length", db, key,
                       "the record has " + counted(length, "byte") + ", " + claim +
@@ -109,7 +110,7 @@ void check_selections(const record_map &all, findings &found)
     }
 }
 
-// The elements of a record, without those that stand in it twice, which are findings.
+// The elements of a record, without duplicates, which are findings.
 std::vector<std::span<const uint32_t>> distinct_elements(const database &db, const words &record,
                                                          const char *kind, const char *name,
                                                          findings &found)
@@ -148,7 +149,7 @@ void check_known(const database &db, uint32_t key, uint32_t id, const record_map
                   {{"vs_object_id", id}});
 }
 
-// Whether there is a record of `key`, but not one that says what it lists.
+// Whether the record of `key` is stored, but too short to be read.
 bool is_unreadable(const record_map &all, uint32_t key)
 {
     const auto at = all.find(key);

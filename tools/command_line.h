@@ -1,4 +1,4 @@
-// The command line: what commands there are, and where their words go in the arguments. Each
+// The command line: its commands, options and help, and how they fill the arguments. Each
 // command is a function of commands.h.
 #pragma once
 
@@ -35,7 +35,7 @@ public:
 
     void run() const { action_(given_); }
 
-    // Throws unless the directory that the process runs with is the one that was asked for.
+    // Throws unless the process runs with the directory of --state-dir.
     void check_state_dir(const char *chosen) const
     {
         if (app_.count("--state-dir") != 0 && (chosen == nullptr || state_dir_ != chosen))
@@ -219,7 +219,9 @@ private:
 
         json_flag(leaf(app_, "check", "Report what does not fit together in the three databases",
                        check, "vskvs check"));
-        leaf(app_, "dump", "Print everything as JSON lines", dump, "vskvs dump > state.jsonl");
+        leaf(app_, "dump", "Print everything as JSON lines", dump, "vskvs dump > state.jsonl")
+            ->add_flag("--salvage", given_.salvage,
+                       "Print what can be read of a damaged store; its services must be stopped");
         file(leaf(app_, "restore", "Fill an empty store from a dump, all or nothing", restore,
                   "vskvs restore state.jsonl"),
              "Dump, - for standard input");

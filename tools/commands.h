@@ -23,6 +23,7 @@ struct arguments {
     uint32_t changed = 1;
     std::string file;
     bool update = false;
+    bool salvage = false;
     std::optional<uint32_t> code;
     std::vector<std::string> buffers;
     std::optional<uint32_t> job;
@@ -74,11 +75,11 @@ void add_to_registration(const arguments &given);
 // ---- on many records (bulk.cpp) ----
 
 void import_objects(const arguments &given);
-void dump(const arguments &given);
 void restore(const arguments &given);
 
-// ---- on the whole (check.cpp, trace.cpp, status.cpp) ----
+// ---- on the whole (dump.cpp, check.cpp, trace.cpp, status.cpp) ----
 
+void dump(const arguments &given);
 void check(const arguments &given);
 void trace(const arguments &given);
 void status(const arguments &given);

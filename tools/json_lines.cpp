@@ -1,7 +1,8 @@
 // Reading JSON lines.
 //
-// The parsed value does not hold where its parts were in the text. While a line is parsed the
-// columns are noted in the order of the text, and that is the order of a walk through the value.
+// The parsed value does not contain the positions of its parts in the text. While a line is parsed
+// the columns are noted in the order of the text, and that is the order of a walk through the
+// value.
 #include "tools/json_lines.h"
 
 #include <algorithm>
@@ -19,7 +20,7 @@ constexpr size_t longest_line = size_t{16} << 20;
 constexpr size_t deepest_nesting = 64;
 constexpr size_t longest_message = 500;
 
-// What is wrong with a line, and the column, counted from 1.
+// An error in a line, and its column, counted from 1.
 struct line_error {
     size_t column;
     std::string message;
@@ -93,7 +94,7 @@ public:
         return true;
     }
 
-    // The library's text begins with its name of the error and, of a syntax error, its place.
+    // The library's text begins with its name of the error and, of a syntax error, its position.
     bool parse_error(size_t, const std::string &, const json::exception &error)
     {
         const std::string what = error.what();
@@ -244,18 +245,18 @@ void json_line::refuse(const std::string &path, const std::string &message) cons
     for (json::json_pointer rest(path); !rest.empty(); rest.pop_back())
         names.push_back(rest.back());
     const json *value = &value_;
-    size_t place = 0;
+    size_t index = 0;
     for (; !names.empty(); names.pop_back()) {
-        ++place;
+        ++index;
         for (const auto &[name, part] : value->items()) {
             if (name == names.back()) {
                 value = &part;
                 break;
             }
-            place += column_count(part);
+            index += column_count(part);
         }
     }
-    refuse_line(file_, number_, {columns_.at(place), message});
+    refuse_line(file_, number_, {columns_.at(index), message});
 }
 
 uint32_t json_line::number_at(const std::string &path) const

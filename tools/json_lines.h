@@ -1,6 +1,6 @@
-// Files of JSON objects, one a line, and exact places for what is wrong in them.
+// Files of JSON objects, one a line, with the exact position of each error.
 //
-// A line is refused if it has more than 16 MB, is nested deeper than 64 levels, holds a control
+// A line is refused if it has more than 16 MB, is nested deeper than 64 levels, contains a control
 // character or bytes that are not UTF-8, or a field twice. No more of a file is in memory than one
 // line.
 #pragma once
@@ -21,7 +21,7 @@ public:
     const json &value() const { return value_; }
     size_t number() const { return number_; }
 
-    // Throws a failure that names the place of the value at `path`, or of its name when it is a
+    // Throws a failure that names the position of the value at `path`, or of its name when it is a
     // field. A path is a JSON pointer: "/clients/2/jid", or "" for the whole line.
     [[noreturn]] void refuse(const std::string &path, const std::string &message) const;
 
@@ -36,7 +36,7 @@ private:
 };
 
 // Gives each line of a file ("-" for standard input) to `take`, without the empty ones. A line must
-// hold one object whose fields differ.
+// be one object without duplicate fields.
 void read_json_lines(const std::string &file, const std::function<void(const json_line &)> &take);
 
 } // namespace vskvs

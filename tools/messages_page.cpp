@@ -14,7 +14,7 @@ using namespace vs_kvs;
 
 constexpr const char *buffer_names[] = {"api", "errors", "common"};
 
-// The text with the names of the facts in the places of the conversions.
+// The text with each conversion replaced by the name of its fact.
 template <channel To, class... Facts>
 std::string sentence_of(const message<To, Facts...> &of)
 {

@@ -1,4 +1,4 @@
-// Writing, with every error noticed.
+// Writing, with every error detected.
 #include "tools/output.h"
 
 #include "fault.h"
@@ -35,17 +35,6 @@ std::string padded(const std::string &text, size_t width, bool to_the_right)
     return to_the_right ? space + text : text + space;
 }
 
-// Control characters of C0 and C1, and what changes the line or the direction of the text after it.
-bool is_unprintable(char32_t code)
-{
-    constexpr struct {
-        char32_t first, last;
-    } ranges[] = {{0, 0x1F},        {0x7F, 0x9F},     {0x61C, 0x61C},
-                  {0x200E, 0x200F}, {0x2028, 0x202E}, {0x2066, 0x2069}};
-    return std::ranges::any_of(
-        ranges, [&](const auto &range) { return range.first <= code && code <= range.last; });
-}
-
 } // namespace
 
 void print(std::string_view text)
@@ -59,7 +48,7 @@ void print_line(const json &document) { print(json_text(document) + "\n"); }
 void print_pretty(const json &document) { print(json_text(document, 2) + "\n"); }
 
 // All but ASCII is escaped, for JSON leaves C1 controls and bidirectional marks as they are. Bytes
-// that are not UTF-8 can come from a trace record; JSON has no place for them.
+// that are not UTF-8 can come from a trace record; JSON cannot contain them.
 std::string json_text(const json &document, int indent)
 {
     return document.dump(indent, ' ', true, json::error_handler_t::replace);
@@ -116,39 +105,13 @@ std::string counted(size_t count, const std::string &noun)
     return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
-character first_character(std::string_view text)
-{
-    // By the number of bytes: the bits of the first byte that mark it, and the least code.
-    constexpr struct {
-        unsigned mask, mark;
-        char32_t least;
-    } forms[] = {{0x80, 0x00, 0}, {0xE0, 0xC0, 0x80}, {0xF0, 0xE0, 0x800}, {0xF8, 0xF0, 0x10000}};
-    const unsigned first = static_cast<unsigned char>(text[0]);
-    for (size_t length = 1; length <= std::min(text.size(), std::size(forms)); ++length) {
-        const auto &form = forms[length - 1];
-        if ((first & form.mask) != form.mark)
-            continue;
-        char32_t code = first & ~form.mask;
-        for (const char byte : text.substr(1, length - 1)) {
-            if ((byte & 0xC0) != 0x80)
-                return {};
-            code = code << 6 | (byte & 0x3F);
-        }
-        const bool is_surrogate = code >= 0xD800 && code <= 0xDFFF;
-        if (code < form.least || code > 0x10FFFF || is_surrogate)
-            return {};
-        return {code, length};
-    }
-    return {};
-}
-
 std::string printable(std::string_view text)
 {
     std::string shown;
     while (!text.empty()) {
         const character next = first_character(text);
         const size_t length = std::max<size_t>(next.length, 1);
-        if (next.length == 0 || is_unprintable(next.code))
+        if (next.length == 0 || platform::is_unprintable(next.code))
             shown += '?';
         else
             shown += text.substr(0, length);

@@ -1,8 +1,10 @@
 // What the tool writes: text and tables on standard output, failures on standard error.
 //
-// Standard output is written through here and nowhere else, so that a full disk is noticed: every
-// function that writes throws a failure when the text does not get out.
+// Standard output is written through here and nowhere else, so that a full disk is detected: every
+// function that writes throws a failure if that fails.
 #pragma once
+
+#include "platform/base/utf8.h"
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
@@ -15,7 +17,7 @@ namespace vskvs {
 
 using json = nlohmann::ordered_json;
 
-// Why a command failed, as one line for the user. The tool prints it and exits with status 1.
+// The failure of a command, as one line. The tool prints it and exits with status 1.
 struct failure : std::runtime_error {
     using runtime_error::runtime_error;
 };
@@ -29,7 +31,7 @@ struct status_failure : failure {
     uint32_t status;
 };
 
-// A command line that cannot be carried out. The tool prints why and exits with status 2.
+// A command line that cannot be carried out. The tool prints the reason and exits with status 2.
 struct wrong_usage : std::runtime_error {
     using runtime_error::runtime_error;
 };
@@ -58,13 +60,8 @@ std::string hex(uint64_t number); // as 0x2a
 // "1 object", "2 objects".
 std::string counted(size_t count, const std::string &noun);
 
-struct character {
-    char32_t code;
-    size_t length; // in bytes; 0 if the bytes are no character of UTF-8
-};
-
-// The first character of a text that is not empty.
-character first_character(std::string_view text);
+using platform::character;
+using platform::first_character;
 
 // Text that is safe on a terminal: control characters, bidirectional marks, line separators and
 // bytes that are not UTF-8 become '?'. Every text from outside the tool passes through here before

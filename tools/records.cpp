@@ -1,23 +1,17 @@
 // The three databases and the library's operations on them.
 #include "tools/records.h"
 
+#include "core/block.h"
 #include "databases.h"
 #include "vs_kvs.h"
 
 #include <array>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 
 namespace vskvs {
 namespace {
 
-struct free_block {
-    void operator()(void *address) const { free(address); }
-};
-
-template <class Record>
-using block = std::unique_ptr<Record, free_block>;
+using vs_kvs::block;
 
 words copy_of(const shape &of, const void *record)
 {
@@ -29,7 +23,7 @@ words copy_of(const shape &of, const void *record)
 }
 
 template <class Record, uint32_t (*Get)(uint32_t, Record **)>
-uint32_t get(const shape &of, uint32_t key, words &record)
+[[nodiscard]] uint32_t get(const shape &of, uint32_t key, words &record)
 {
     Record *found = nullptr;
     const uint32_t status = Get(key, &found);
@@ -40,7 +34,7 @@ uint32_t get(const shape &of, uint32_t key, words &record)
 }
 
 template <class Record, uint32_t (*List)(uint32_t *, Record ***)>
-uint32_t list(const shape &of, std::vector<words> &records)
+[[nodiscard]] uint32_t list(const shape &of, std::vector<words> &records)
 {
     uint32_t count = 0;
     Record **found = nullptr;
@@ -54,7 +48,7 @@ uint32_t list(const shape &of, std::vector<words> &records)
 }
 
 template <class Record, uint32_t (*Insert)(const Record *, kvs_rec_hdl *)>
-uint32_t insert(const words &record)
+[[nodiscard]] uint32_t insert(const words &record)
 {
     kvs_rec_hdl handle = 0;
     return Insert(reinterpret_cast<const Record *>(record.data()), &handle);

@@ -1,8 +1,8 @@
-// The three databases as the tool sees them: alike but for their data.
+// The three databases, described by data.
 //
-// A stored record is held as a row of 32-bit words. Its layout, which comes from the library's list
+// A stored record is an array of 32-bit words. Its layout, which comes from the library's list
 // of databases, names the fields; where one field is meant it is read through the record's own
-// type. A `database` holds the layout and the library's operations, so that showing, dumping,
+// type. A `database` contains the layout and the library's operations, so that showing, dumping,
 // restoring and checking records are written once.
 #pragma once
 
@@ -103,11 +103,11 @@ words read(const database &db, uint32_t key);
 std::vector<words> read_all(const database &db);
 
 // Throws a failure unless an operation on the record of `key` gave status 0. Where the database is
-// not available the message says why.
+// not available the message contains the reason.
 void require(uint32_t status, const database &db, uint32_t key);
 
 // The store's handle of a database. When the database is not available, throws a failure about
-// `subject` that says why.
+// `subject` with the reason.
 kvs_hdl bind(const database &db, const std::string &subject);
 
 // ---- formats of records (record_formats.cpp) ----

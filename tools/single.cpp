@@ -70,7 +70,7 @@ void add_client(const arguments &given)
 }
 
 // The library replaces the whole entry. Data that the user does not give is to stay as it is, so it
-// is read first; where there is nothing to read, the update itself says what is wrong.
+// is read first; if that fails, the update reports the error.
 void update_client(const arguments &given)
 {
     vs_client_info_entry client = client_of(given);

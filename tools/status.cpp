@@ -1,4 +1,4 @@
-// The command that explains statuses.
+// Prints the names and texts of statuses.
 #include "fault.h"
 #include "tools/commands.h"
 

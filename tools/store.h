@@ -6,7 +6,10 @@
 
 namespace vskvs {
 
-// Opens the databases, creating what is missing, as the bulk operations demand.
+// From now on, a long wait for another process is reported on standard error.
+void announce_waits();
+
+// Opens the databases, creating what is missing, as the bulk operations require.
 void initialize(const std::string &command);
 
 // Does the work in one batch of the store, which is committed when `work` returns and aborted when

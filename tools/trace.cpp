@@ -1,7 +1,7 @@
 // The trace buffers of all processes, merged in the order of time.
 //
 // A buffer is opened, read to its end and closed, and what passes the filters is kept as text until
-// it is sorted and printed. While buffers are followed, those that gave records last stay open; the
+// it is sorted and printed. While buffers are followed, those that had records last stay open; the
 // others are opened again, a few at a time, and read on from where they were.
 #include "ringlog.h"
 #include "tools/catalogue.h"
@@ -35,7 +35,7 @@ struct close_reader {
 struct buffer {
     std::unique_ptr<ringlog_reader, close_reader> reader; // null when it is closed
     uint64_t next = 0;                                    // the first record not yet read
-    bool is_asked_for = false;                            // by its name
+    bool is_named = false;                                // by its name
     bool is_ended = false;                                // it could not be read
 };
 
@@ -45,7 +45,7 @@ struct printed_record {
     std::string text;
 };
 
-// Local time as 2026-11-22 22:07:31, followed by as many digits of the second as asked for.
+// Local time as 2026-11-22 22:07:31, followed by the given number of digits of the second.
 std::string time_text(uint64_t time_ns, const char *format, int digits)
 {
     const auto seconds = static_cast<std::time_t>(time_ns / second);
@@ -60,7 +60,7 @@ std::string time_text(uint64_t time_ns, const char *format, int digits)
     return std::string(date) + "." + std::string(fraction, static_cast<size_t>(digits)) + zone;
 }
 
-// The printed form of a record, empty if another operation is asked for.
+// The printed form of a record, empty if another operation is selected.
 std::string text_of(const ringlog_record &record, const std::string &name, const arguments &given)
 {
     const trace_sentence shown = decode(record);
@@ -118,16 +118,16 @@ public:
 private:
     using named_buffer = std::map<std::string, buffer>::value_type;
 
-    void add(const std::string &name, bool is_asked_for)
+    void add(const std::string &name, bool is_named)
     {
         const auto [at, is_new] = buffers_.try_emplace(name);
         if (!is_new)
             return;
-        at->second.is_asked_for = is_asked_for;
+        at->second.is_named = is_named;
         read_on(*at);
     }
 
-    // A buffer that was set aside as damaged is read only when it is asked for.
+    // A buffer that was set aside as damaged is read only when it is named.
     void add_new_buffers()
     {
         std::vector<std::string> names;
@@ -165,7 +165,7 @@ private:
         const bool was_open = from.reader != nullptr;
         const uint64_t first = from.next;
         const uint32_t status = read_records(name, from);
-        if (status == RINGLOG_RC_NO_SUCH_BUFFER && !from.is_asked_for) {
+        if (status == RINGLOG_RC_NO_SUCH_BUFFER && !from.is_named) {
             from.next = 0; // it was removed, and may be made anew
         } else if (status != 0) {
             from.is_ended = true;
@@ -233,8 +233,8 @@ private:
     size_t damaged_ = 0;
 };
 
-// Nothing is written to standard output during the wait, so whether it still has a reader is looked
-// up here.
+// Nothing is written to standard output during the wait, so its loss of the reader is detected
+// here.
 void wait_for_records()
 {
     pollfd output{STDOUT_FILENO, 0, 0};

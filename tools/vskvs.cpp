@@ -1,7 +1,8 @@
-// vskvs - looks into, changes, checks and saves what the version-selection service keeps.
+// vskvs - inspects, changes, checks and dumps the state of the version-selection service.
 //
 // This file is the process: its environment, its trace buffers and its exit status.
 #include "tools/command_line.h"
+#include "tools/store.h"
 #include "vs_kvs.h"
 
 #include <climits>
@@ -75,8 +76,8 @@ void name_the_job()
     setenv("VS_JOB_NAME", "vskvs", 0);
 }
 
-// The tool works without trace buffers too, and complaints of the set-up would only hide what the
-// command has to say.
+// The tool works without trace buffers too, and warnings of the set-up would only hide the
+// command's own output.
 void set_up_reports()
 {
     fflush(stderr);
@@ -90,13 +91,14 @@ void set_up_reports()
     close(stderr_copy);
 }
 
-// Carries the command line out. What is printed has got out when this returns.
+// Executes the command line. The output is flushed when this returns.
 void carry_out(command_line &line, int argc, char **argv)
 {
     try {
         line.app().parse(argc, argv);
         line.check_state_dir(chosen_state_dir);
         name_the_job();
+        announce_waits();
         if (line.needs_reports())
             set_up_reports();
         line.run();

@@ -35,7 +35,7 @@ private:
     int fd_ = -1;
 };
 
-// Returns the text of an error number. fault_strerror does not serve: there 21 is a status.
+// Returns the text of an error number. fault_strerror cannot be used: there 21 is a status.
 inline const char *error_text(int error)
 {
     const char *const text = strerrordesc_np(error);

@@ -3,19 +3,21 @@
 
 #include <csignal>
 #include <ctime>
+#include <initializer_list>
 #include <pthread.h>
 
 namespace platform {
 
 // While it exists, the thread is not cancelled, and a write beyond the limit of a file's size fails
-// with EFBIG instead of ending the process with SIGXFSZ.
+// with EFBIG instead of ending the process with SIGXFSZ. Nor does a terminal stop the process while
+// it has but this thread: others would wait for the locks that it holds. It is stopped afterwards.
 class interruption_guard {
 public:
     interruption_guard()
     {
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
         was_pending_ = is_pending();
-        const sigset_t signals = size_signal();
+        const sigset_t signals = set_of({SIGXFSZ, SIGTSTP, SIGTTIN, SIGTTOU});
         pthread_sigmask(SIG_BLOCK, &signals, &old_mask_);
     }
     interruption_guard(const interruption_guard &) = delete;
@@ -23,7 +25,7 @@ public:
     ~interruption_guard()
     {
         if (!was_pending_ && is_pending()) {
-            const sigset_t signals = size_signal();
+            const sigset_t signals = set_of({SIGXFSZ});
             const timespec at_once{};
             sigtimedwait(&signals, nullptr, &at_once);
         }
@@ -32,11 +34,12 @@ public:
     }
 
 private:
-    static sigset_t size_signal()
+    static sigset_t set_of(std::initializer_list<int> members)
     {
         sigset_t signals;
         sigemptyset(&signals);
-        sigaddset(&signals, SIGXFSZ);
+        for (const int each : members)
+            sigaddset(&signals, each);
         return signals;
     }
     static bool is_pending()

@@ -18,7 +18,7 @@ constexpr uint32_t digit_value(char c)
 }
 
 // Returns the number if the whole of `text` is one in `base`, 10 or 16, of 32 bits. <charconv>
-// would bring a table along that the library then exports.
+// would add a table that the library then exports.
 [[nodiscard]] constexpr std::optional<uint32_t> parse_number(std::string_view text, uint32_t base)
 {
     uint64_t value = 0;

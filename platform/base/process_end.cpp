@@ -11,8 +11,6 @@
 // trace buffer; for the program's own libraries there is a destructor of the main thread.
 #include "platform/base/process_end.h"
 
-#include "loader.h"
-
 #include <cstdint>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -58,19 +56,21 @@ size_t count_libraries()
 }
 
 // Libraries loaded by dlopen join the program's scope only after they have started.
-bool came_with_program()
+bool came_with_program(const char *name, const void *address)
 {
     void *const program = dlopen(nullptr, RTLD_LAZY | RTLD_NOLOAD);
     if (program == nullptr)
         return false;
-    const bool found = dlsym(program, "__in_unload") == reinterpret_cast<void *>(&__in_unload);
+    const bool found = dlsym(program, name) == address;
     dlclose(program);
     return found;
 }
 
-__attribute__((constructor)) void start_watching()
+} // namespace
+
+void start_watching(const char *name, const void *address)
 {
-    if (came_with_program()) {
+    if (came_with_program(name, address)) {
         libraries_at_start.store(count_libraries(), std::memory_order_relaxed);
         watch_main_thread();
         // Without memory for the handler only children forked by another thread are not watched.
@@ -78,8 +78,6 @@ __attribute__((constructor)) void start_watching()
     }
     watch_process_end();
 }
-
-} // namespace
 
 void watch_process_end()
 {

@@ -16,6 +16,10 @@ extern std::atomic<bool> main_thread_exits;
 // not.
 extern std::atomic<size_t> libraries_at_start;
 
+// Called once, when this library is loaded. `address` is that of the function `name`, which it
+// exports.
+void start_watching(const char *name, const void *address);
+
 // Registers the handler for libraries loaded by dlopen. The load hook of every library that queries
 // the unload opens a trace buffer; that is where this is called.
 void watch_process_end();

@@ -1,4 +1,4 @@
-// The state directory, located by the environment and opened without trusting its contents.
+// The state directory, located by the environment and opened without following links in it.
 //
 // The path to the directory is the user's own and may contain links; the directory itself is
 // trusted according to its owner and mode, read from the open descriptor so that nothing can be

@@ -3,12 +3,12 @@
  *
  * A record is a run of bytes whose first four are its key, a 32-bit unsigned number. A database
  * holds at most one record a key. A record handle names one stored record and never another: once
- * that record is deleted the handle is refused, also when a new record has taken its key. Handles
+ * that record is deleted the handle is refused, also when a new record has the same key. Handles
  * are plain values; they may be kept, copied, and handed to other threads and processes.
  *
  * Every function returns a 32-bit status, 0 for success (texts: fault_strerror in fault.h), and
- * writes its out-parameters on success only, where nothing else is said. Where a failure has a
- * cause in the system below, one line in the debug category `platform` explains it.
+ * writes its out-parameters on success only, unless documented otherwise. Where a failure has a
+ * cause in the system below, one line in the debug category `platform` reports that cause.
  *
  * What holds, at any time:
  *  - Any number of threads and processes use one store at once. A read sees the last commit made
@@ -16,9 +16,16 @@
  *  - When a change returns 0 outside a batch it is on disk. A process killed at any instruction
  *    leaves a store that opens and holds every change that was acknowledged.
  *  - A forked child goes on using the store through the handles it inherited. A batch stays with
- * the thread that began it; the child does not inherit it.
+ *    the thread that began it; the child does not inherit it.
  *  - A full disk, a damaged file or a lack of memory gives a status; the store stays as it was, and
  *    works again when the cause is gone.
+ *  - When the store's files are moved, replaced or deleted while processes use it, no change is
+ *    acknowledged that is not in the file under the store's name: calls give KVS_RC_FILES_REPLACED.
+ *    A changed data file is used by new processes only, since record handles that are kept could
+ *    name other records in it. A lookup by key notices within a tenth of a second; reading a record
+ *    by its handle does not.
+ *  - Nothing is written into a file whose descriptor the program put in the place of one of the
+ *    store's: calls give KVS_RC_DESCRIPTORS_LOST until a database is bound again.
  *
  * The store lives in the state directory: VS_STATE_DIR, else /var/lib/vs for root, else
  * $XDG_STATE_HOME/vs or ~/.local/state/vs. It is made with mode 0700 when it is missing. The
@@ -51,7 +58,7 @@ typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
     UINT32_C(0xA6960C00) /* a database name is empty or longer than 64 bytes                       \
                           */
 #define KVS_RC_UNSUPPORTED                                                                         \
-    UINT32_C(0xA6960E00) /* an argument asks for what this store does not do */
+    UINT32_C(0xA6960E00) /* an argument requests what this store does not support */
 #define KVS_RC_RECORD_TOO_BIG                                                                      \
     UINT32_C(0xA6961000) /* a record would be longer than 2^32 - 9 bytes */
 #define KVS_RC_BATCH_ACTIVE                                                                        \
@@ -91,10 +98,17 @@ typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
 #define KVS_RC_EXHAUSTED UINT32_C(0xC6961E00) /* the database has given out all its handles */
 #define KVS_RC_OTHER_FORMAT                                                                        \
     UINT32_C(0xC6962000) /* the store's file was made by a version that keeps it differently */
+#define KVS_RC_FILES_REPLACED                                                                      \
+    UINT32_C(0xC6962200) /* the store's files were moved, replaced or deleted while in use */
+#define KVS_RC_DESCRIPTORS_LOST                                                                    \
+    UINT32_C(0xC6962400)                    /* the program closed descriptors of the store */
+#define KVS_RC_NO_PROC UINT32_C(0xC6962600) /* /proc, which opening needs, is not mounted */
+#define KVS_RC_OTHER_NAMESPACE                                                                     \
+    UINT32_C(0xC6962800) /* processes of another PID namespace use the store */
 
 /*
- * Where a key is. To find a record: `key_p` points at the key. To insert one: `key_offset` says
- * where in the record it lies. `key_flags` must be 0, `key_len` 4, `key_offset` 0.
+ * Where a key is. To find a record: `key_p` points at the key. To insert one: `key_offset` is its
+ * offset in the record. `key_flags` must be 0, `key_len` 4, `key_offset` 0.
  */
 typedef struct kvs_key_attr {
     uint8_t key_flags[3];
@@ -110,7 +124,7 @@ typedef struct kvs_data_desc {
     uint64_t data_len;
 } kvs_data_desc;
 
-/* How a database is to be bound. This store has one way: one key a record, and nothing else asked.
+/* How a database is to be bound. This store supports only one key a record and no further options.
  */
 typedef struct kvs_appdesc {
     uint64_t mark; /* set by kvs_appdesc_init */
@@ -126,7 +140,7 @@ typedef struct kvs_appdesc {
     uint64_t context;
 } kvs_appdesc;
 
-/* Room for what a write tells of itself. This store sets it to zeros. */
+/* Receives details of a write. This store has none and sets it to zeros. */
 typedef struct kvs_write_result {
     uint64_t words[8];
 } kvs_write_result;
@@ -146,7 +160,7 @@ uint32_t kvs_lookup_db_handle(const char *db_name, kvs_hdl *hdl_p);
 
 /*
  * Finds the record with the key of `keys_p[0]` (key_count 1), or every record in the order of the
- * keys (key_count 0; `keys_p` is not looked at). *handles_pp receives an array from malloc, which
+ * keys (key_count 0; `keys_p` is ignored). *handles_pp receives an array from malloc, which
  * the caller frees, or null when there is none; *count_p its length. `flags` must be 0.
  */
 uint32_t kvs_find_objects(kvs_hdl hdl, const kvs_key_attr *keys_p, uint32_t key_count,
@@ -191,6 +205,30 @@ uint32_t kvs_delete_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p);
  */
 uint32_t kvs_verify(kvs_hdl hdl);
 
+/* What kvs_salvage found of a database. */
+typedef struct kvs_salvage_result {
+    uint64_t salvaged; /* records handed out */
+    uint64_t lost; /* records that the database has besides; KVS_SALVAGE_UNKNOWN if its file does
+                      not say any more how many it has */
+    uint64_t doubtful; /* of those handed out: may be older versions, or deleted since */
+    uint64_t is_whole; /* 1 if nothing in the whole file is damaged, else 0 */
+} kvs_salvage_result;
+
+#define KVS_SALVAGE_UNKNOWN UINT64_MAX
+
+/*
+ * Reads what can be read of a database whose store is damaged: calls `each_p` with every record
+ * whose checksum is right, in the order of the keys, one record a key. The bytes belong to the
+ * store and are valid during the call, which may not cancel its thread or leave by a jump; a value
+ * other than 0 ends the salvage, and the counts are then those of the part. Nothing is bound and no
+ * handle needed, and the file is only read. It is not to be changed meanwhile: what another process
+ * changes may be missing. Gives KVS_RC_NO_SUCH_DB if there is no store; a name that is not found in
+ * the store is a database without records.
+ */
+uint32_t kvs_salvage(const char *db_name,
+                     int (*each_p)(const void *record_p, uint32_t length, void *context_p),
+                     void *context_p, kvs_salvage_result *result_p);
+
 /*
  * A batch makes many changes one durable commit. It belongs to the calling thread and covers all
  * databases of the store that `hdl` is in: the thread's reads see its changes, no other reads do
@@ -199,11 +237,22 @@ uint32_t kvs_verify(kvs_hdl hdl);
  * change that failed half-way (KVS_RC_NO_SPACE, KVS_RC_BATCH_FULL and their like) every call gives
  * KVS_RC_BATCH_BROKEN until it is aborted. After KVS_RC_BATCH_FULL the next batch gets more room.
  *
- * Commit ends the batch, whatever it returns: all or nothing has been stored.
+ * Commit ends the batch, whatever it returns: all or nothing has been stored. Nothing has been
+ * stored by a commit that gives KVS_RC_FILES_REPLACED or KVS_RC_DESCRIPTORS_LOST.
  */
 uint32_t kvs_batch_begin(kvs_hdl hdl);
 uint32_t kvs_batch_commit(void);
 uint32_t kvs_batch_abort(void);
+
+/*
+ * Has `notice` called by a thread that has waited for another process for two seconds, and again
+ * when another one is waited for or the one has stopped. `line`, which goes to the debug category
+ * `platform` too, says since when the thread waits, and names the process and whether it is
+ * stopped; control characters in the process's name are not replaced. The thread goes on waiting
+ * when `notice` returns, which must not call this store. Null ends the calls. One setting serves
+ * all threads, and a forked child keeps it.
+ */
+void kvs_set_wait_notice(void (*notice)(const char *line));
 
 /*
  * The journal keeps the last changes of a store: of all its databases, in the order in which they

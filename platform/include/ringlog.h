@@ -51,6 +51,10 @@ enum {
  * its own sizes; the file of a damaged one gets ".damaged" appended to its name, and a new buffer
  * is created. The three reserved numbers are not interpreted.
  *
+ * Where there is no space for a new buffer (a full disk, a quota, a limit on the size of files) the
+ * call succeeds all the same, after a debug print: a service goes on without its trace. Records of
+ * that handle are dropped; a later call tries again.
+ *
  * The creation of a buffer keeps the allocated bytes of all buffers below a limit, 64 MB or what
  * VS_RINGLOG_LIMIT gives (bytes, or a number with K, M or G behind it): beyond it, the buffers that
  * no process has open are removed, those with the oldest last record first, until a quarter of the

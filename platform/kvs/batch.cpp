@@ -1,6 +1,7 @@
 #include "platform/kvs/batch.h"
 
 #include "platform/base/interruption.h"
+#include "platform/base/mutex.h"
 #include "platform/kvs/change_commit.h"
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
@@ -20,6 +21,7 @@ constexpr uint64_t largest_map = uint64_t{1} << 46;
 // The map cannot grow during the batch, so it is enlarged before, as far as address space allows.
 void make_batch_room(store &store)
 {
+    const scoped_lock replacing(store.environment_mutex);
     environment_info info;
     if (store.environment == nullptr || get_environment_info(store.environment, &info) != 0)
         return;
@@ -29,9 +31,10 @@ void make_batch_room(store &store)
         wanted = wanted / 2 / info.page_size * info.page_size;
 }
 
-[[nodiscard]] int begin_batch_transaction(store &store, thread_context &thread)
+[[nodiscard]] int begin_batch_transaction(store &store, thread_context &thread, uint64_t &epoch)
 {
     const environment_guard guard(store, thread);
+    epoch = store.environment_epoch;
     if (store.environment == nullptr)
         return not_open;
     MDB_txn *txn = nullptr;
@@ -64,12 +67,12 @@ uint32_t begin_batch(kvs_hdl hdl)
     store &store = *call.store;
     pthread_mutex_lock(&store.writer_mutex);
     for (;;) {
+        uint64_t epoch = 0;
         make_batch_room(store);
-        const int error = begin_batch_transaction(store, *call.thread);
+        const int error = begin_batch_transaction(store, *call.thread, epoch);
         if (error == 0)
             return 0; // and keeps the mutex
-        const uint32_t status =
-            recover_as_writer(store, *call.thread, error, store.environment_epoch);
+        const uint32_t status = recover_as_writer(store, *call.thread, error, epoch);
         if (status != 0) {
             pthread_mutex_unlock(&store.writer_mutex);
             return status;
@@ -94,7 +97,11 @@ uint32_t commit_batch()
         return KVS_RC_BATCH_BROKEN;
     }
     store &store = *thread->open_batch.store;
-    const int error = commit_change(store, thread->open_batch.txn);
+    int error = check_files(store.environment);
+    if (error == 0)
+        error = commit_change(store, thread->open_batch.txn);
+    else
+        abort_change(store, thread->open_batch.txn);
     const uint32_t status = error != 0 ? log_batch_error(store, error) : 0;
     release_batch(*thread);
     return status;

@@ -10,6 +10,7 @@
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment.h"
+#include "platform/kvs/files_check.h"
 #include "platform/kvs/recovery.h"
 
 #include <cerrno>
@@ -30,16 +31,6 @@ kvs_hdl find_bound(const store &store, const char *name)
     return 0;
 }
 
-[[nodiscard]] uint32_t status_of_state_dir_error(int error, bool create)
-{
-    if (error == ENOENT && !create)
-        return KVS_RC_NO_SUCH_DB;
-    const uint32_t status = status_of_engine_error(error);
-    const bool is_resource =
-        status == KVS_RC_NO_MEMORY || status == KVS_RC_NO_SPACE || status == KVS_RC_NO_DESCRIPTORS;
-    return is_resource ? status : KVS_RC_STATE_DIR;
-}
-
 [[nodiscard]] uint32_t add_store(descriptor dir, const struct stat &about, bool create,
                                  store **store_p)
 {
@@ -49,8 +40,7 @@ kvs_hdl find_bound(const store &store, const char *name)
     store &added = stores[count];
     if (const int error = open_environment(added, dir.get(), create); error != 0)
         return log_engine_error("opening the store", error);
-    added.device = about.st_dev;
-    added.inode = about.st_ino;
+    added.dir_identity = identity_of(about);
     added.dir = dir.release();
     added.index = count;
     store_count.store(count + 1, std::memory_order_release);
@@ -67,8 +57,10 @@ kvs_hdl find_bound(const store &store, const char *name)
         return status_of_state_dir_error(errno, create);
     const scoped_lock lock(stores_mutex);
     for (unsigned i = 0; i < store_count; ++i)
-        if (stores[i].device == about.st_dev && stores[i].inode == about.st_ino) {
+        if (stores[i].dir_identity == identity_of(about)) {
             *store_p = &stores[i];
+            if (!is_open_as(stores[i].dir, identity_of(about)))
+                stores[i].dir = dir.release();
             return 0;
         }
     if (thread.open_batch.store != nullptr)
@@ -150,6 +142,8 @@ uint32_t bind_database(const char *name, bool create, kvs_hdl *hdl)
     if (const uint32_t status = find_store(*thread, create, &found); status != 0)
         return status;
     store &store = *found;
+    if (const uint32_t status = check_files_now(store, *thread); status != 0)
+        return status;
     if ((*hdl = find_bound(store, name)) != 0)
         return 0;
     if (thread->open_batch.store != nullptr)

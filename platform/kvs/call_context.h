@@ -20,7 +20,7 @@ struct call_context {
 // Returns the handle of a store's database.
 [[nodiscard]] kvs_hdl database_handle(const store &store, unsigned number);
 
-// Finds what a database handle stands for. Returns a status.
+// Resolves a database handle. Returns a status.
 [[nodiscard]] uint32_t make_call_context(kvs_hdl hdl, call_context *call);
 
 } // namespace platform

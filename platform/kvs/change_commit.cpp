@@ -1,11 +1,11 @@
 #include "platform/kvs/change_commit.h"
 
+#include "jobctl.h"
 #include "platform/base/clock.h"
 #include "platform/kvs/commit_wait.h"
+#include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment_info.h"
-
-#include "jobctl.h"
 
 #include <cerrno>
 #include <cstring>
@@ -120,13 +120,13 @@ void set_header_flush(MDB_env *environment, bool on)
 }
 
 // Finishes one commit, under the writers' lock. Returns interrupted_commit if there may be another.
-[[nodiscard]] int finish_next_commit(store &store, int (*begin)(MDB_env *, MDB_txn **))
+[[nodiscard]] int finish_next_commit(store &store)
 {
     environment_info info;
     MDB_txn *txn = nullptr;
     if (const int error = get_environment_info(store.environment, &info); error != 0)
         return error;
-    int error = begin(store.environment, &txn);
+    int error = begin_write_at_once(store.environment, &txn);
     if (error != 0)
         return error;
     error = check_interrupted(store, info.fd, mdb_txn_id(txn) - 1);
@@ -142,10 +142,10 @@ void set_header_flush(MDB_env *environment, bool on)
 
 int finish_interrupted_commits(store &store)
 {
-    int error = finish_next_commit(store, begin_write);
+    int error = interrupted_commit;
     while (error == interrupted_commit)
-        error = finish_next_commit(store, begin_write);
-    return error;
+        error = finish_next_commit(store);
+    return error == writer_is_busy ? 0 : error;
 }
 
 int open_journal(store &store)
@@ -158,12 +158,11 @@ int open_journal(store &store)
         error = find_area(store, info);
     if (error == 0)
         error = check_interrupted(store, info.fd, info.last_commit);
-    // A process that holds the lock is changing the store, and has found it in order before.
-    while (error == interrupted_commit)
-        error = finish_next_commit(store, begin_write_at_once);
+    if (error == interrupted_commit)
+        error = finish_interrupted_commits(store);
     // Without the lock, the entry of a commit that fails may have been seen.
     store.journal.end = {};
-    return error == EAGAIN ? 0 : error;
+    return error;
 }
 
 int begin_change(store &store, MDB_txn **txn)
@@ -171,7 +170,7 @@ int begin_change(store &store, MDB_txn **txn)
     environment_info info;
     int error = get_environment_info(store.environment, &info);
     if (error == 0)
-        error = begin_write(store.environment, txn);
+        error = begin_write(store.environment, store.turn, txn);
     if (error != 0)
         return error;
     store.journal.changes.reset(store.journal.area.longest_entry());

@@ -13,19 +13,16 @@
 
 namespace platform {
 
-// The error of an attempt to begin a change before an interrupted commit is finished. The engine's
-// own lie far below.
-constexpr int interrupted_commit = -2;
-
-// All return 0, an error of the engine, an error number, or the one above. The caller holds the
-// writer mutex, or has a store that no other thread can see.
+// All return 0 or an error; begin_change also writer_is_busy, or interrupted_commit if such a
+// commit is to be finished first. The caller holds the writer mutex, or has a store that no other
+// thread can see.
 
 // Reads where the store's journal is, and as whom this process changes the store, and finishes
 // interrupted commits. The store has an environment, and no other thread is in the store.
 [[nodiscard]] int open_journal(store &store);
 
-// Finishes the commits that the journal has and the engine does not. No other thread is in the
-// store.
+// Finishes the commits that the journal has and the engine does not, unless another process has the
+// writers' lock, which has done so. No other thread is in the store.
 [[nodiscard]] int finish_interrupted_commits(store &store);
 
 // Begins a write transaction without changes; the process's writer lock is held until it ends.

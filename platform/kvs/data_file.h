@@ -1,7 +1,7 @@
 // The data file of a store, read without the engine's help.
 //
 // The engine does not check its file: an impossible page size in the header makes it divide by
-// zero, and a page beyond the end of a truncated file raises SIGBUS. Both are found out here. And
+// zero, and a page beyond the end of a truncated file raises SIGBUS. Both are detected here. And
 // the numbers of the last commits are read from here without entering the engine.
 #pragma once
 
@@ -12,6 +12,14 @@
 #include <lmdb.h>
 
 namespace platform {
+
+// Reads one of the two headers; each is written by transactions of its own parity. Returns 0,
+// MDB_INVALID, MDB_VERSION_MISMATCH, or an error number.
+[[nodiscard]] int read_header(int fd, uint64_t number, uint32_t page_size, meta_data *meta);
+
+// Returns whether the engine, which checks none of it, can work with this header. Its page size
+// must be one.
+bool is_possible(const meta_data &meta);
 
 // Checks the headers of the data file `fd`. Returns 0, MDB_INVALID, MDB_VERSION_MISMATCH, or an
 // error number.
@@ -26,10 +34,12 @@ namespace platform {
 // is too old for its header to be there still, or another error.
 [[nodiscard]] int check_snapshot(MDB_env *environment, MDB_txn *snapshot, walk_extent least);
 
-// As check_snapshot, for the last commit. No other thread may use the environment yet.
+// As check_snapshot, for the last commit. Returns files_replaced if the lock file's last commit is
+// never in the data file. No other thread may use the environment yet.
 [[nodiscard]] int check_last_commit(MDB_env *environment);
 
-// Where the file's two headers, written alternately, hold the number of the commit that wrote them.
+// Where the file's two headers, written alternately, contain the number of the commit that wrote
+// them.
 struct commit_numbers {
     const uint64_t *first;
     const uint64_t *second;

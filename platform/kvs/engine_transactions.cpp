@@ -1,8 +1,11 @@
 #include "platform/kvs/engine_transactions.h"
 
+#include "platform/base/clock.h"
 #include "platform/base/interruption.h"
 #include "platform/base/mutex.h"
+#include "platform/kvs/engine_status.h"
 #include "platform/kvs/environment_info.h"
+#include "platform/kvs/open_files.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -16,46 +19,43 @@ constinit pthread_mutex_t reader_table_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
-enum class file_byte : off_t { writer, reader_table };
+constexpr byte_range writer_byte{0, 1}, next_writer_byte{1, 1}, writer_and_next{0, 2};
+constexpr off_t reader_table_byte = 2;
 
-[[nodiscard]] int set_byte_lock(MDB_env *environment, file_byte which, short type,
-                                int command = F_SETLKW)
+// A process that has waited this long becomes the next one, unless another is; and for this long
+// one that writes does not ask whether another is next. Passing the turn on costs a pause.
+constexpr uint64_t turn_ns = 10'000'000;
+// The next process may be kept from running in ways that do not show.
+constexpr uint64_t longest_respect_ns = 1'000'000'000;
+
+bool may_overtake(int fd, uint64_t waited)
 {
-    int fd = -1;
-    if (const int error = mdb_env_get_fd(environment, &fd); error != 0)
-        return error;
-    struct flock lock {};
-    lock.l_type = type;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = static_cast<off_t>(which);
-    lock.l_len = 1;
-    while (fcntl(fd, command, &lock) != 0) {
-        if (errno == EACCES)
-            return EAGAIN;
-        if (errno != EINTR && errno != EDEADLK)
-            return errno;
-        // The system detects deadlocks by process, also where different threads wait.
-        if (errno == EDEADLK)
-            usleep(1000);
+    if (waited >= longest_respect_ns)
+        return true;
+    if (find_holder(fd, writer_byte))
+        return false;
+    const std::optional<pid_t> next = find_holder(fd, next_writer_byte);
+    return next && is_stopped(*next);
+}
+
+[[nodiscard]] int try_writer_lock(int fd, writer_turn &turn)
+{
+    const uint64_t now = clock_ns(CLOCK_MONOTONIC);
+    const uint64_t waited = turn.wait.waited_ns();
+    const bool is_repeated = !turn.wait.has_begun() && now - turn.asked_ns < turn_ns;
+    int error = try_lock(fd, is_repeated ? writer_byte : writer_and_next);
+    if (error == EAGAIN && !is_repeated && may_overtake(fd, waited))
+        error = try_lock(fd, writer_byte);
+    if (error == EAGAIN) {
+        turn.wait.note_failure(fd, writer_byte);
+        if (waited >= turn_ns)
+            static_cast<void>(try_lock(fd, next_writer_byte));
+        return writer_is_busy;
     }
-    return 0;
-}
-
-[[nodiscard]] int lock_byte(MDB_env *environment, file_byte which)
-{
-    return set_byte_lock(environment, which, F_WRLCK);
-}
-
-void unlock_byte(MDB_env *environment, file_byte which)
-{
-    static_cast<void>(set_byte_lock(environment, which, F_UNLCK));
-}
-
-[[nodiscard]] int begin_locked_write(MDB_env *environment, MDB_txn **txn)
-{
-    const int error = mdb_txn_begin(environment, nullptr, 0, txn);
-    if (error != 0)
-        unlock_byte(environment, file_byte::writer);
+    if (!is_repeated) {
+        unlock(fd, next_writer_byte);
+        turn = {{}, now};
+    }
     return error;
 }
 
@@ -64,29 +64,69 @@ template <class Work>
 {
     const interruption_guard guard;
     const scoped_lock lock(reader_table_mutex);
-    int error = lock_byte(environment, file_byte::reader_table);
-    if (error == 0) {
+    int fd = -1;
+    int error = check_descriptors(environment);
+    if (error == 0)
+        error = mdb_env_get_fd(environment, &fd);
+    if (error == 0 && (error = lock_byte(fd, reader_table_byte)) == 0) {
         error = work();
-        unlock_byte(environment, file_byte::reader_table);
+        unlock(fd, {reader_table_byte, 1});
     }
+    return error;
+}
+
+// The engine numbers commits by the lock file; another number comes next in a data file whose
+// content was replaced.
+[[nodiscard]] int check_number(MDB_env *environment, MDB_txn *txn)
+{
+    MDB_envinfo about;
+    const int error = mdb_env_info(environment, &about);
+    if (error != 0)
+        return error;
+    return mdb_txn_id(txn) == about.me_last_txnid + 1 ? 0 : files_replaced;
+}
+
+[[nodiscard]] int begin_locked_write(MDB_env *environment, int fd, MDB_txn **txn)
+{
+    int error = check_other_files(environment);
+    if (error == 0 && (error = mdb_txn_begin(environment, nullptr, 0, txn)) == 0 &&
+        (error = check_number(environment, *txn)) != 0)
+        mdb_txn_abort(*txn);
+    if (error != 0)
+        unlock(fd, writer_byte);
     return error;
 }
 
 } // namespace
 
-int begin_write(MDB_env *environment, MDB_txn **txn)
+int begin_write(MDB_env *environment, writer_turn &turn, MDB_txn **txn)
 {
-    const int error = lock_byte(environment, file_byte::writer);
-    return error != 0 ? error : begin_locked_write(environment, txn);
+    int fd = -1;
+    int error = check_data_descriptor(environment);
+    if (error != 0 || (error = mdb_env_get_fd(environment, &fd)) != 0 ||
+        (error = try_writer_lock(fd, turn)) != 0)
+        return error;
+    return begin_locked_write(environment, fd, txn);
 }
 
 int begin_write_at_once(MDB_env *environment, MDB_txn **txn)
 {
-    const int error = set_byte_lock(environment, file_byte::writer, F_WRLCK, F_SETLK);
-    return error != 0 ? error : begin_locked_write(environment, txn);
+    int fd = -1;
+    int error = check_data_descriptor(environment);
+    if (error != 0 || (error = mdb_env_get_fd(environment, &fd)) != 0)
+        return error;
+    error = try_lock(fd, writer_byte);
+    if (error != 0)
+        return error == EAGAIN ? writer_is_busy : error;
+    return begin_locked_write(environment, fd, txn);
 }
 
-void release_writer_lock(MDB_env *environment) { unlock_byte(environment, file_byte::writer); }
+void release_writer_lock(MDB_env *environment)
+{
+    int fd = -1;
+    if (check_data_descriptor(environment) == 0 && mdb_env_get_fd(environment, &fd) == 0)
+        unlock(fd, writer_byte);
+}
 
 int cause_of_failed_write(MDB_env *environment, int error)
 {

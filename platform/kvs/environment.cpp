@@ -2,6 +2,7 @@
 
 #include "platform/base/mutex.h"
 #include "platform/kvs/change_commit.h"
+#include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment_info.h"
 
@@ -15,19 +16,11 @@ namespace {
 
 [[nodiscard]] int open_commit_numbers(store &store)
 {
-    int fd = -1;
-    struct stat about;
-    const int error = mdb_env_get_fd(store.environment, &fd);
-    if (error != 0 || fstat(fd, &about) != 0)
-        return error != 0 ? error : errno;
-    if (store.first_commit_number != nullptr && store.file_device == about.st_dev &&
-        store.file_inode == about.st_ino)
+    if (store.first_commit_number != nullptr)
         return 0;
     commit_numbers numbers;
     if (const int failed = map_commit_numbers(store.environment, &numbers); failed != 0)
         return failed;
-    store.file_device = about.st_dev;
-    store.file_inode = about.st_ino;
     store.first_commit_number = numbers.first;
     store.second_commit_number = numbers.second;
     return 0;
@@ -46,7 +39,7 @@ namespace {
     return end_opening_read(txn, error);
 }
 
-// The engine gives up the old map before it asks for the new one, and is lost if it gets none.
+// The engine unmaps the old map before it maps the new one, and is unusable if that fails.
 [[nodiscard]] int try_map(const environment_info &info, uint64_t bytes)
 {
     void *const trial = mmap(nullptr, bytes, PROT_READ, MAP_SHARED, info.fd, 0);
@@ -60,10 +53,11 @@ namespace {
 
 int open_environment(store &store, int dir, bool create)
 {
-    int error = open_environment_files(dir, create, &store.environment);
+    store.files = {};
+    int error = open_environment_files(dir, create, &store.files, &store.environment);
     if (error == 0 &&
         ((error = open_commit_numbers(store)) != 0 || (error = open_journal(store)) != 0)) {
-        mdb_env_close(store.environment);
+        close_environment(store.environment);
         store.environment = nullptr;
     }
     return error;
@@ -74,9 +68,12 @@ int reopen_environment(store &store)
     exclusive_access access(store);
     const scoped_lock lock(stores_mutex);
     access.close_environment();
-    int error = open_environment_files(store.dir, false, &store.environment);
-    if (error == 0 && ((error = open_commit_numbers(store)) != 0 ||
-                       (error = open_journal(store)) != 0 || (error = open_databases(store)) != 0))
+    if (!is_open_as(store.dir, store.dir_identity))
+        return descriptors_lost;
+    int error = open_environment_files(store.dir, false, &store.files, &store.environment);
+    if (error == ENOENT)
+        return files_replaced;
+    if (error == 0 && ((error = open_journal(store)) != 0 || (error = open_databases(store)) != 0))
         access.close_environment();
     // Another process may have written more than fits the new map already.
     return error == MDB_MAP_RESIZED ? 0 : error;
@@ -85,6 +82,8 @@ int reopen_environment(store &store)
 int enlarge_map(store &store, uint64_t bytes)
 {
     environment_info info;
+    if (const int error = check_descriptors(store.environment); error != 0)
+        return error;
     if (const int error = get_environment_info(store.environment, &info); error != 0)
         return error;
     bytes = std::max(bytes, info.used_size);

@@ -12,7 +12,9 @@ namespace platform {
 // `create` is true, the store is made first when it is missing.
 [[nodiscard]] int open_environment(store &store, int dir, bool create);
 
-// Opens the environment anew, with all databases.
+// Opens the environment anew, with all databases. If the data file is not the one that the store
+// was opened with, this fails with files_replaced: the record handles that the program keeps could
+// name other records in it.
 [[nodiscard]] int reopen_environment(store &store);
 
 // Moves to a map of at least `bytes`, and of at least the store's size.

@@ -1,4 +1,4 @@
-// What is known of an environment of the engine: its file and its sizes.
+// An environment's file and sizes, from the engine.
 #pragma once
 
 #include <cstdint>

@@ -6,6 +6,7 @@
 #include "platform/kvs/arguments.h"
 #include "platform/kvs/batch.h"
 #include "platform/kvs/binding.h"
+#include "platform/kvs/file_lock.h"
 #include "platform/kvs/journal_reader.h"
 #include "platform/kvs/read_transaction.h"
 #include "platform/kvs/write_queue.h"
@@ -89,7 +90,7 @@ bool keeps_key(const gathered_write &what, uint32_t key)
     const uint32_t length = std::max(old.length, what.offset + what.length);
     // The old bytes may lie on a page that the engine is about to change, so they are copied first.
     const block<unsigned char> value = allocate_value(length);
-    if (!value)
+    if (value == nullptr)
         return with_status(KVS_RC_NO_MEMORY);
     memcpy(value.get(), old.bytes, old.length);
     memcpy(value.get() + what.offset, what.bytes, what.length);
@@ -184,7 +185,7 @@ PLATFORM_EXPORT uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p,
         status = kvs_read_object(hdl, rec_p, offset, nullptr, &nothing);
     } else {
         const block<unsigned char> bytes = allocate_value(what.length);
-        if (!bytes)
+        if (bytes == nullptr)
             return KVS_RC_NO_MEMORY;
         gather_data(data_p, data_count, bytes.get());
         what.bytes = bytes.get();
@@ -213,7 +214,7 @@ PLATFORM_EXPORT uint32_t kvs_insert_object(kvs_hdl hdl, const kvs_data_desc *dat
     if (!is_plain_key(*keys_p) || keys_p->key_offset != 0 || length < key_length)
         return KVS_RC_BAD_KEY;
     const block<unsigned char> value = allocate_value(length);
-    if (!value)
+    if (value == nullptr)
         return KVS_RC_NO_MEMORY;
     gather_data(data_p, data_count, value.get());
     kvs_rec_hdl handle = 0;
@@ -271,3 +272,8 @@ PLATFORM_EXPORT uint32_t kvs_batch_begin(kvs_hdl hdl) { return begin_batch(hdl);
 PLATFORM_EXPORT uint32_t kvs_batch_commit(void) { return commit_batch(); }
 
 PLATFORM_EXPORT uint32_t kvs_batch_abort(void) { return abort_batch(); }
+
+PLATFORM_EXPORT void kvs_set_wait_notice(void (*notice)(const char *line))
+{
+    wait_notice.store(notice, std::memory_order_release);
+}

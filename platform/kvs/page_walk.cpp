@@ -3,158 +3,16 @@
 // file and not through the map: beyond the end of a file that was cut off, a map raises SIGBUS.
 #include "platform/kvs/page_walk.h"
 
-#include "platform/base/block.h"
 #include "platform/base/crc32c.h"
+#include "platform/kvs/key_order.h"
 #include "platform/kvs/record_value.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <lmdb.h>
-#include <span>
-#include <unistd.h>
 
 namespace platform {
 namespace {
-
-using bytes = std::span<const unsigned char>;
-
-enum class tree_kind { free_pages, main, records };
-
-// A node of a page: its key, and where its data begins.
-struct node {
-    bytes key;
-    uint16_t flags;
-    uint64_t number; // the length of the data, or a child's page
-    size_t data;
-    size_t end; // of the node in its page
-};
-
-// The keys of a subtree: from the first, and below the second unless that is empty.
-struct key_range {
-    bytes first, end;
-};
-
-template <class T>
-T read_from(bytes page, size_t offset)
-{
-    T value;
-    memcpy(&value, page.data() + offset, sizeof value);
-    return value;
-}
-
-constexpr size_t even(size_t length) { return length + (length & 1); }
-
-int compare_keys(tree_kind kind, bytes left, bytes right)
-{
-    if (kind == tree_kind::main) {
-        const int order = memcmp(left.data(), right.data(), std::min(left.size(), right.size()));
-        return order != 0 ? order : (left.size() > right.size()) - (left.size() < right.size());
-    }
-    uint64_t numbers[2] = {};
-    memcpy(&numbers[0], left.data(), left.size());
-    memcpy(&numbers[1], right.data(), right.size());
-    return (numbers[0] > numbers[1]) - (numbers[0] < numbers[1]);
-}
-
-bool is_key_of(tree_kind kind, bytes key)
-{
-    if (kind == tree_kind::main)
-        return !key.empty() && key.size() <= longest_name;
-    return key.size() == (kind == tree_kind::records ? key_length : sizeof(uint64_t));
-}
-
-class page_set {
-public:
-    explicit page_set(uint64_t pages)
-        : bits_(static_cast<unsigned char *>(calloc(pages / 8 + 1, 1))), pages_(pages)
-    {
-    }
-
-    [[nodiscard]] bool is_allocated() const { return bits_ != nullptr; }
-
-    // Adds pages; returns whether they lie in the file and none of them was there already.
-    [[nodiscard]] bool add(uint64_t first, uint64_t count = 1)
-    {
-        if (first < 2 || first >= pages_ || count > pages_ - first)
-            return false;
-        for (uint64_t page = first; page < first + count; ++page) {
-            unsigned char &bits = bits_.get()[page / 8];
-            const auto bit = static_cast<unsigned char>(1U << page % 8);
-            if ((bits & bit) != 0)
-                return false;
-            bits = static_cast<unsigned char>(bits | bit);
-        }
-        return true;
-    }
-
-private:
-    block<unsigned char> bits_;
-    uint64_t pages_;
-};
-
-// The nodes of a page, checked.
-class page_nodes {
-public:
-    explicit page_nodes(bytes page) : page_(page), header_(read_from<page_header>(page, 0)) {}
-
-    [[nodiscard]] bool is_branch() const { return header_.flags == branch_page; }
-    [[nodiscard]] size_t count() const { return (header_.lower - sizeof header_) / 2; }
-
-    [[nodiscard]] node at(size_t index) const
-    {
-        const size_t offset = read_from<uint16_t>(page_, sizeof header_ + 2 * index);
-        const auto head = read_from<node_header>(page_, offset);
-        const size_t data = offset + sizeof head + head.key_length;
-        const uint64_t low = head.low | uint64_t{head.high} << 16;
-        if (is_branch())
-            return {page_.subspan(offset + sizeof head, head.key_length), 0,
-                    low | uint64_t{head.flags} << 32, data, even(data)};
-        const uint64_t stored = (head.flags & overflow_data) != 0 ? sizeof(uint64_t) : low;
-        return {page_.subspan(offset + sizeof head, head.key_length), head.flags, low, data,
-                even(data + stored)};
-    }
-
-    [[nodiscard]] bool are_sound(uint64_t number) const
-    {
-        if (header_.number != number ||
-            (header_.flags != branch_page && header_.flags != leaf_page))
-            return false;
-        if (header_.lower % 2 != 0 || header_.lower < sizeof header_ ||
-            header_.upper < header_.lower || header_.upper > page_.size() ||
-            count() < (is_branch() ? 2 : 1))
-            return false;
-        return fill_page();
-    }
-
-private:
-    // Returns whether the nodes fill the page from `upper` to its end, without gap or overlap: each
-    // node ends where another begins, or with the page.
-    [[nodiscard]] bool fill_page() const
-    {
-        unsigned char starts[largest_page / 2 + 1] = {};
-        starts[page_.size() / 2] = 1;
-        for (size_t i = 0; i < count(); ++i) {
-            const size_t offset = read_from<uint16_t>(page_, sizeof header_ + 2 * i);
-            if (offset % 2 != 0 || offset < header_.upper ||
-                offset + sizeof(node_header) > page_.size() || starts[offset / 2]++ != 0 ||
-                offset + sizeof(node_header) + read_from<node_header>(page_, offset).key_length >
-                    page_.size())
-                return false;
-        }
-        size_t filled = 0;
-        for (size_t i = 0; i < count(); ++i) {
-            const node it = at(i);
-            if (it.end > page_.size() || starts[it.end / 2] == 0)
-                return false;
-            filled += it.end - read_from<uint16_t>(page_, sizeof header_ + 2 * i);
-        }
-        return starts[header_.upper / 2] != 0 && filled == page_.size() - header_.upper;
-    }
-
-    bytes page_;
-    page_header header_;
-};
 
 class page_walk {
 public:
@@ -202,7 +60,7 @@ private:
         if (depth > walk.root.depth || !seen_.add(number))
             return MDB_CORRUPTED;
         const block<unsigned char> memory(static_cast<unsigned char *>(malloc(page_size_)));
-        if (!memory)
+        if (memory == nullptr)
             return ENOMEM;
         const int error = read_at(fd_, memory.get(), page_size_, number * page_size_);
         if (error != 0)
@@ -214,25 +72,6 @@ private:
         ++(nodes.is_branch() ? walk.branches : walk.leaves);
         return nodes.is_branch() ? children(walk, nodes, depth, range)
                                  : entries(walk, nodes, {memory.get(), page_size_});
-    }
-
-    // The first key of a branch page has no meaning.
-    static bool are_in_order(tree_kind kind, const page_nodes &nodes, key_range range)
-    {
-        bytes last = range.first;
-        bool may_be_equal = true;
-        for (size_t i = nodes.is_branch() ? 1 : 0; i < nodes.count(); ++i) {
-            const bytes key = nodes.at(i).key;
-            if (!is_key_of(kind, key))
-                return false;
-            const int order = last.empty() ? 1 : compare_keys(kind, key, last);
-            if (order < 0 || (order == 0 && !may_be_equal) ||
-                (!range.end.empty() && compare_keys(kind, key, range.end) >= 0))
-                return false;
-            last = key;
-            may_be_equal = false;
-        }
-        return true;
     }
 
     [[nodiscard]] int children(tree_walk &walk, const page_nodes &nodes, unsigned depth,
@@ -282,7 +121,7 @@ private:
             return read_at(fd_, &last, sizeof last, offset + it.number - 1);
         }
         const block<unsigned char> memory(static_cast<unsigned char *>(malloc(it.number)));
-        if (!memory)
+        if (memory == nullptr)
             return ENOMEM;
         const int error = read_at(fd_, memory.get(), it.number, offset);
         return error != 0 ? error : data(walk.kind, it, {memory.get(), it.number});
@@ -374,14 +213,6 @@ private:
 };
 
 } // namespace
-
-int read_at(int fd, void *buffer, size_t length, uint64_t offset)
-{
-    const ssize_t got = pread(fd, buffer, length, static_cast<off_t>(offset));
-    if (got < 0)
-        return errno;
-    return static_cast<size_t>(got) == length ? 0 : MDB_CORRUPTED;
-}
 
 int check_pages(int fd, const meta_data &meta, walk_extent extent)
 {

@@ -5,9 +5,6 @@
 
 namespace platform {
 
-// Reads a part of a file. Returns 0, an error number, or MDB_CORRUPTED if the file ends before it.
-[[nodiscard]] int read_at(int fd, void *buffer, size_t length, uint64_t offset);
-
 // The main tree has the format and the databases; it is a page or two. With the records their
 // checksums are verified too.
 enum class walk_extent { main_tree, pages, records };

@@ -1,5 +1,5 @@
-// A caller asks for a record three times in a row: by its key, for its size, and for its bytes. So
-// what is found goes into the thread's cache. The cache is searched first, without entering the
+// A caller reads a record in three calls in a row: by its key, its size, and its bytes. So what is
+// found goes into the thread's cache. The cache is searched first, without entering the
 // store. A commit writes its number to the file before its caller returns, and before new readers
 // see the commit, so a cache with the last number is never older than a fresh read.
 #include "platform/kvs/read_transaction.h"
@@ -7,6 +7,7 @@
 #include "platform/kvs/batch.h"
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
+#include "platform/kvs/files_check.h"
 #include "platform/kvs/record_value.h"
 #include "platform/kvs/recovery.h"
 
@@ -70,6 +71,8 @@ uint32_t read_transaction::find(kvs_hdl hdl, uint32_t key, stored_record *record
 {
     if (const uint32_t status = make_call_context(hdl, &call_); status != 0)
         return status;
+    if (const uint32_t status = check_files_at_times(*call_.store, *call_.thread); status != 0)
+        return status;
     call_.thread->listed = nullptr;
     if (is_cache_current() && call_.thread->cache.find(call_.database_number(), key, record))
         return 0;
@@ -98,6 +101,8 @@ uint32_t read_transaction::list(kvs_hdl hdl, handle_list *list)
 {
     if (const uint32_t status = make_call_context(hdl, &call_); status != 0)
         return status;
+    if (const uint32_t status = check_files_now(*call_.store, *call_.thread); status != 0)
+        return status;
     if (const uint32_t status = begin(); status != 0)
         return status;
     MDB_stat about;
@@ -124,6 +129,8 @@ uint32_t read_transaction::verify(kvs_hdl hdl)
         return status;
     if (call_.in_batch())
         return KVS_RC_BATCH_ACTIVE;
+    if (const uint32_t status = check_files_now(*call_.store, *call_.thread); status != 0)
+        return status;
     if (const uint32_t status = begin(); status != 0)
         return status;
     MDB_env *const environment = call_.store->environment;

@@ -1,4 +1,4 @@
-// What a record is: bytes that begin with a key, and a handle that names them and nothing else.
+// A record: bytes that begin with a key, and a handle that is unique to it.
 #pragma once
 
 #include "kvs.h"

@@ -40,7 +40,7 @@ public:
     // Returns true if there is an entry with this key. `database` is a number in the store.
     [[nodiscard]] bool find(uint32_t database, uint32_t key, stored_record *record)
     {
-        if (!memory_)
+        if (memory_ == nullptr)
             return false;
         const size_t first = first_slot(database, key);
         for (size_t slot = first; slot != first + associativity && is_live(slot); ++slot) {
@@ -74,7 +74,7 @@ public:
     // Returns where the room starts, or all ones if there is no memory.
     uint32_t start_run(bool may_grow)
     {
-        if (!memory_ && !resize(0))
+        if (memory_ == nullptr && !resize(0))
             return UINT32_MAX;
         if (arena_size() - used_ < sizeof(entry) + longest_entry) {
             if (level_ == highest_level && 2 * hits_ < added_)
@@ -197,10 +197,10 @@ private:
         const size_t table = sizeof(uint64_t) << (first_slot_bits + 2 * level);
         const size_t size = line + table + (size_t{first_arena_size} << 2 * level);
         block<unsigned char> memory(static_cast<unsigned char *>(calloc(1, size)));
-        if (!memory)
+        if (memory == nullptr)
             return false;
         advise_huge_pages(memory.get(), size);
-        const entry *const old = memory_ ? entry_at(0) : nullptr;
+        const entry *const old = memory_ != nullptr ? entry_at(0) : nullptr;
         const uint32_t old_used = used_;
         const auto start = reinterpret_cast<uintptr_t>(memory.get());
         slots_ = reinterpret_cast<uint64_t *>(memory.get() + -start % line);

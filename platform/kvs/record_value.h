@@ -44,7 +44,7 @@ struct record_tree {
     uint32_t name_checksum = 0; // of the database's name
 };
 
-// Takes a value apart. Returns 0, or MDB_CORRUPTED if it is no value of this key.
+// Parses a value. Returns 0, or MDB_CORRUPTED if it is no value of this key.
 [[nodiscard]] int parse_record(uint32_t name_checksum, uint32_t key, const MDB_val &value,
                                stored_record *record);
 [[nodiscard]] int parse_record(uint32_t name_checksum, const MDB_val &key, const MDB_val &value,

@@ -1,8 +1,8 @@
 #include "platform/kvs/recovery.h"
 
 #include "platform/base/interruption.h"
+#include "platform/base/mutex.h"
 #include "platform/kvs/change_commit.h"
-#include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment.h"
 
@@ -27,15 +27,14 @@ namespace {
     return finish_interrupted_commits(store);
 }
 
-} // namespace
-
-uint32_t recover_as_writer(store &store, thread_context &thread, int error, uint64_t epoch)
+[[nodiscard]] uint32_t recover(store &store, thread_context &thread, int error, uint64_t epoch)
 {
     if (error == MDB_READERS_FULL)
         return clear_dead_readers(store, thread);
+    const scoped_lock replacing(store.environment_mutex);
     if (store.environment_epoch != epoch)
         return 0;
-    if (error == not_open || error == MDB_PANIC)
+    if (needs_reopening(error))
         error = reopen_environment(store);
     else if (error == MDB_MAP_RESIZED)
         error = enlarge_map(store, 0);
@@ -46,22 +45,24 @@ uint32_t recover_as_writer(store &store, thread_context &thread, int error, uint
     return error != 0 ? log_engine_error("using the store", error) : 0;
 }
 
+} // namespace
+
+uint32_t recover_as_writer(store &store, thread_context &thread, int error, uint64_t epoch)
+{
+    if (error == writer_is_busy) {
+        store.turn.wait.pause();
+        return 0;
+    }
+    store.turn.wait = {};
+    return recover(store, thread, error, epoch);
+}
+
 uint32_t recover_as_reader(store &store, thread_context &thread, int error, uint64_t epoch)
 {
     const interruption_guard guard;
-    if (error == MDB_READERS_FULL)
-        return clear_dead_readers(store, thread);
-    if (error != not_open && error != MDB_PANIC && error != MDB_MAP_RESIZED)
+    if (error != MDB_READERS_FULL && !needs_reopening(error) && error != MDB_MAP_RESIZED)
         return log_engine_error("reading the store", error);
-    // The thread that holds the mutex meets the same error and recovers from it. A reader does not
-    // wait for the end of a batch.
-    if (pthread_mutex_trylock(&store.writer_mutex) != 0) {
-        sleep_briefly();
-        return 0;
-    }
-    const uint32_t status = recover_as_writer(store, thread, error, epoch);
-    pthread_mutex_unlock(&store.writer_mutex);
-    return status;
+    return recover(store, thread, error, epoch);
 }
 
 } // namespace platform

@@ -6,35 +6,46 @@
 // environment enters the store through an environment_guard, and a thread that replaces it gets
 // exclusive_access first, which waits until all others have left:
 //
-//  - `writer_mutex` is held by a thread that changes the store, for the whole of a batch, and by a
-//    thread that replaces the environment. It is locked by threads that have not entered the store.
-//  - A thread stays in the store for one attempt, or for one batch. The thread with a batch does
-//    not wait for the end of exclusive access, but as it holds the writer mutex too, there is none.
+//  - `writer_mutex` is held by a thread that changes the store, for the whole of a batch, and while
+//    it waits for other processes that write.
+//  - `environment_mutex` is held by a thread that replaces the environment, and never during a
+//    wait for other processes that write. Both are locked outside the store.
+//  - A thread stays in the store for one attempt, or for one batch. It does not stay there while it
+//    waits for other processes that write, so that readers need not wait for them either. A thread
+//    with a batch does not wait for the end of exclusive access, and exclusive access waits for no
+//    batch: an environment in which a batch has begun is fit for all reads until the batch ends.
 //
 // An attempt that fails for lack of room, or because of a useless environment, is undone; the store
 // is recovered, and the attempt made again.
 //
-// The order of the locks: binding, writer, threads, stores; the mutex of a queue is the last.
+// The order of the locks: binding, writer, environment, threads, stores; the mutex of a queue is
+// the last.
 //
 // The files of this directory, from the lowest up; each includes only files of lower lines:
 //
-//    record  attempt  store_limits  engine_status  environment_info  file_layout
-//    record_value  record_cache  journal_entry  engine_transactions
-//    page_walk  write_transaction
-//    journal
+//    record  attempt  store_limits  engine_status  environment_info  file_layout  user_marks
+//    file_lock
+//    record_value  record_cache  open_files  journal_entry
+//    engine_transactions  write_transaction
+//    page
+//    key_order  journal
+//    page_walk
 //    data_file
-//    store_file  commit_wait
+//    store_file  damaged_file  commit_wait
+//    salvage
 //    store
 //    change_commit
 //    threads  arguments
 //    call_context  environment
 //    recovery
-//    binding  batch  write_queue
-//    read_transaction  journal_reader
-//    kvs
+//    files_check
+//    binding  batch
+//    write_queue  read_transaction  journal_reader
+//    kvs  salvage_call
 #pragma once
 
 #include "platform/kvs/data_file.h"
+#include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/journal.h"
 #include "platform/kvs/store_file.h"
 #include "platform/kvs/write_transaction.h"
@@ -46,9 +57,6 @@
 namespace platform {
 
 constexpr unsigned store_limit = 8;
-
-// The error of an attempt in a store without an environment. The engine's own lie far below.
-constexpr int not_open = -1;
 
 // The journal of a store, and the changes that the next entry is made of. Guarded by the writer
 // mutex, but for the area, which only the environment's replacement changes.
@@ -75,21 +83,22 @@ struct store {
     MDB_env *environment = nullptr;        // replaced under exclusive access only
     uint64_t environment_epoch = 0; // incremented when the environment or its map is replaced
     pthread_mutex_t writer_mutex = PTHREAD_MUTEX_INITIALIZER;
+    writer_turn turn; // guarded by the writer mutex
+    pthread_mutex_t environment_mutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_mutex_t binding_mutex = PTHREAD_MUTEX_INITIALIZER; // held while a database is opened
     std::atomic<unsigned> database_count{0};
     database databases[database_limit];
     uint64_t batch_scale = 1; // of the room that a batch gets
     store_journal journal;
     write_queue queue;
-    // Mapped apart from the environment, so that they can be read without entering the store, and
-    // only once for each file: a store has a second file only if its first one was replaced.
+    open_files files;                   // of the environment
+    std::atomic<int64_t> next_check{0}; // of the files by readers, in milliseconds
+    // Mapped apart from the environment, so that they can be read without entering the store. The
+    // map also keeps the number of the file from being given to another one.
     std::atomic<const uint64_t *> first_commit_number{nullptr};
     std::atomic<const uint64_t *> second_commit_number{nullptr};
-    dev_t file_device = 0;
-    ino_t file_inode = 0;
     int dir = -1;
-    dev_t device = 0; // of the directory
-    ino_t inode = 0;
+    file_identity dir_identity;
     unsigned index = 0; // in the table of stores
 
     [[nodiscard]] platform::commit_numbers commit_numbers() const

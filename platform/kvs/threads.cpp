@@ -1,7 +1,8 @@
 // A forked child gets the parent's memory, but neither its threads nor its locks on the lock file.
-// So it keeps nothing but the names: the environments are forgotten and not closed, since a thread
-// may have been changing them, and since the engine forbids it. Their maps and descriptors stay
-// behind in the child. The same holds for the transactions, whose reader slots are the parent's.
+// So it keeps only the names. The environments are dropped without being closed, since a thread may
+// have been changing them, and since the engine forbids it. Their descriptors are closed, and
+// their maps stay behind in the child. The same holds for the transactions, whose reader slots are
+// the parent's.
 #include "platform/kvs/threads.h"
 
 #include "platform/base/mutex.h"
@@ -69,9 +70,13 @@ void reset_in_child()
         return;
     }
     for (unsigned i = 0; i < store_count.load(std::memory_order_relaxed); ++i) {
+        if (stores[i].environment != nullptr)
+            close_descriptors(stores[i].files);
         stores[i].environment = nullptr;
         ++stores[i].environment_epoch;
         pthread_mutex_init(&stores[i].writer_mutex, nullptr);
+        stores[i].turn = {};
+        pthread_mutex_init(&stores[i].environment_mutex, nullptr);
         pthread_mutex_init(&stores[i].binding_mutex, nullptr);
         stores[i].journal = {};
         stores[i].queue = {};
@@ -91,7 +96,7 @@ void reset_in_child()
 }
 
 // Returns whether the handlers are registered. They are before any thread can hold a mutex that
-// they lock; two threads that both make up for a failure at load time may register them twice.
+// they lock; two threads that both retry after a failure at load time may register them twice.
 [[nodiscard]] bool ensure_handlers()
 {
     if (!has_handlers && pthread_atfork(lock_before_fork, unlock_after_fork, reset_in_child) == 0)
@@ -167,7 +172,7 @@ void exclusive_access::close_environment()
             mdb_txn_abort(txn);
         txn = nullptr;
     }
-    mdb_env_close(store_.environment);
+    platform::close_environment(store_.environment);
     store_.environment = nullptr;
 }
 

@@ -33,12 +33,12 @@ inline thread_context *current_thread()
     return cached_context != nullptr ? cached_context : make_thread_context();
 }
 
-// Sleeps between two looks at what another thread is about to change.
+// Sleeps between two checks of a state that another thread is about to change.
 void sleep_briefly();
 
 void wait_for_shared_access(const store &store);
 
-// Keeps the environment of a store in place while it exists.
+// Prevents the replacement of a store's environment as long as it exists.
 class environment_guard {
 public:
     environment_guard(store &store, thread_context &thread) : thread_(thread)
@@ -65,7 +65,7 @@ private:
 };
 
 // Keeps all other threads out of a store, and begins a new epoch of its environment. The caller
-// holds the writer mutex, and has not entered the store.
+// holds the environment mutex, and has not entered the store.
 class exclusive_access {
 public:
     explicit exclusive_access(store &store);
@@ -80,7 +80,7 @@ private:
     store &store_;
 };
 
-// Forgets the thread's batch, whose transaction has ended, and lets other threads write.
+// Clears the thread's batch, whose transaction has ended, and unlocks the writer mutex.
 void release_batch(thread_context &thread);
 
 // Aborts the thread's batch, if it has one.

@@ -30,8 +30,12 @@ template <class Work>
     if (const uint32_t status = make_call_context(hdl, &call); status != 0)
         return status;
     if (call.in_batch()) {
-        const attempt result = work(write_transaction(call.thread->open_batch.txn, *call.database,
-                                                      call.store->journal.changes));
+        // A transaction that outgrows its memory writes pages before it is committed.
+        const int lost = check_data_descriptor(call.store->environment);
+        const attempt result =
+            lost != 0 ? with_engine_error(lost)
+                      : work(write_transaction(call.thread->open_batch.txn, *call.database,
+                                               call.store->journal.changes));
         return result.engine_error != 0 ? break_batch(*call.thread, result.engine_error)
                                         : result.status;
     }

@@ -22,7 +22,7 @@ public:
     {
     }
 
-    // Finds the record with this handle, or comes to KVS_RC_NO_SUCH_RECORD.
+    // Finds the record with this handle, or results in KVS_RC_NO_SUCH_RECORD.
     [[nodiscard]] attempt get(kvs_rec_hdl handle, stored_record *record) const;
 
     // `value` is the record, with room for a generation behind it.

@@ -1,4 +1,4 @@
-// The job manager as seen by its jobs: their id and name are in the environment.
+// The id and name of the job that the process is, from its environment.
 #include "jobctl.h"
 
 #include "platform/base/export.h"

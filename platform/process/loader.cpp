@@ -1,11 +1,11 @@
 // Distinguishes an explicit unload from the end of the process.
 //
-// Libraries that came with the program are never unloaded, so their answer is known; the loader
-// lists them first. For the others the answer follows from whether the process ends.
+// Libraries that came with the program are never unloaded explicitly; the loader lists them first.
+// For the others the result depends on whether the process ends.
 //
 // The return address identifies the calling library, unless the hook ends in a jump to this query:
 // then the address is in the loader or the C library, which call the hooks, and the calling library
-// may be any. Of those that came with the program such a call gets the wrong answer only if a
+// may be any. For one that came with the program the result is then wrong only if a
 // thread other than the main one calls exit() and no handler is registered.
 #include "loader.h"
 
@@ -67,12 +67,13 @@ bool is_explicit_unload(const void *return_address)
 }
 
 // The loader calls this function too.
-__attribute__((constructor)) void locate_callers_of_hooks()
+__attribute__((constructor)) void start_distinguishing()
 {
     loader_position.store(position_of_library(__builtin_return_address(0)),
                           std::memory_order_relaxed);
     c_library_position.store(position_of_library(gnu_get_libc_version()),
                              std::memory_order_relaxed);
+    platform::start_watching("__in_unload", reinterpret_cast<const void *>(&__in_unload));
 }
 
 } // namespace

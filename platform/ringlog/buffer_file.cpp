@@ -20,7 +20,6 @@
 #include <fcntl.h>
 #include <string_view>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 namespace platform {
@@ -109,13 +108,6 @@ struct buffer_location {
     file.inode = about.st_ino;
     file.allocated = about.st_blocks * block_size >= about.st_size;
     return read_header(file.fd.get(), file.header);
-}
-
-// Beyond this limit the system kills the process instead of failing a call.
-bool exceeds_size_limit(uint64_t size)
-{
-    rlimit limit;
-    return getrlimit(RLIMIT_FSIZE, &limit) == 0 && size > limit.rlim_cur;
 }
 
 // Sets the length of the file, and allocates its header.
@@ -267,8 +259,6 @@ uint32_t open_or_create_buffer(const char *name, uint32_t slot_count, buffer_fil
         status = RINGLOG_RC_NO_SUCH_BUFFER;
     if (status != RINGLOG_RC_NO_SUCH_BUFFER)
         return status;
-    if (exceeds_size_limit(file_size(slot_count)))
-        return log_file_error("cannot create", name, EFBIG);
     make_room(root.get(), lock, file_size(slot_count));
     // The folder, which may have been removed with its last buffer.
     if ((status = locate_buffer(name, true, location)) != 0)

@@ -7,6 +7,7 @@
 // that was killed is replaced in the next round.
 #include "platform/base/clock.h"
 #include "platform/base/export.h"
+#include "platform/base/interruption.h"
 #include "platform/base/mutex.h"
 #include "platform/base/process_end.h"
 #include "platform/base/thread_identity.h"
@@ -29,6 +30,10 @@ namespace {
 using namespace platform;
 
 constexpr unsigned index_bits = 16;
+
+// What a caller gets instead of a buffer that there is no space for: its records are dropped.
+constexpr uint64_t handle_of_no_buffer = (1u << index_bits) - 1;
+static_assert(handle_of_no_buffer - 1 >= max_buffers);
 
 pthread_mutex_t table_mutex = PTHREAD_MUTEX_INITIALIZER;
 bool lock_survives_fork = false;
@@ -241,8 +246,13 @@ PLATFORM_EXPORT uint32_t ringlog_init2(const char *name, uint32_t, uint32_t, uin
     if (slot_count == 0)
         return RINGLOG_RC_BAD_SIZE;
     watch_process_end();
+    const interruption_guard guard;
     uint64_t handle = 0;
-    const uint32_t status = open_buffer_handle(name, slot_count, handle);
+    uint32_t status = open_buffer_handle(name, slot_count, handle);
+    if (status == RINGLOG_RC_NO_SPACE) {
+        handle = handle_of_no_buffer;
+        status = 0;
+    }
     if (status == 0)
         std::atomic_ref(*handle_p).store(handle, std::memory_order_release);
     return status;

@@ -7,12 +7,12 @@
 
 namespace vs_kvs {
 
-struct deallocate {
+struct free_deleter {
     void operator()(void *address) const { free(address); }
 };
 
 template <class Record>
-using block = std::unique_ptr<Record, deallocate>;
+using block = std::unique_ptr<Record, free_deleter>;
 
 // A record and the number of bytes that were read of it; null for a stored record of length 0.
 template <class Record>
@@ -22,6 +22,6 @@ struct sized_record {
 };
 
 // Record handles, as the store's find allocates them.
-using handle_array = std::unique_ptr<uint64_t[], deallocate>;
+using handle_array = std::unique_ptr<uint64_t[], free_deleter>;
 
 } // namespace vs_kvs

@@ -2,8 +2,8 @@
 //
 // Each fact is a plain type of its own, derived from the kind of value it is. A report is given the
 // facts that a step has, singly or as a struct that derives from several of them, and each message
-// picks the ones it names. So a shared step says once what it has, and every operation's messages
-// choose what is reported of it.
+// picks the ones it names. So a shared step states its facts once, and every operation's messages
+// select from them.
 #pragma once
 
 #include <cstdint>

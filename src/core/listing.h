@@ -90,7 +90,7 @@ template <class Db, class M>
     if (status != 0)
         return status;
 
-    // A listing that stops releases the records that it has placed, then the one that it was
+    // A listing that stops releases the records that it has read, then the one that it was
     // reading, then the handles.
     sized_record<typename Db::record> current;
     record_list<typename Db::record> records(handles.count);

@@ -1,9 +1,9 @@
 // Messages: what the library can report, as data that the compiler checks.
 //
-// A message is one thing to report at one place: the trace identifier as it stands in a dump, the
-// debug text, and the list of facts that both carry, in their order. The messages of an operation
-// are the static members of a struct, with the operation's name and the list of those that leave
-// trace records. Tools read these lists.
+// A message is one report at one point of the code: the trace identifier as it stands in a dump,
+// the debug text, and the list of facts that both carry, in their order. The messages of an
+// operation are the static members of a struct, with the operation's name and the list of those
+// that leave trace records. Tools read these lists.
 //
 // What does not compile: an identifier or a text that does not fit the facts, and a report of a
 // traced message that its operation's list lacks.
@@ -112,7 +112,7 @@ using common = message<channel::common, Facts...>;
 template <class... Facts>
 using debug = message<channel::debug, Facts...>;
 
-// Stands where a shared step could report and an operation has nothing to say. A step names every
+// Used where a shared step could report and an operation has no message for it. A step names every
 // message it may use, so that a misspelt one does not compile.
 struct no_message {
     static constexpr channel goes_to = channel::debug;

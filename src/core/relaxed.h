@@ -17,7 +17,7 @@ void store(Word &word, Word value)
 }
 
 // Sets a pointer after all that it leads to. Readers load it relaxed: what they read through it
-// depends on the loaded address, which every machine that we run on keeps in order.
+// depends on the loaded address, an order which every supported processor keeps.
 template <class T>
 void publish(T *&pointer, T *value)
 {

@@ -83,8 +83,8 @@ void send(const no_message &, const Facts &...)
 
 } // namespace detail
 
-// Reports a message of the operation whose messages `Operation` holds. The facts may be more than
-// the message names, in any order.
+// Reports a message of an operation; `Operation` is the struct of its messages. The facts may be
+// more than the message names, in any order.
 template <class Operation, const auto &Message, class... Facts>
 void report(const Facts &...facts)
 {

@@ -8,7 +8,6 @@ extern "C" {
 extern uint32_t g_vs_kvs_debug_initialized; // 1 after the debug set-up
 extern uint64_t g_vs_kvs_evm;               // the platform handle of the last initialisation
 extern uint32_t g_vs_kvs_dbs_initialized;   // 1 when all three databases are open
-extern uint32_t g_vs_objects_db_populated;  // 1 after a bulk population
 
 // The load hook (reason 0) and the unload hook (reason 1) beneath their conditions.
 uint32_t vs_kvs_dll_main(uint64_t module, uint32_t reason, uint64_t context);

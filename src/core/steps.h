@@ -37,15 +37,15 @@ template <class Db>
 
 // ---- lengths ----
 
-// Returns whether the first `length` bytes of a stored record hold all that its count promises.
-// Longer records are as good as exact ones.
+// Returns whether the first `length` bytes of a stored record hold all the elements that its count
+// states. Longer records are as good as exact ones.
 template <class Db>
 [[nodiscard]] bool is_complete(const typename Db::record &record, uint32_t length)
 {
     return length >= Db::layout.fixed() && length >= Db::layout.length(record.*Db::count);
 }
 
-// The number reported for a length that 32 bits may not hold.
+// The number reported for a length that may exceed 32 bits.
 [[nodiscard]] inline uint32_t clamp_length(uint64_t length)
 {
     return static_cast<uint32_t>(std::min<uint64_t>(length, UINT32_MAX));
@@ -133,7 +133,7 @@ void print_record(const typename Db::record &record, uint32_t length)
 }
 
 // Allocates room for a stored record of `length` bytes and reads it. A length of 0 is read without
-// a block, since the store may have a status to give. On failure the block stays with `record`,
+// a block, since the store may return a status. On failure the block stays with `record`,
 // whose owner decides when it is released.
 template <class Db, class M>
 [[nodiscard]] uint32_t read_bytes(const kvs_rec_hdl &handle, uint32_t length,

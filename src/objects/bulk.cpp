@@ -59,6 +59,10 @@ void print_elements(const vs_object_sel_entry *elements, uint32_t count)
 
 extern "C" {
 
+uint32_t g_vs_objects_db_populated = 0;
+
+uint32_t vs_kvs_is_populated(void) { return load(g_vs_objects_db_populated); }
+
 uint32_t vs_kvs_insert_vs_objects(const vs_object_sel_entry *vs_array, uint32_t vs_count,
                                   const uint32_t *const *versions_array_array,
                                   const uint32_t *versions_count_array)

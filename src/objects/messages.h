@@ -227,7 +227,8 @@ struct bulk_update {
         std::tuple{not_initialized, element_filtered, element_updated, element_failed};
 };
 
-// The deletion reports its first steps under the identifiers of the update, which takes the same.
+// The deletion reports its first steps under the identifiers of the update, whose first steps are
+// the same.
 struct delete_rec {
     static constexpr char operation[] = "vs_kvs_delete_vs_object";
 

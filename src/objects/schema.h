@@ -4,10 +4,15 @@
 #include "core/steps.h"
 #include "objects/messages.h"
 
+extern "C" {
+
+// 1 after a bulk population by this process. Starts at 0 and is not exported.
+extern uint32_t g_vs_objects_db_populated;
+
 // Finds the record handle of a VS object; *vs_kvs_rec_hdl_pp receives an array of one handle, which
 // the caller frees. Statuses as vs_kvs_get_vs_object_rec, up to finding the record.
-extern "C" uint32_t vs_kvs_get_vs_object_rec_hdl(uint32_t vs_object_id,
-                                                 kvs_rec_hdl **vs_kvs_rec_hdl_pp);
+uint32_t vs_kvs_get_vs_object_rec_hdl(uint32_t vs_object_id, kvs_rec_hdl **vs_kvs_rec_hdl_pp);
+}
 
 namespace vs_kvs::objects {
 

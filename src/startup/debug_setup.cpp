@@ -1,4 +1,5 @@
-// The load hook and the per-process debug set-up: who this process is, and where its reports go.
+// The load hook and the per-process debug set-up: the identity of the process, and its trace
+// buffers and debug prints.
 //
 // Until the set-up is done there may be no channel that would carry its failures, so they go to
 // standard error.
@@ -40,7 +41,7 @@ constexpr size_t name_room = 256;
 constexpr size_t longest_short_name = 64;
 constexpr uint32_t lockwatch_code = 40;
 
-// The names under which the process's buffers were opened, in place for its life.
+// The names under which the process's buffers were opened, valid until it ends.
 char api_buffer_name[name_room];
 char errors_buffer_name[name_room];
 
@@ -63,7 +64,7 @@ void after_fork_in_parent()
 
 void after_fork_in_child()
 {
-    pthread_mutex_unlock(&vs_kvs_debug_mutex); // refused, but a checker of locks takes note
+    pthread_mutex_unlock(&vs_kvs_debug_mutex); // refused, but seen by tools that check locks
     pthread_mutexattr_t kind;
     pthread_mutexattr_init(&kind);
     pthread_mutexattr_settype(&kind, PTHREAD_MUTEX_ERRORCHECK);
@@ -98,7 +99,7 @@ struct identity {
 };
 
 // The job manager names its jobs; of any other process the system gives the name, and the process
-// id stands in for the job id, whatever else the job manager may have returned.
+// id stands in for the job id, whatever other id the job manager may have returned.
 [[nodiscard]] uint32_t identify(const char *operation, identity &self)
 {
     const bool is_job = jobctl_get_job_id(&self.job_id) == 0;
@@ -115,16 +116,11 @@ struct identity {
     return status;
 }
 
-// Finds out who this process is, and fills in its short name.
-[[nodiscard]] uint32_t name_process(const char *operation, char *short_name, uint32_t &job_id)
+// Copies the last component of the name.
+[[nodiscard]] uint32_t shorten_name(const char *operation, const char *name, char *short_name)
 {
-    identity self;
-    const uint32_t status = identify(operation, self);
-    job_id = self.job_id;
-    if (status != 0)
-        return status;
-    const char *const slash = strrchr(self.name, '/');
-    const char *const last = slash != nullptr ? slash + 1 : self.name;
+    const char *const slash = strrchr(name, '/');
+    const char *const last = slash != nullptr ? slash + 1 : name;
     const size_t length = strlen(last);
     if (length > longest_short_name) {
         fprintf(stderr, "%s: %s: failed: process name too long\n", program_invocation_short_name,
@@ -140,9 +136,10 @@ struct identity {
 [[nodiscard]] uint32_t set_up(const char *operation, uint64_t evm)
 {
     auto *const short_name = static_cast<char *>(calloc(longest_short_name + 1, 1));
-    uint32_t job_id = 0;
-    uint32_t status =
-        short_name != nullptr ? name_process(operation, short_name, job_id) : VS_FAULT_NO_MEMORY;
+    identity self;
+    uint32_t status = short_name != nullptr ? identify(operation, self) : VS_FAULT_NO_MEMORY;
+    if (status == 0)
+        status = shorten_name(operation, self.name, short_name);
     publish(g_vs_kvs_proc_name, short_name);
     if (short_name == nullptr)
         fprintf(stderr, "%s: %s failed to allocate mem for proc name\n",
@@ -150,7 +147,7 @@ struct identity {
     if (status != 0)
         return status;
 
-    status = vs_kvs_ringlog_init(static_cast<int32_t>(job_id));
+    status = vs_kvs_ringlog_init(static_cast<int32_t>(self.job_id));
     if (status != 0) {
         fprintf(stderr, "%s: %s: failed in vs_kvs_ringlog_init: %s\n",
                 program_invocation_short_name, operation, fault_strerror(status));
@@ -213,7 +210,8 @@ uint32_t vs_kvs_ringlog_init(int32_t job_id)
     if (status != 0) {
         const char *const name = load(g_vs_kvs_proc_name);
         fprintf(stderr, "%s: %s: ringlog_init2 trace failed: %s for proc: %s\n",
-                program_invocation_short_name, __func__, fault_strerror(status), name ? name : "");
+                program_invocation_short_name, __func__, fault_strerror(status),
+                name != nullptr ? name : "");
     }
     status = ringlog_init2(errors_buffer_name, 0, 0, 256, 6144, 0, &vs_kvs_errors_trace);
     if (status != 0)

@@ -127,6 +127,4 @@ uint32_t vs_kvs_initialize(uint64_t evm)
     return 0;
 }
 
-uint32_t vs_kvs_is_populated(void) { return load(g_vs_objects_db_populated); }
-
 } // extern "C"

@@ -1,6 +1,6 @@
-/* A library whose unload hook queries the unload and writes the answer down. With HOOK_JUMPS it
- * does so twice, by jumps to the query, whose return address then belongs to the C library and to
- * the loader. */
+/* A library whose unload hook queries the unload and writes the result to a file. With HOOK_JUMPS
+ * it does so twice, by jumps to the query, whose return address then belongs to the C library and
+ * to the loader. */
 #include "loader.h"
 #include "ringlog.h"
 
@@ -35,5 +35,5 @@ __attribute__((destructor)) static void on_unload(void)
 __attribute__((constructor)) static void on_load(void)
 {
     uint64_t handle = 0;
-    ringlog_init2("asker", 0, 0, 1, 1, 0, &handle);
+    ringlog_init2("hook", 0, 0, 1, 1, 0, &handle);
 }
