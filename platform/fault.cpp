@@ -29,6 +29,7 @@ constexpr fault_entry catalogue[] = {
     {0x45321600, "VS_FAULT_KVS_UNKNOWN_DB", "unknown database selector"},
     {0x45323000, "VS_FAULT_KVS_DB_EMPTY", "database holds no records"},
 
+    PLATFORM_STATUS(KVS_RC_NO_CHANGE, "record store: journal has no further change"),
     PLATFORM_STATUS(RINGLOG_RC_NO_RECORD, "no trace record left to read"),
 
     {0xA5320200, "VS_FAULT_NULL_ARG", "required argument is null"},

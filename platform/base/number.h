@@ -33,4 +33,21 @@ constexpr uint32_t digit_value(char c)
     return static_cast<uint32_t>(value);
 }
 
+// Parses a number of bytes: 32 bits, or with K, M or G behind it of units of 1024, 1024^2 or
+// 1024^3.
+[[nodiscard]] constexpr std::optional<uint64_t> parse_bytes(std::string_view text)
+{
+    constexpr std::string_view units = "KMG";
+    const size_t unit = text.empty() ? std::string_view::npos : units.find(text.back());
+    unsigned shift = 0;
+    if (unit != std::string_view::npos) {
+        shift = 10 * (static_cast<unsigned>(unit) + 1);
+        text.remove_suffix(1);
+    }
+    const std::optional<uint32_t> number = parse_number(text, 10);
+    if (!number)
+        return {};
+    return uint64_t{*number} << shift;
+}
+
 } // namespace platform

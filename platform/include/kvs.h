@@ -68,6 +68,9 @@ typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
 /* An insert of a record that is stored already, byte for byte: nothing to do. */
 #define KVS_RC_TOLERATED_ON_INSERT UINT32_C(0xA6962A00)
 
+/* The journal has no change that this reader has not read yet. */
+#define KVS_RC_NO_CHANGE UINT32_C(0x46960200)
+
 /* What the store found, or could not do. */
 #define KVS_RC_NO_SUCH_DB                                                                          \
     UINT32_C(0xC6960200) /* no process has created a database of this name                         \
@@ -250,6 +253,69 @@ uint32_t kvs_batch_abort(void);
  * all threads, and a forked child keeps it.
  */
 void kvs_set_wait_notice(void (*notice)(const char *line));
+
+/*
+ * The journal keeps the last changes of a store: of all its databases, in the order in which they
+ * were committed, and numbered from 1 on without gaps. It is a ring: the oldest changes give way to
+ * new ones. Its size in bytes is the VS_JOURNAL_SIZE (a number, or one with K or M behind it; 64K
+ * to 64M, 1M if it is not set) of the process that makes the store. A change of usual records takes
+ * about 250 bytes.
+ */
+
+/* The kinds of a change. */
+#define KVS_CHANGE_INSERTED UINT32_C(1)
+#define KVS_CHANGE_REPLACED UINT32_C(2)
+#define KVS_CHANGE_DELETED UINT32_C(3)
+/* All changes of a batch to one database; the batch was too long for the journal. */
+#define KVS_CHANGE_SUMMARY UINT32_C(4)
+
+typedef struct kvs_change {
+    uint64_t sequence;    /* the change's number */
+    uint64_t transaction; /* the same for all changes that were committed together */
+    uint64_t time;        /* of the commit, in nanoseconds since 1970-01-01 UTC */
+    uint64_t job;         /* the job id of the process that made it; 0 if it was no job */
+    uint32_t pid;
+    uint32_t user;         /* its real user id */
+    const char *process_p; /* the name of its program, cut off after 31 bytes */
+    const char *db_name_p; /* the database */
+    kvs_rec_hdl handle;    /* the record; its lower half is the key. Of a summary: the first one */
+    kvs_rec_hdl last_handle; /* of a summary: the last one; else the same */
+    uint64_t count;          /* of a summary: the number of changes; else 1 */
+    const void *old_p;       /* the record before it, or as much of it as was kept */
+    const void *new_p;       /* the record after it; whole */
+    uint32_t old_length;     /* of the whole record, in bytes; 0 if there was none */
+    uint32_t old_kept;       /* the bytes at old_p: at most 4096, and 0 in a summary */
+    uint32_t new_length;     /* 0 after a deletion, and in a summary */
+    uint32_t kind;
+} kvs_change;
+
+/* A position in the journal of a store. One thread at a time may use it. */
+typedef struct kvs_journal kvs_journal;
+
+#define KVS_JOURNAL_OLDEST UINT64_C(0)
+#define KVS_JOURNAL_NEXT UINT64_MAX /* what is committed from now on */
+
+/*
+ * Opens the journal of the store that `hdl` is in, to be read from the change numbered `first` on,
+ * or from the oldest one kept if that is younger. The caller closes it.
+ */
+uint32_t kvs_journal_open(kvs_hdl hdl, uint64_t first, kvs_journal **journal_pp);
+
+/*
+ * Reads the next change. What *change_p points at is valid until the next call with this journal.
+ * If its number is not the one after the last, those between have given way or are damaged. Gives
+ * KVS_RC_NO_CHANGE at the end; later calls find what has been committed meanwhile.
+ */
+uint32_t kvs_journal_next(kvs_journal *journal_p, kvs_change *change_p);
+
+/*
+ * Waits until there is a change to read. Gives 0, or KVS_RC_NO_CHANGE after so many milliseconds or
+ * when the thread has handled a signal. Sleeps meanwhile; a commit of any process wakes it.
+ */
+uint32_t kvs_journal_wait(kvs_journal *journal_p, uint32_t milliseconds);
+
+/* Frees the journal; null is allowed. */
+void kvs_journal_close(kvs_journal *journal_p);
 
 #ifdef __cplusplus
 }

@@ -2,6 +2,7 @@
 
 #include "platform/base/interruption.h"
 #include "platform/base/mutex.h"
+#include "platform/kvs/change_commit.h"
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment.h"
@@ -38,7 +39,7 @@ void make_batch_room(store &store)
         return not_open;
     MDB_txn *txn = nullptr;
     const unsigned count = store.database_count.load(std::memory_order_acquire);
-    const int error = begin_write(store.environment, store.turn, &txn);
+    const int error = begin_change(store, &txn);
     if (error == 0) {
         thread.open_batch = {&store, txn, count, false};
         thread.entered_by_batch = 1u << store.index;
@@ -96,12 +97,11 @@ uint32_t commit_batch()
         return KVS_RC_BATCH_BROKEN;
     }
     store &store = *thread->open_batch.store;
-    MDB_txn *const txn = thread->open_batch.txn;
     int error = check_files(store.environment);
     if (error == 0)
-        error = commit_write(store.environment, txn);
+        error = commit_change(store, thread->open_batch.txn);
     else
-        abort_write(store.environment, txn);
+        abort_change(store, thread->open_batch.txn);
     const uint32_t status = error != 0 ? log_batch_error(store, error) : 0;
     release_batch(*thread);
     return status;

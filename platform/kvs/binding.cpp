@@ -6,6 +6,7 @@
 #include "platform/base/mutex.h"
 #include "platform/base/state_dir.h"
 #include "platform/kvs/call_context.h"
+#include "platform/kvs/change_commit.h"
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment.h"
@@ -100,15 +101,15 @@ kvs_hdl find_bound(const store &store, const char *name)
 [[nodiscard]] int open_or_create(store &store, database &next, const char *name)
 {
     MDB_txn *txn = nullptr;
-    int error = begin_write(store.environment, store.turn, &txn);
+    int error = begin_change(store, &txn);
     if (error != 0)
         return error;
     error = open_in(txn, name, MDB_CREATE, &next.tree.dbi);
     if (error == 0)
         error = create_counter(txn, name);
     if (error == 0)
-        return commit_write(store.environment, txn);
-    abort_write(store.environment, txn);
+        return commit_unrecorded(store, txn);
+    abort_change(store, txn);
     return error;
 }
 

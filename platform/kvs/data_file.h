@@ -25,8 +25,9 @@ bool is_possible(const meta_data &meta);
 // error number.
 [[nodiscard]] int check_header(int fd);
 
-// Writes the version of the format into a new store. Returns 0 or an error.
-[[nodiscard]] int write_format(MDB_env *environment);
+// Writes what a new store begins with: the version of its format, and an empty journal. Returns 0
+// or an error.
+[[nodiscard]] int write_first_entries(MDB_env *environment, uint64_t journal_size);
 
 // Checks the pages of a snapshot, at least to the extent given, and further if they are few, and
 // the version of the format. Returns 0, MDB_CORRUPTED, MDB_VERSION_MISMATCH, EAGAIN if the snapshot

@@ -7,12 +7,13 @@ namespace platform {
 
 // What keeps the store from working, beside the errors of the engine, which lie far below, and of
 // the system.
-constexpr int not_open = -1;         // the store has no environment
-constexpr int files_replaced = -2;   // the store's files are not those that are in use
-constexpr int descriptors_lost = -3; // the program closed descriptors of the store
-constexpr int no_proc = -4;          // /proc is not mounted
-constexpr int other_namespace = -5;  // processes of another PID namespace use the store
-constexpr int writer_is_busy = -6;   // another process writes, or is next
+constexpr int not_open = -1;           // the store has no environment
+constexpr int files_replaced = -2;     // the store's files are not those that are in use
+constexpr int descriptors_lost = -3;   // the program closed descriptors of the store
+constexpr int no_proc = -4;            // /proc is not mounted
+constexpr int other_namespace = -5;    // processes of another PID namespace use the store
+constexpr int writer_is_busy = -6;     // another process writes, or is next
+constexpr int interrupted_commit = -7; // a commit is in the journal only
 
 // Returns whether the environment is useless after this error, and is to be opened anew.
 [[nodiscard]] bool needs_reopening(int error);

@@ -59,13 +59,6 @@ bool may_overtake(int fd, uint64_t waited)
     return error;
 }
 
-void unlock_writer(MDB_env *environment)
-{
-    int fd = -1;
-    if (mdb_env_get_fd(environment, &fd) == 0)
-        unlock(fd, writer_byte);
-}
-
 template <class Work>
 [[nodiscard]] int with_reader_table(MDB_env *environment, const Work &work)
 {
@@ -93,6 +86,17 @@ template <class Work>
     return mdb_txn_id(txn) == about.me_last_txnid + 1 ? 0 : files_replaced;
 }
 
+[[nodiscard]] int begin_locked_write(MDB_env *environment, int fd, MDB_txn **txn)
+{
+    int error = check_other_files(environment);
+    if (error == 0 && (error = mdb_txn_begin(environment, nullptr, 0, txn)) == 0 &&
+        (error = check_number(environment, *txn)) != 0)
+        mdb_txn_abort(*txn);
+    if (error != 0)
+        unlock(fd, writer_byte);
+    return error;
+}
+
 } // namespace
 
 int begin_write(MDB_env *environment, writer_turn &turn, MDB_txn **txn)
@@ -102,13 +106,26 @@ int begin_write(MDB_env *environment, writer_turn &turn, MDB_txn **txn)
     if (error != 0 || (error = mdb_env_get_fd(environment, &fd)) != 0 ||
         (error = try_writer_lock(fd, turn)) != 0)
         return error;
-    if ((error = check_other_files(environment)) == 0 &&
-        (error = mdb_txn_begin(environment, nullptr, 0, txn)) == 0 &&
-        (error = check_number(environment, *txn)) != 0)
-        mdb_txn_abort(*txn);
+    return begin_locked_write(environment, fd, txn);
+}
+
+int begin_write_at_once(MDB_env *environment, MDB_txn **txn)
+{
+    int fd = -1;
+    int error = check_data_descriptor(environment);
+    if (error != 0 || (error = mdb_env_get_fd(environment, &fd)) != 0)
+        return error;
+    error = try_lock(fd, writer_byte);
     if (error != 0)
+        return error == EAGAIN ? writer_is_busy : error;
+    return begin_locked_write(environment, fd, txn);
+}
+
+void release_writer_lock(MDB_env *environment)
+{
+    int fd = -1;
+    if (check_data_descriptor(environment) == 0 && mdb_env_get_fd(environment, &fd) == 0)
         unlock(fd, writer_byte);
-    return error;
 }
 
 int cause_of_failed_write(MDB_env *environment, int error)
@@ -121,20 +138,6 @@ int cause_of_failed_write(MDB_env *environment, int error)
     const off_t end = std::max(static_cast<off_t>(info.used_size), file.st_size);
     const bool has_room = fallocate(info.fd, 0, end, 64 * 1024) == 0;
     return !has_room && (errno == ENOSPC || errno == EDQUOT || errno == EFBIG) ? errno : error;
-}
-
-int commit_write(MDB_env *environment, MDB_txn *txn)
-{
-    const int error = cause_of_failed_write(environment, mdb_txn_commit(txn));
-    unlock_writer(environment);
-    return error;
-}
-
-void abort_write(MDB_env *environment, MDB_txn *txn)
-{
-    mdb_txn_abort(txn);
-    if (check_data_descriptor(environment) == 0)
-        unlock_writer(environment);
 }
 
 int begin_read(MDB_env *environment, MDB_txn **txn)

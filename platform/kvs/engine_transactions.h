@@ -24,13 +24,16 @@ struct writer_turn {
     uint64_t asked_ns = 0; // when it last saw to it that no other process is next
 };
 
-// Begins a write transaction; the process's writer lock is held until it is committed or aborted.
-// One thread of a process at a time may write to a store. Does not wait for other processes:
-// returns writer_is_busy, and is to be called again after a pause of `turn.wait`, outside the
-// store.
+// Begins a write transaction under the writers' lock. One thread of a process at a time may write
+// to a store. Does not wait for other processes: returns writer_is_busy, and is to be called again
+// after a pause of `turn.wait`, outside the store.
 [[nodiscard]] int begin_write(MDB_env *environment, writer_turn &turn, MDB_txn **txn);
-[[nodiscard]] int commit_write(MDB_env *environment, MDB_txn *txn);
-void abort_write(MDB_env *environment, MDB_txn *txn);
+
+// As begin_write, for a process that will not call it again.
+[[nodiscard]] int begin_write_at_once(MDB_env *environment, MDB_txn **txn);
+
+// Called when the write transaction has ended.
+void release_writer_lock(MDB_env *environment);
 
 // The engine returns EIO for every short write. Returns ENOSPC, EDQUOT or EFBIG if that is the
 // cause, and `error` in all other cases.

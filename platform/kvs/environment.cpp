@@ -1,6 +1,7 @@
 #include "platform/kvs/environment.h"
 
 #include "platform/base/mutex.h"
+#include "platform/kvs/change_commit.h"
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment_info.h"
@@ -54,7 +55,8 @@ int open_environment(store &store, int dir, bool create)
 {
     store.files = {};
     int error = open_environment_files(dir, create, &store.files, &store.environment);
-    if (error == 0 && (error = open_commit_numbers(store)) != 0) {
+    if (error == 0 &&
+        ((error = open_commit_numbers(store)) != 0 || (error = open_journal(store)) != 0)) {
         close_environment(store.environment);
         store.environment = nullptr;
     }
@@ -71,7 +73,7 @@ int reopen_environment(store &store)
     int error = open_environment_files(store.dir, false, &store.files, &store.environment);
     if (error == ENOENT)
         return files_replaced;
-    if (error == 0 && (error = open_databases(store)) != 0)
+    if (error == 0 && ((error = open_journal(store)) != 0 || (error = open_databases(store)) != 0))
         access.close_environment();
     // Another process may have written more than fits the new map already.
     return error == MDB_MAP_RESIZED ? 0 : error;

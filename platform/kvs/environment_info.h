@@ -11,6 +11,7 @@ struct environment_info {
     uint32_t page_size;
     uint64_t map_size;
     uint64_t used_size; // of the file, up to the last page of the last commit
+    uint64_t last_commit;
 };
 
 // Returns 0 or an error of the engine.
@@ -23,7 +24,8 @@ struct environment_info {
         error != 0 || (error = mdb_env_info(environment, &about)) != 0 ||
         (error = mdb_env_stat(environment, &sizes)) != 0)
         return error;
-    *info = {fd, sizes.ms_psize, about.me_mapsize, (about.me_last_pgno + 1) * sizes.ms_psize};
+    *info = {fd, sizes.ms_psize, about.me_mapsize, (about.me_last_pgno + 1) * sizes.ms_psize,
+             about.me_last_txnid};
     return 0;
 }
 

@@ -91,7 +91,7 @@ private:
         for (size_t i = 0; i < nodes.count(); ++i) {
             const node it = nodes.at(i);
             ++walk.entries;
-            const int error = walk.kind == tree_kind::main ? main_entry(it, page)
+            const int error = walk.kind == tree_kind::main ? main_entry(walk, it, page)
                               : it.flags == overflow_data  ? overflow(walk, it, page)
                               : it.flags == 0 ? data(walk.kind, it, page.subspan(it.data))
                                               : MDB_CORRUPTED;
@@ -115,7 +115,8 @@ private:
             return MDB_CORRUPTED;
         walk.overflows += header.pages;
         const uint64_t offset = first * page_size_ + sizeof header;
-        if (walk.kind == tree_kind::records && extent_ != walk_extent::records) {
+        if (walk.kind == tree_kind::main ||
+            (walk.kind == tree_kind::records && extent_ != walk_extent::records)) {
             unsigned char last = 0; // must be there as well
             return read_at(fd_, &last, sizeof last, offset + it.number - 1);
         }
@@ -155,8 +156,9 @@ private:
         return 0;
     }
 
-    // In the order of its keys the main tree has the format, then each database with its counter.
-    [[nodiscard]] int main_entry(const node &it, bytes page)
+    // In the order of its keys the main tree has the format, the journal, then each database with
+    // its counter.
+    [[nodiscard]] int main_entry(tree_walk &walk, const node &it, bytes page)
     {
         const MDB_val name = as_value(it.key.data(), it.key.size());
         uint32_t number = 0;
@@ -169,6 +171,11 @@ private:
                     ? MDB_CORRUPTED
                     : parse_number(name, as_value(page.data() + it.data, it.number), &number);
             return error == 0 && number != format_version ? MDB_VERSION_MISMATCH : error;
+        }
+        if (!has_journal_) {
+            has_journal_ = true;
+            return is_journal_name(name) && it.flags == overflow_data ? overflow(walk, it, page)
+                                                                      : MDB_CORRUPTED;
         }
         if (it.flags == tree_data)
             return it.number == sizeof(tree_root) && expected_counter_.empty()
@@ -199,6 +206,7 @@ private:
     walk_extent extent_;
     page_set seen_;
     bool has_format_ = false;
+    bool has_journal_ = false;
     uint32_t name_checksum_ = 0; // of the database
     unsigned char counter_name_[longest_name + 1] = {};
     bytes expected_counter_; // after a database

@@ -21,12 +21,21 @@ inline MDB_val as_value(const void *data, size_t length)
 // The name of the number that is the version of the format, before all names of databases. It is
 // incremented when the layout of what the store keeps in its file changes.
 constexpr char format_name[] = "\0format";
-constexpr uint32_t format_version = 1;
+constexpr uint32_t format_version = 2;
 
 inline bool is_format_name(const MDB_val &name)
 {
     return name.mv_size == sizeof format_name - 1 &&
            memcmp(name.mv_data, format_name, name.mv_size) == 0;
+}
+
+// The name of the journal.
+constexpr char journal_name[] = "\0journal";
+
+inline bool is_journal_name(const MDB_val &name)
+{
+    return name.mv_size == sizeof journal_name - 1 &&
+           memcmp(name.mv_data, journal_name, name.mv_size) == 0;
 }
 
 // Where the records of a database are.

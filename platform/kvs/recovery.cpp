@@ -2,6 +2,7 @@
 
 #include "platform/base/interruption.h"
 #include "platform/base/mutex.h"
+#include "platform/kvs/change_commit.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment.h"
 
@@ -20,6 +21,12 @@ namespace {
     return error != 0 ? log_engine_error("clearing the reader table", error) : 0;
 }
 
+[[nodiscard]] int finish_under_exclusive_access(store &store)
+{
+    const exclusive_access access(store);
+    return finish_interrupted_commits(store);
+}
+
 [[nodiscard]] uint32_t recover(store &store, thread_context &thread, int error, uint64_t epoch)
 {
     if (error == MDB_READERS_FULL)
@@ -31,6 +38,8 @@ namespace {
         error = reopen_environment(store);
     else if (error == MDB_MAP_RESIZED)
         error = enlarge_map(store, 0);
+    else if (error == interrupted_commit)
+        error = finish_under_exclusive_access(store);
     else if (error == MDB_MAP_FULL)
         error = double_map(store);
     return error != 0 ? log_engine_error("using the store", error) : 0;

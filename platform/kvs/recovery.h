@@ -1,23 +1,11 @@
 // Attempts at working in a store's environment, and recovery from failed ones.
 #pragma once
 
+#include "platform/kvs/attempt.h"
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/threads.h"
 
 namespace platform {
-
-// The result of an attempt: a status to return, or the engine's error that prevented one.
-struct attempt {
-    uint32_t status;
-    int engine_error;
-
-    [[nodiscard]] bool is_good() const { return status == 0 && engine_error == 0; }
-};
-
-[[nodiscard]] constexpr attempt with_status(uint32_t status) { return {status, 0}; }
-
-// An `error` of 0 is success.
-[[nodiscard]] constexpr attempt with_engine_error(int error) { return {0, error}; }
 
 // Removes the cause of a failed attempt, or finds that another thread has; of other processes that
 // write, waits a while. Returns 0 if the attempt is to be made again, or the status to return.

@@ -18,33 +18,37 @@
 // An attempt that fails for lack of room, or because of a useless environment, is undone; the store
 // is recovered, and the attempt made again.
 //
-// The order of the locks: binding, writer, environment, threads, stores.
+// The order of the locks: binding, writer, environment, threads, stores; the mutex of a queue is
+// the last.
 //
 // The files of this directory, from the lowest up; each includes only files of lower lines:
 //
-//    record  engine_status  environment_info  file_layout  user_marks  file_lock
-//    record_value  record_cache  open_files
-//    engine_transactions
+//    record  attempt  store_limits  engine_status  environment_info  file_layout  user_marks
+//    file_lock
+//    record_value  record_cache  open_files  journal_entry
+//    engine_transactions  write_transaction
 //    page
-//    key_order
+//    key_order  journal
 //    page_walk
 //    data_file
-//    store_file  damaged_file
+//    store_file  damaged_file  commit_wait
 //    salvage
 //    store
+//    change_commit
 //    threads  arguments
 //    call_context  environment
 //    recovery
 //    files_check
 //    binding  batch
-//    read_transaction  write_transaction
+//    write_queue  read_transaction  journal_reader
 //    kvs  salvage_call
 #pragma once
 
 #include "platform/kvs/data_file.h"
 #include "platform/kvs/engine_transactions.h"
-#include "platform/kvs/record_value.h"
+#include "platform/kvs/journal.h"
 #include "platform/kvs/store_file.h"
+#include "platform/kvs/write_transaction.h"
 
 #include <atomic>
 #include <pthread.h>
@@ -53,11 +57,25 @@
 namespace platform {
 
 constexpr unsigned store_limit = 8;
-constexpr unsigned name_limit = 64;
 
-struct database {
-    record_tree tree;
-    char name[name_limit + 1] = {};
+// The journal of a store, and the changes that the next entry is made of. Guarded by the writer
+// mutex, but for the area, which only the environment's replacement changes.
+struct store_journal {
+    journal_area area;
+    journal_end end;
+    change_author author = {};
+    entry_builder changes;
+    // Of a commit that failed, if its entry could not be removed yet; else 0.
+    uint64_t failed_commit = 0;
+};
+
+// The changes that wait for a commit; see write_queue.h.
+struct write_request;
+struct write_queue {
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    write_request *first = nullptr;
+    write_request *last = nullptr;
+    bool has_leader = false; // a thread that will take all requests
 };
 
 struct store {
@@ -70,7 +88,9 @@ struct store {
     pthread_mutex_t binding_mutex = PTHREAD_MUTEX_INITIALIZER; // held while a database is opened
     std::atomic<unsigned> database_count{0};
     database databases[database_limit];
-    uint64_t batch_scale = 1;           // of the room that a batch gets
+    uint64_t batch_scale = 1; // of the room that a batch gets
+    store_journal journal;
+    write_queue queue;
     open_files files;                   // of the environment
     std::atomic<int64_t> next_check{0}; // of the files by readers, in milliseconds
     // Mapped apart from the environment, so that they can be read without entering the store. The

@@ -8,14 +8,19 @@
 // a hole in it would raise SIGBUS.
 #include "platform/kvs/store_file.h"
 
+#include "platform/base/number.h"
 #include "platform/kvs/data_file.h"
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/file_lock.h"
+#include "platform/kvs/journal.h"
+#include "platform/kvs/store_limits.h"
 #include "platform/kvs/user_marks.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -90,13 +95,24 @@ constexpr size_t first_map_size = 4 * 1024 * 1024;
     return 0;
 }
 
+uint64_t journal_size_from_environment()
+{
+    const char *const text = secure_getenv("VS_JOURNAL_SIZE");
+    const uint64_t size =
+        text == nullptr ? default_journal_size : parse_bytes(text).value_or(default_journal_size);
+    return std::clamp(size, least_journal_size, largest_journal_size) / 8 * 8;
+}
+
 [[nodiscard]] int write_new_data_file(int dir)
 {
     MDB_env *environment = nullptr;
     int error = make_environment(dir, unfinished_name, MDB_NOLOCK, &environment);
     if (error != 0)
         return error;
-    error = write_format(environment);
+    const uint64_t journal_size = journal_size_from_environment();
+    error = mdb_env_set_mapsize(environment, first_map_size + journal_size);
+    if (error == 0)
+        error = write_first_entries(environment, journal_size);
     if (error == 0)
         error = mdb_env_sync(environment, 1);
     mdb_env_close(environment);

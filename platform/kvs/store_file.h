@@ -8,9 +8,6 @@
 
 namespace platform {
 
-// The number of named databases that one store holds.
-constexpr unsigned database_limit = 16;
-
 // Opens the data file in the directory `dir` for reading without the engine. Returns 0 or an error
 // number: ENOENT if there is none, ELOOP if it is not a regular file.
 [[nodiscard]] int open_data_file(int dir, descriptor *file);

@@ -6,6 +6,7 @@
 #include "platform/kvs/threads.h"
 
 #include "platform/base/mutex.h"
+#include "platform/kvs/change_commit.h"
 #include "platform/kvs/engine_transactions.h"
 
 #include <ctime>
@@ -77,6 +78,8 @@ void reset_in_child()
         stores[i].turn = {};
         pthread_mutex_init(&stores[i].environment_mutex, nullptr);
         pthread_mutex_init(&stores[i].binding_mutex, nullptr);
+        stores[i].journal = {};
+        stores[i].queue = {};
     }
     pthread_mutex_init(&reader_table_mutex, nullptr);
     threads = cached_context;
@@ -186,7 +189,7 @@ void abort_open_batch(thread_context &thread)
 {
     if (thread.open_batch.store == nullptr)
         return;
-    abort_write(thread.open_batch.store->environment, thread.open_batch.txn);
+    abort_change(*thread.open_batch.store, thread.open_batch.txn);
     release_batch(thread);
 }
 

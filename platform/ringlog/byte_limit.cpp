@@ -11,8 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <optional>
-#include <string_view>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -23,22 +21,10 @@ constexpr char lock_name[] = ".lock";
 constexpr uint64_t default_limit = UINT64_C(64) << 20;
 constexpr off_t block_size = 512; // the unit of st_blocks
 
-// A number of bytes, or with K, M or G behind it of units of 1024, 1024^2 or 1024^3.
 uint64_t limit_from_environment()
 {
     const char *const text = secure_getenv("VS_RINGLOG_LIMIT");
-    if (text == nullptr)
-        return default_limit;
-    std::string_view digits = text;
-    const size_t unit =
-        digits.empty() ? std::string_view::npos : std::string_view("KMG").find(digits.back());
-    unsigned shift = 0;
-    if (unit != std::string_view::npos) {
-        shift = 10 * (static_cast<unsigned>(unit) + 1);
-        digits.remove_suffix(1);
-    }
-    const std::optional<uint32_t> number = parse_number(digits, 10);
-    return number ? uint64_t{*number} << shift : default_limit;
+    return text == nullptr ? default_limit : parse_bytes(text).value_or(default_limit);
 }
 
 struct unused_buffer {

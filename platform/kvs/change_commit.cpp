@@ -1,0 +1,222 @@
+#include "platform/kvs/change_commit.h"
+
+#include "jobctl.h"
+#include "platform/base/clock.h"
+#include "platform/kvs/commit_wait.h"
+#include "platform/kvs/engine_status.h"
+#include "platform/kvs/engine_transactions.h"
+#include "platform/kvs/environment_info.h"
+
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
+
+namespace platform {
+namespace {
+
+[[nodiscard]] int find_area(store &store, const environment_info &info)
+{
+    MDB_txn *snapshot = nullptr;
+    int error = begin_read(store.environment, &snapshot);
+    if (error != 0)
+        return error;
+    error = find_journal(snapshot, info, &store.journal.area);
+    mdb_txn_abort(snapshot);
+    return error;
+}
+
+change_author this_process()
+{
+    change_author author{};
+    uint32_t job = 0;
+    if (jobctl_get_job_id(&job) == 0)
+        author.job = job;
+    author.pid = static_cast<uint32_t>(getpid());
+    author.user = getuid();
+    strncpy(author.process, program_invocation_short_name, sizeof author.process - 1);
+    return author;
+}
+
+void set_header_flush(MDB_env *environment, bool on)
+{
+    static_cast<void>(mdb_env_set_flags(environment, MDB_NOMETASYNC, on ? 0 : 1));
+}
+
+[[nodiscard]] int commit(store &store, MDB_txn *txn, bool flush_header)
+{
+    const size_t transaction = mdb_txn_id(txn);
+    set_header_flush(store.environment, flush_header);
+    const int error = cause_of_failed_write(store.environment, mdb_txn_commit(txn));
+    if (error == 0)
+        wake_waiting_readers(store.commit_numbers(), transaction);
+    return error;
+}
+
+// Finds whether the journal has commits that the engine does not have.
+[[nodiscard]] int check_interrupted(store &store, int fd, uint64_t last_commit)
+{
+    store_journal &journal = store.journal;
+    if (const int error = find_end(fd, journal.area, last_commit, &journal.end); error != 0)
+        return error;
+    return journal.end.last_transaction > last_commit ? interrupted_commit : 0;
+}
+
+[[nodiscard]] int apply_entry(MDB_txn *txn, const unsigned char *entry)
+{
+    entry_header header;
+    memcpy(&header, entry, sizeof header);
+    size_t offset = sizeof header;
+    for (uint32_t left = header.change_count; left != 0; --left) {
+        journal_change change;
+        if (!next_change(entry, &offset, &change))
+            return MDB_CORRUPTED;
+        if (const int error = apply_change(txn, change); error != 0)
+            return error;
+    }
+    return 0;
+}
+
+[[nodiscard]] int find_entry(const journal_area &area, const unsigned char *ring, uint64_t commit,
+                             uint64_t *found, entry_header *header)
+{
+    *found = 0;
+    for_each_entry(area, ring, [&](uint64_t offset, const entry_header &entry) {
+        if (entry.transaction != commit)
+            return;
+        *found = offset;
+        *header = entry;
+    });
+    return *found != 0 ? 0 : MDB_CORRUPTED;
+}
+
+[[nodiscard]] int strike(store_journal &journal, int fd, uint64_t offset, uint64_t commit)
+{
+    journal.end = {};
+    const int error = strike_entry(fd, journal.area, offset);
+    journal.failed_commit = error != 0 ? commit : 0;
+    return error;
+}
+
+// Finishes the commit that the transaction is the second attempt at, or removes its entry if the
+// commit had failed, or if the entry is a summary, which says too little: that commit was never
+// acknowledged, since its header is missing. Ends the transaction.
+[[nodiscard]] int finish_commit(store &store, int fd, MDB_txn *txn)
+{
+    store_journal &journal = store.journal;
+    const size_t commit_number = mdb_txn_id(txn);
+    block<unsigned char> ring;
+    uint64_t offset = 0;
+    entry_header header{};
+    int error = copy_ring(fd, journal.area, &ring);
+    if (error == 0)
+        error = find_entry(journal.area, ring.get(), commit_number, &offset, &header);
+    const bool is_void = header.is_summary != 0 || journal.failed_commit == commit_number;
+    if (error == 0 && !is_void)
+        error = apply_entry(txn, ring.get() + offset);
+    if (error == 0 && !is_void)
+        return commit(store, txn, false);
+    mdb_txn_abort(txn);
+    return error != 0 ? error : strike(journal, fd, offset, commit_number);
+}
+
+// Finishes one commit, under the writers' lock. Returns interrupted_commit if there may be another.
+[[nodiscard]] int finish_next_commit(store &store)
+{
+    environment_info info;
+    MDB_txn *txn = nullptr;
+    if (const int error = get_environment_info(store.environment, &info); error != 0)
+        return error;
+    int error = begin_write_at_once(store.environment, &txn);
+    if (error != 0)
+        return error;
+    error = check_interrupted(store, info.fd, mdb_txn_id(txn) - 1);
+    if (error != interrupted_commit)
+        mdb_txn_abort(txn);
+    else if ((error = finish_commit(store, info.fd, txn)) == 0)
+        error = interrupted_commit;
+    release_writer_lock(store.environment);
+    return error;
+}
+
+} // namespace
+
+int finish_interrupted_commits(store &store)
+{
+    int error = interrupted_commit;
+    while (error == interrupted_commit)
+        error = finish_next_commit(store);
+    return error == writer_is_busy ? 0 : error;
+}
+
+int open_journal(store &store)
+{
+    environment_info info;
+    store.journal.end = {};
+    store.journal.author = this_process();
+    int error = get_environment_info(store.environment, &info);
+    if (error == 0)
+        error = find_area(store, info);
+    if (error == 0)
+        error = check_interrupted(store, info.fd, info.last_commit);
+    if (error == interrupted_commit)
+        error = finish_interrupted_commits(store);
+    // Without the lock, the entry of a commit that fails may have been seen.
+    store.journal.end = {};
+    return error;
+}
+
+int begin_change(store &store, MDB_txn **txn)
+{
+    environment_info info;
+    int error = get_environment_info(store.environment, &info);
+    if (error == 0)
+        error = begin_write(store.environment, store.turn, txn);
+    if (error != 0)
+        return error;
+    store.journal.changes.reset(store.journal.area.longest_entry());
+    error = check_interrupted(store, info.fd, mdb_txn_id(*txn) - 1);
+    if (error != 0)
+        abort_change(store, *txn);
+    return error;
+}
+
+int commit_change(store &store, MDB_txn *txn)
+{
+    store_journal &journal = store.journal;
+    if (journal.changes.is_empty()) {
+        abort_change(store, txn);
+        return 0;
+    }
+    environment_info info;
+    unsigned char *const entry = journal.changes.finish();
+    int error = entry == nullptr ? ENOMEM : get_environment_info(store.environment, &info);
+    if (error == 0)
+        error = append_entry(info.fd, journal.area,
+                             {mdb_txn_id(txn), clock_ns(CLOCK_REALTIME), journal.author}, entry,
+                             &journal.end);
+    if (error != 0) {
+        abort_change(store, txn);
+        return error;
+    }
+    const size_t number = mdb_txn_id(txn);
+    error = commit(store, txn, journal.changes.is_summary());
+    if (error != 0)
+        static_cast<void>(strike(journal, info.fd, journal.end.last_offset, number));
+    release_writer_lock(store.environment);
+    return error;
+}
+
+int commit_unrecorded(store &store, MDB_txn *txn)
+{
+    const int error = commit(store, txn, true);
+    release_writer_lock(store.environment);
+    return error;
+}
+
+void abort_change(store &store, MDB_txn *txn)
+{
+    mdb_txn_abort(txn);
+    release_writer_lock(store.environment);
+}
+
+} // namespace platform

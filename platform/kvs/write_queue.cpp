@@ -1,0 +1,152 @@
+#include "platform/kvs/write_queue.h"
+
+#include "platform/base/mutex.h"
+#include "platform/kvs/change_commit.h"
+
+#include <semaphore.h>
+
+namespace platform {
+
+// Lives on the stack of the thread that waits for it.
+struct write_request {
+    const database &in;
+    const change_maker &maker;
+    uint32_t status = 0;
+    bool is_leader = false; // woken to commit, and not because the request is done
+    sem_t wake = {};
+    write_request *next = nullptr;
+};
+
+namespace {
+
+// Adds a request. Returns whether its thread is to commit.
+[[nodiscard]] bool enqueue(write_queue &queue, write_request &request)
+{
+    const scoped_lock lock(queue.mutex);
+    (queue.last != nullptr ? queue.last->next : queue.first) = &request;
+    queue.last = &request;
+    const bool leads = !queue.has_leader;
+    queue.has_leader = true;
+    return leads;
+}
+
+[[nodiscard]] write_request *take_all(write_queue &queue)
+{
+    const scoped_lock lock(queue.mutex);
+    write_request *const first = queue.first;
+    queue.first = queue.last = nullptr;
+    return first;
+}
+
+void appoint_next_leader(write_queue &queue)
+{
+    const scoped_lock lock(queue.mutex);
+    queue.has_leader = queue.first != nullptr;
+    if (queue.has_leader) {
+        queue.first->is_leader = true;
+        sem_post(&queue.first->wake);
+    }
+}
+
+[[nodiscard]] attempt make_changes(store &store, MDB_txn *txn, write_request *group)
+{
+    for (write_request *each = group; each != nullptr; each = each->next) {
+        const attempt result = each->maker.make(
+            each->maker.work, write_transaction(txn, each->in, store.journal.changes));
+        if (result.engine_error != 0)
+            return result;
+        each->status = result.status;
+    }
+    return with_status(0);
+}
+
+// One attempt to make and commit the changes of a group, which is taken from the queue if there is
+// none yet: as late as possible.
+[[nodiscard]] attempt write_group(store &store, write_request **group)
+{
+    MDB_txn *txn = nullptr;
+    if (const int error = begin_change(store, &txn); error != 0)
+        return with_engine_error(error);
+    if (*group == nullptr)
+        *group = take_all(store.queue);
+    if (const attempt result = make_changes(store, txn, *group); !result.is_good()) {
+        abort_change(store, txn);
+        return result;
+    }
+    return with_engine_error(commit_change(store, txn));
+}
+
+// Returns the status of a group that could not be written.
+[[nodiscard]] uint32_t write_until_status(store &store, thread_context &thread,
+                                          write_request **group)
+{
+    return attempt_until_status(store, thread, recover_as_writer,
+                                [&] { return write_group(store, group); });
+}
+
+// One that fails takes nothing with it: each is written on its own then.
+void write_singly(store &store, thread_context &thread, write_request *group)
+{
+    while (group != nullptr) {
+        write_request *const one = group;
+        write_request *const rest = one->next;
+        one->next = nullptr;
+        write_request *alone = one;
+        if (const uint32_t status = write_until_status(store, thread, &alone); status != 0)
+            one->status = status;
+        one->next = rest;
+        group = rest;
+    }
+}
+
+[[nodiscard]] write_request *write_waiting(store &store, thread_context &thread)
+{
+    const scoped_lock writing(store.writer_mutex);
+    write_request *group = nullptr;
+    const uint32_t status = write_until_status(store, thread, &group);
+    if (group == nullptr)
+        group = take_all(store.queue);
+    if (status != 0 && group->next == nullptr)
+        group->status = status;
+    else if (status != 0)
+        write_singly(store, thread, group);
+    return group;
+}
+
+// A request is gone as soon as its thread is woken.
+void wake_others(write_request *group, const write_request &own)
+{
+    while (group != nullptr) {
+        write_request *const next = group->next;
+        if (group != &own)
+            sem_post(&group->wake);
+        group = next;
+    }
+}
+
+void wait_for_wake(sem_t &wake)
+{
+    while (sem_wait(&wake) != 0) {
+    }
+}
+
+} // namespace
+
+uint32_t write_in_turn(const call_context &call, const change_maker &maker)
+{
+    store &store = *call.store;
+    write_request request{*call.database, maker};
+    sem_init(&request.wake, 0, 0);
+    request.is_leader = enqueue(store.queue, request);
+    if (!request.is_leader)
+        wait_for_wake(request.wake);
+    if (request.is_leader) {
+        write_request *const group = write_waiting(store, *call.thread);
+        appoint_next_leader(store.queue);
+        wake_others(group, request);
+    }
+    sem_destroy(&request.wake);
+    return request.status;
+}
+
+} // namespace platform
