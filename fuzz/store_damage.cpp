@@ -126,6 +126,7 @@ void make_store()
     kvs_hdl databases[3] = {};
     kvs_appdesc about;
     kvs_appdesc_init(&about);
+    setenv("VS_JOURNAL_SIZE", "64K", 1); // so that most of the damage meets records
     for (size_t i = 0; i < std::size(names); ++i)
         need(kvs_init(names[i], &about, 0, &databases[i]) == 0, "making a store");
     kvs_batch_begin(databases[0]);

@@ -324,6 +324,7 @@ class Tool(unittest.TestCase):
         pick = random.Random(3)
         records = ('{"vs_object_id": %d, "selected_version": 0, "supp_versions": %s}\n' %
                    (i, [0] * (i % 50)) for i in range(1, 2001))
+        self.environment["VS_JOURNAL_SIZE"] = "64K"  # most of the damage is to meet records
         self.expect("init")
         self.expect("object", "import", "-", text="".join(records))
         ever = set(self.expect("dump").splitlines())
