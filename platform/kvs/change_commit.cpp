@@ -1,11 +1,10 @@
 #include "platform/kvs/change_commit.h"
 
+#include "jobctl.h"
 #include "platform/base/clock.h"
 #include "platform/kvs/commit_wait.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment_info.h"
-
-#include "jobctl.h"
 
 #include <cerrno>
 #include <cstring>

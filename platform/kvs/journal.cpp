@@ -43,7 +43,8 @@ bool is_plausible(const journal_area &area, uint64_t offset, const entry_header 
     return static_cast<size_t>(written) == length ? 0 : EIO;
 }
 
-// Reads the entry at an offset of the ring; MDB_NOTFOUND if there is none with this sequence number.
+// Reads the entry at an offset of the ring; MDB_NOTFOUND if there is none with this sequence
+// number.
 [[nodiscard]] int read_entry(int fd, const journal_area &area, uint64_t offset, uint64_t sequence,
                              block<unsigned char> *entry)
 {
@@ -168,8 +169,8 @@ int find_end(int fd, const journal_area &area, uint64_t last_commit, journal_end
     return search(fd, area, end);
 }
 
-int append_entry(int fd, const journal_area &area, const entry_origin &origin,
-                 unsigned char *entry, journal_end *end)
+int append_entry(int fd, const journal_area &area, const entry_origin &origin, unsigned char *entry,
+                 journal_end *end)
 {
     entry_header header;
     memcpy(&header, entry, sizeof header);

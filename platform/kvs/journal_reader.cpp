@@ -88,10 +88,11 @@ void skip_changes(kvs_journal *journal)
 {
     const entry_header header = header_of(journal->entry);
     journal_change change;
-    for (uint64_t i = header.sequence; i < journal->next_sequence && journal->changes_left != 0; ++i)
-        journal->changes_left =
-            next_change(journal->entry.get(), &journal->offset, &change) ? journal->changes_left - 1
-                                                                         : 0;
+    for (uint64_t i = header.sequence; i < journal->next_sequence && journal->changes_left != 0;
+         ++i)
+        journal->changes_left = next_change(journal->entry.get(), &journal->offset, &change)
+                                    ? journal->changes_left - 1
+                                    : 0;
 }
 
 // Moves the reader behind all entries.
@@ -144,9 +145,9 @@ uint32_t fetch_entry(kvs_journal *journal)
     const uint64_t last = last_commit(call.store->commit_numbers());
     if (last == journal->searched_commit)
         return KVS_RC_NO_CHANGE;
-    const uint32_t status =
-        attempt_until_status(*call.store, *call.thread, recover_as_reader,
-                             [&] { return attempt_fetch(*call.store, last, journal); });
+    const uint32_t status = attempt_until_status(*call.store, *call.thread, recover_as_reader, [&] {
+        return attempt_fetch(*call.store, last, journal);
+    });
     if (status == 0)
         skip_changes(journal);
     return status;
@@ -194,8 +195,8 @@ bool take_change(kvs_journal *journal, kvs_change *change)
     change->db_name_p = journal->db_name;
     change->kind = static_cast<uint32_t>(found.header.kind);
     change->handle = found.header.handle;
-    change->last_handle = found.header.kind == change_kind::summary ? found.header.last
-                                                                    : found.header.handle;
+    change->last_handle =
+        found.header.kind == change_kind::summary ? found.header.last : found.header.handle;
     change->count = found.header.count;
     change->old_p = found.old_bytes;
     change->old_length = found.header.old_length;
