@@ -27,7 +27,12 @@ struct arguments {
     std::vector<std::string> buffers;
     std::optional<uint32_t> job;
     std::string operation;
-    int64_t since = INT64_MIN; // ns since the epoch
+    std::optional<uint32_t> object;
+    std::optional<uint32_t> registration;
+    std::optional<uint32_t> limit; // of the changes that are printed
+    int64_t since = INT64_MIN;     // ns since the epoch
+    int64_t until = INT64_MAX;
+    bool reverse = false;
     bool follow = false;
     bool as_json = false;
 };
@@ -77,10 +82,12 @@ void import_objects(const arguments &given);
 void dump(const arguments &given);
 void restore(const arguments &given);
 
-// ---- on the whole (check.cpp, trace.cpp, status.cpp) ----
+// ---- on the whole (check.cpp, trace.cpp, log.cpp, status.cpp) ----
 
 void check(const arguments &given);
 void trace(const arguments &given);
+void log(const arguments &given);
+void watch(const arguments &given);
 void status(const arguments &given);
 
 } // namespace vskvs
