@@ -186,8 +186,10 @@ class Tool(unittest.TestCase):
 
     def start(self, *arguments, **options):
         pipes = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.PIPE)
-        return subprocess.Popen([TOOL, *arguments], env=self.environment, text=True,
-                                errors="surrogateescape", **{**pipes, **options})
+        process = subprocess.Popen([TOOL, *arguments], env=self.environment, text=True,
+                                   errors="surrogateescape", **{**pipes, **options})
+        self.addCleanup(process.kill)
+        return process
 
     def run_tool(self, *arguments, text="", **options):
         process = self.start(*arguments, **options)
