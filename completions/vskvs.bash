@@ -26,9 +26,11 @@ _vskvs()
         ["client show"]="--json" ["client list"]="--json"
         ["registration show"]="--json" ["registration list"]="--json"
         [trace]="--follow --job --operation --since --json"
+        [log]="--job --registration --since --until -n --reverse --follow --json"
+        [watch]="--job --registration -n --json"
         [status]="--json" [check]="--json" [dump]="--salvage"
     )
-    local nouns="init object client registration trace status check dump restore"
+    local nouns="init object client registration trace log watch status check dump restore"
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
     local command="" i offers=""
     COMPREPLY=()
@@ -60,7 +62,7 @@ _vskvs()
         return
         ;;
     --select | --versions | --optional-compatible | --scope | --changed | --jid | --pid | --data | \
-        --operation | --since)
+        --operation | --since | --until | --registration | -n)
         return
         ;;
     esac

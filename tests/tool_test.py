@@ -10,7 +10,9 @@ import os
 import random
 import re
 import resource
+import select
 import signal
+import struct
 import subprocess
 import sys
 import tempfile
@@ -26,8 +28,10 @@ ENVIRONMENT.update(NO_COLOR="1", TZ="UTC")
 
 # What differs from run to run, and what stands for it.
 VARYING = [
-    (r"\d{4}-\d\d-\d\d[ T]\d\d:\d\d:\d\d\.\d+([+]0000)?", "TIME"), (r"vskvs\[\d+\]", "vskvs[PID]"),
-    (r'"(pid|tid)":\d{2,}(?=,"(tid|buffer)")', r'"\1":0'), (r"not JSON: .*", "not JSON: WHY")]
+    (r"\d{4}-\d\d-\d\d[ T]\d\d:\d\d:\d\d\.\d+([+]0000|Z)?", "TIME"), (r"vskvs\[\d+\]", "vskvs[PID]"),
+    (r'"(pid|tid)":\d{2,}(?=,"(tid|buffer|job)")', r'"\1":0'), (r"not JSON: .*", "not JSON: WHY"),
+    (r"(vskvs\[PID\]) user \S+", r"\1 user USER"), (r'"uid":\d+,"user":"[^"]*"', '"uid":0,"user":"USER"'),
+    (r'"transaction":\d+', '"transaction":0')]
 
 # What must be refused, with the exit status and a part of the message.
 REFUSED = [
@@ -38,6 +42,9 @@ REFUSED = [
     ("client add 1 --jid 1 --pid 1 --data 123", 2, "hex"),
     ("client add 1 --jid 1 --pid 1 --data " + "00" * 13, 2, "hex"),
     ("client add 1 --jid 1", 2, "--pid"), ("trace --since yesterday", 2, "not a time"),
+    *[("log --until " + time, 2, "not a time")
+      for time in ("2026-11-22T22:00:00.5Zulu", "2026-11-22T22:00:00.", "9999-01-01T00:00:00Z")],
+    ("log 1 --registration 1", 2, "excludes"), ("log --follow --reverse", 2, "excludes"),
     ("trace --since 9999999999", 2, "not a time"), ("trace --since 1e9d", 2, "not a time"),
     ("status 99999999999", 2, "number"), ("--state-dir= object list", 2, "subcommand"),
     ("object import /nonexistent", 1, "No such file"), ("restore /nonexistent", 1, "No such file"),
@@ -117,6 +124,56 @@ assert lib.kvs_batch_begin(hdl) == 0
 os.kill(os.getpid(), 19)
 """
 
+# The journal in the store's file: its salt and size, and an entry of one transaction.
+JOURNAL_SIZE = 65536
+JOURNAL_HEADER = struct.Struct("<QQII")
+ENTRY_HEADER = struct.Struct("<IIQQQIIIIQ32s")
+CHANGE_HEADER = struct.Struct("<IBBHQQQIIII")
+
+
+def crc32c(data):
+    crc = 0xffffffff
+    for byte in data:
+        crc ^= byte
+        for _ in range(8):
+            crc = crc >> 1 ^ (0x82f63b78 if crc & 1 else 0)
+    return crc ^ 0xffffffff
+
+
+def object_bytes(key, selected, count, kept):
+    return struct.pack("<6I", key, selected, 0, 0, 1, count) + bytes(4 * kept)
+
+
+def change_bytes(kind, name, key, old, new, old_length=None, count=1, last=0):
+    length = CHANGE_HEADER.size + len(name) + len(old) + len(new)
+    old_length = len(old) if old_length is None else old_length
+    return (CHANGE_HEADER.pack(length + -length % 8, kind, len(name), 0, key, last, count,
+                               old_length, len(old), len(new), 0) +
+            name + old + new + bytes(-length % 8))
+
+
+# Changes that no library made, and the texts they are shown with.
+FORGED = [
+    (change_bytes(2, b"vs_objects", 1, object_bytes(1, 5, 2000, 1018),
+                  object_bytes(1, 6, 1, 0) + b"\1\0\0\0", 8024),
+     "object 0x1: selected_version 5 -> 6, supp_count 2000 -> 1, " +
+     f"supp_version {', '.join(['0'] * 32)} and 986 more removed" +
+     " (of the old record 4096 of 8024 bytes are kept)"),
+    (change_bytes(3, b"vs_objects", 1, b"", b"", 99), "object 0x1 deleted, it was: 99 bytes " +
+     "(of the old record 0 of 99 bytes are kept)"),
+    (change_bytes(1, b"vs_objects", 2, b"", object_bytes(1, 5, 0, 0)),
+     "object 0x2 added: 24 bytes 010000000500000000000000000000000100000000000000"),
+    (change_bytes(1, b"vs_objects", 1, b"", object_bytes(1, 5, 0xffffffff, 1)),
+     "object 0x1 added: 28 bytes 01000000050000000000000000000000" + "01000000ffffffff00000000"),
+    (change_bytes(2, b"vs_clients_info", 3, struct.pack("<3I", 3, 1, 7), b"x" * 70),
+     "clients of object 0x3: 12 bytes 030000000100000007000000 -> 70 bytes " + "78" * 64 + "..."),
+    (change_bytes(9, HOSTILE, 1 << 32, b"", b"\0"), None),
+    (change_bytes(4, b"none", 0, b"", b"", count=2**64 - 1, last=2**64 - 1),
+     "none: 18446744073709551615 changes in one batch, first of record 0x0, last of record 0xffffffff"),
+    (change_bytes(2, b"vs_clientobjectsreg", 3, struct.pack("<4I", 3, 2, 1, 2),
+                  struct.pack("<4I", 3, 2, 2, 1)), "registration of job 3: another order of vs_array"),
+]
+
 
 def limit_descriptors(count):
     return lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (count, count))
@@ -137,8 +194,10 @@ class Tool(unittest.TestCase):
 
     def start(self, *arguments, **options):
         pipes = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.PIPE)
-        return subprocess.Popen([TOOL, *arguments], env=self.environment, text=True,
-                                errors="surrogateescape", **{**pipes, **options})
+        process = subprocess.Popen([TOOL, *arguments], env=self.environment, text=True,
+                                   errors="surrogateescape", **{**pipes, **options})
+        self.addCleanup(process.kill)
+        return process
 
     def run_tool(self, *arguments, text="", **options):
         process = self.start(*arguments, **options)
@@ -268,6 +327,130 @@ class Tool(unittest.TestCase):
         self.assertIn("vskvs check", self.run_tool("object", "list")[2])
         self.assertRegex(self.run_tool("check", "--json")[1],
                          r'"finding": "record-length",\s*"database": "vs_objects",\s*.*: 5,')
+
+    def select_often(self, times, count=50):
+        line = '{{"vs_object_id": {}, "selected_version": {}}}\n'
+        for version in range(times):
+            self.expect("object", "import", "--update", "-",
+                        text="".join(line.format(i + 1, version) for i in range(count)))
+
+    def import_objects(self, count):
+        line = '{{"vs_object_id": {}, "selected_version": 99, "supp_versions": []}}\n'
+        self.expect("object", "import", "-",
+                    text="".join(line.format(i + 1) for i in range(count)))
+
+    def test_log_says_what_is_gone(self):
+        self.environment["VS_JOURNAL_SIZE"] = "64K"
+        # More than the journal takes in one piece.
+        self.import_objects(300)
+        summary = json.loads(self.expect("log", "--json", "7").splitlines()[0])
+        self.assertEqual((summary["kind"], summary["count"], summary["key"], summary["last_key"]),
+                         ("summary", 300, 1, 300))
+        self.select_often(20)
+        *changes, end = map(json.loads, self.expect("log", "--json").splitlines())
+        numbers = [change["sequence"] for change in changes]
+        gone = numbers[-1] - numbers[0] + 1 - len(numbers)
+        self.assertEqual(end, {"gap": {"first": numbers[0], "last": 1001,
+                                       "gone_before": numbers[0] - 1, "gone_between": gone}})
+        self.assertGreater(numbers[0], 1)
+        for change in changes:
+            self.assertEqual(change["old"]["selected_version"],
+                             (change["sequence"] - 52) // 50 if change["sequence"] > 51 else 99)
+        self.assertRegex(self.run_tool("log", "-n", "0")[2],
+                         f"^vskvs: changes {numbers[0]} to 1001, since .*Z; "
+                         f"{numbers[0] - 1} before them are gone")
+        # The times that are printed are taken.
+        times = [line.split()[0] for line in self.expect("log").splitlines()]
+        for first, last in [(times[0], times[-1]), (changes[0]["time"], changes[-1]["time"]),
+                            (times[0], times[0]), (times[-1][:-1] + "+0000", times[-1])]:
+            chosen = [line.split()[0] for line in
+                      self.expect("log", "--since", first, "--until", last).splitlines()]
+            self.assertEqual(chosen, [time for time in times
+                                      if first[:26] <= time[:26] <= last[:26]])
+        # One that follows too slowly says what it missed.
+        follower = self.start("log", "--follow", "--json", "-n", "0")
+        self.assertEqual(json.loads(follower.stdout.readline()), end)
+        follower.send_signal(signal.SIGSTOP)
+        self.select_often(15)
+        follower.send_signal(signal.SIGCONT)
+        gap = json.loads(follower.stdout.readline())["gap"]
+        self.assertEqual((gap["first"], gap["first"] + gap["gone_between"] + 1, gap["gone_before"]),
+                         (1001, json.loads(follower.stdout.readline())["sequence"], 0))
+        follower.send_signal(signal.SIGINT)
+        follower.communicate()
+
+    def test_log_takes_a_journal_as_it_is(self):
+        self.environment["VS_JOURNAL_SIZE"] = "64K"
+        self.expect("object", "import", "-",
+                    text='{"vs_object_id": 1, "selected_version": 1, "supp_versions": []}')
+        store = open(self.state + "/store.mdb", "r+b")
+        self.addCleanup(store.close)
+        image = store.read()
+        places = [at for at in range(16, len(image) - JOURNAL_SIZE, 4096)
+                  if JOURNAL_HEADER.unpack_from(image, at)[1] == JOURNAL_SIZE]
+        self.assertEqual(len(places), 1)
+        offset = JOURNAL_HEADER.size
+        start = places[0] + offset
+        salt = image[places[0]:places[0] + 8]
+        _, _, sequence, transaction, *_ = ENTRY_HEADER.unpack_from(image, start)
+
+        def write_entry(changes, count, process=b"x", is_damaged=False):
+            body = ENTRY_HEADER.pack(0, ENTRY_HEADER.size + len(changes), sequence, transaction,
+                                     2**64 - 1, count, 0, 2**32 - 1, 2**32 - 1, 2**64 - 1,
+                                     process) + changes
+            checksum = crc32c(salt + struct.pack("<Q", offset) + body[4:]) ^ is_damaged
+            store.seek(start)
+            store.write(struct.pack("<I", checksum) + body[4:])
+            store.flush()
+
+        whole = b"".join(change for change, _ in FORGED)
+        write_entry(whole, len(FORGED), HOSTILE[:32])
+        *changes, _ = map(json.loads, self.expect("log", "--json").splitlines())
+        lines = self.expect("log").splitlines()
+        self.assertEqual((len(changes), len(lines)), (len(FORGED), len(FORGED)))
+        for change, line, (_, text) in zip(changes, lines, FORGED):
+            self.assertNotRegex(line, UNPRINTABLE)
+            if text is not None:
+                self.assertEqual(change["text"], text)
+                self.assertTrue(line.endswith("  " + text), line)
+        too_long = change_bytes(1, b"n" * 65, 1, b"", b"")
+        for unusable in [(whole, len(FORGED), b"x", True), (too_long + whole, 2)]:
+            write_entry(*unusable)
+            self.assertEqual(json.loads(self.expect("log", "--json"))["gap"]["last"], 0)
+        # Any bytes, with a right checksum.
+        pick = random.Random(3)
+        for _ in range(30):
+            forged = bytearray(whole[-1200:] if pick.random() < 0.5 else whole[:200])
+            for _ in range(pick.randrange(1, 20)):
+                forged[pick.randrange(len(forged))] = pick.choice([0, 1, 4, 48, 255])
+            write_entry(bytes(forged), pick.choice([1, 8, 2**32 - 1]), bytes([255]) * 32)
+            self.assertNotRegex(self.expect("log") + self.expect("log", "--json"), UNPRINTABLE)
+
+    def test_watch_sees_changes_of_others(self):
+        self.import_objects(2)
+        watcher = self.start("watch", "2", "--json", "-n", "1")
+        version = 0
+        # Until it has begun to watch there is nothing to see.
+        while not select.select([watcher.stdout], [], [], 0.05)[0] and version < 500:
+            version += 1
+            self.expect("object", "select", "1", str(version))
+            self.expect("object", "select", "2", str(version))
+        change = json.loads(watcher.communicate(timeout=60)[0])
+        self.assertEqual((change["key"], watcher.returncode), (2, 0))
+        self.assertIn(change["new"]["selected_version"], range(1, version + 1))
+        # Between two changes it sleeps, until it is interrupted or its reader is gone.
+        for end, status in [(lambda one: one.send_signal(signal.SIGINT), 0),
+                            (lambda one: one.stdout.close(), -signal.SIGPIPE)]:
+            follower = self.start("log", "--follow", "-n", "0")
+            self.assertIn("changes 1 to ", follower.stderr.readline())
+            for version in (1001, 1002):
+                self.expect("object", "select", "1", str(version))
+                self.assertIn(f"-> {version}\n", follower.stdout.readline())
+            end(follower)
+            self.assertEqual(follower.wait(timeout=60), status)
+            follower.stdin.close()
+            follower.stderr.close()
+            follower.stdout.close()
 
     def write_objects(self, count):
         path = self.folder + "/many"

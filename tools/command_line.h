@@ -28,6 +28,8 @@ public:
         add_objects();
         add_clients();
         add_registrations();
+        add_trace();
+        add_journal();
         add_whole_store();
     }
 
@@ -47,14 +49,6 @@ public:
 
 private:
     using action = void (*)(const arguments &);
-
-    static int64_t since_time(const std::string &text)
-    {
-        const std::optional<int64_t> time = parse_time(text);
-        if (!time)
-            throw CLI::ValidationError("--since", "not a time: " + text);
-        return *time;
-    }
 
     CLI::App *group(const char *name, const char *description)
     {
@@ -90,6 +84,28 @@ private:
     void json_flag(CLI::App *to)
     {
         to->add_flag("--json", given_.as_json, "Print JSON instead of text");
+    }
+
+    CLI::Option *optional_number(CLI::App *to, const char *name, std::optional<uint32_t> &into,
+                                 const char *description)
+    {
+        return to->add_option(name, into, description)
+            ->transform(as_number_)
+            ->type_name(name[0] == '-' ? "N" : "");
+    }
+
+    void time(CLI::App *to, const char *name, int64_t &into, const char *description)
+    {
+        to->add_option_function<std::string>(
+              name,
+              [name, &into](const std::string &text) {
+                  const std::optional<int64_t> time = parse_time(text);
+                  if (!time)
+                      throw CLI::ValidationError(name, "not a time: " + text);
+                  into = *time;
+              },
+              description)
+            ->type_name("TIME");
     }
 
     void file(CLI::App *to, const char *description)
@@ -192,29 +208,54 @@ private:
                                  "vskvs registration list");
     }
 
-    void add_whole_store()
+    void add_trace()
     {
         CLI::App *const view = leaf(app_, "trace", "Show the trace buffers of all processes", trace,
                                     "vskvs trace --since 10m --operation vs_kvs_db_init", false);
         view->add_option("BUFFER", given_.buffers, "Trace buffers (default all)")->type_name("");
         view->add_flag("--follow,-f", given_.follow, "Go on as records arrive, until interrupted");
-        view->add_option("--job", given_.job, "Only the buffers of this job")
-            ->transform(as_number_)
-            ->type_name("N")
+        optional_number(view, "--job", given_.job, "Only the buffers of this job")
             ->excludes("BUFFER");
         view->add_option("--operation", given_.operation, "Only records of this operation")
             ->type_name("NAME");
-        view->add_option_function<std::string>(
-                "--since", [this](const std::string &text) { given_.since = since_time(text); },
-                "Only records since TIME: 10m, 2h, \"2026-11-22 22:00:00\", or seconds since 1970")
-            ->type_name("TIME");
+        time(view, "--since", given_.since,
+             "Only records since TIME: 10m, 2h, \"2026-11-22 22:00:00\", or seconds since 1970");
         json_flag(view);
+    }
 
+    void add_filters(CLI::App *view, const char *limit_description)
+    {
+        optional_number(view, "ID", given_.object,
+                        "Only changes of this VS object and of its clients");
+        optional_number(view, "--job", given_.job, "Only changes that this job made");
+        optional_number(view, "--registration", given_.registration,
+                        "Only changes of this job's registration")
+            ->excludes("ID");
+        optional_number(view, "-n", given_.limit, limit_description);
+        json_flag(view);
+    }
+
+    void add_journal()
+    {
+        CLI::App *const history = leaf(
+            app_, "log", "Show the last changes of the store: when, by whom, from what to what",
+            log, "vskvs log 42 --since 10m", false);
+        add_filters(history, "Only the last N changes");
+        time(history, "--since", given_.since, "Only changes since TIME, as for trace");
+        time(history, "--until", given_.until, "Only changes up to TIME");
+        history->add_flag("--reverse", given_.reverse, "The last change first");
+        history->add_flag("--follow,-f", given_.follow, "Go on as changes come, until interrupted")
+            ->excludes("--reverse", "--until");
+        add_filters(leaf(app_, "watch", "Show changes of the store as they come", watch,
+                         "vskvs watch 42", false),
+                    "End after N changes");
+    }
+
+    void add_whole_store()
+    {
         CLI::App *const explain = leaf(app_, "status", "Explain a status code, or list them all",
                                        status, "vskvs status 0xC5322600", false);
-        explain->add_option("CODE", given_.code, "Status code")
-            ->transform(as_number_)
-            ->type_name("");
+        optional_number(explain, "CODE", given_.code, "Status code");
         json_flag(explain);
 
         json_flag(leaf(app_, "check", "Report what does not fit together in the three databases",

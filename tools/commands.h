@@ -28,7 +28,12 @@ struct arguments {
     std::vector<std::string> buffers;
     std::optional<uint32_t> job;
     std::string operation;
-    int64_t since = INT64_MIN; // ns since the epoch
+    std::optional<uint32_t> object;
+    std::optional<uint32_t> registration;
+    std::optional<uint32_t> limit; // of the changes that are printed
+    int64_t since = INT64_MIN;     // ns since the epoch
+    int64_t until = INT64_MAX;
+    bool reverse = false;
     bool follow = false;
     bool as_json = false;
 };
@@ -77,11 +82,13 @@ void add_to_registration(const arguments &given);
 void import_objects(const arguments &given);
 void restore(const arguments &given);
 
-// ---- on the whole (dump.cpp, check.cpp, trace.cpp, status.cpp) ----
+// ---- on the whole (dump.cpp, check.cpp, trace.cpp, log.cpp, status.cpp) ----
 
 void dump(const arguments &given);
 void check(const arguments &given);
 void trace(const arguments &given);
+void log(const arguments &given);
+void watch(const arguments &given);
 void status(const arguments &given);
 
 } // namespace vskvs

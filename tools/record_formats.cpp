@@ -28,12 +28,6 @@ std::span<const unsigned char> bytes_of(const vs_kvs::field &field,
     return {reinterpret_cast<const unsigned char *>(element.data()) + field.offset, field.length};
 }
 
-std::string field_text(const vs_kvs::field &field, std::span<const uint32_t> element)
-{
-    return field.length == shape::word ? decimal(element[field.offset / shape::word])
-                                       : hex_bytes(bytes_of(field, element));
-}
-
 // The rows of a record in its table: one for each element that has fields, or one with all numbers.
 std::vector<std::vector<std::string>> rows_of(const database &db, const words &record)
 {
@@ -159,6 +153,12 @@ bool parse_hex_bytes(const std::string &text, std::span<unsigned char> bytes)
         bytes[i / 2] = static_cast<unsigned char>(bytes[i / 2] * 16u + value);
     }
     return true;
+}
+
+std::string field_text(const vs_kvs::field &field, std::span<const uint32_t> of)
+{
+    return field.length == shape::word ? decimal(of[field.offset / shape::word])
+                                       : hex_bytes(bytes_of(field, of));
 }
 
 json to_json(const shape &of, const words &record)

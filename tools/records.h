@@ -113,6 +113,10 @@ kvs_hdl bind(const database &db, const std::string &subject);
 // ---- formats of records (record_formats.cpp) ----
 
 json to_json(const shape &of, const words &record);
+
+// The value of a field of a record, or of an element.
+std::string field_text(const vs_kvs::field &field, std::span<const uint32_t> of);
+
 void print_records(const database &db, const std::vector<words> &records);
 
 // Reads a record from a line of a file. Refuses unknown, missing and repeated fields, and values

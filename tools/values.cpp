@@ -1,6 +1,8 @@
 // Numbers and times as a command line gives them.
 #include "tools/values.h"
 
+#include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 
@@ -8,12 +10,43 @@ namespace vskvs {
 namespace {
 
 constexpr double last_second = 9e9; // what fits 64 bits in ns
+constexpr int64_t second = 1'000'000'000;
 
 std::optional<int64_t> ns_of(double seconds)
 {
     if (!(seconds >= -last_second && seconds <= last_second))
         return {};
     return static_cast<int64_t>(seconds * 1e9);
+}
+
+// Reads up to 9 digits behind a point, if there is one, and moves behind them. In ns.
+int64_t parse_fraction(const char *&at)
+{
+    int64_t fraction = 0, unit = second;
+    if (*at == '.' && isdigit(static_cast<unsigned char>(at[1])))
+        for (++at; unit > 1 && isdigit(static_cast<unsigned char>(*at)); ++at)
+            fraction += (*at - '0') * (unit /= 10);
+    return fraction;
+}
+
+// The seconds since 1970 of a date, in the zone that is named behind it, or in local time.
+std::optional<int64_t> parse_zone(const char *at, tm &date)
+{
+    if (*at == '\0')
+        return mktime(&date);
+    tm zone{};
+    const char *const end = strptime(at, "%z", &zone);
+    if (end == nullptr || *end != '\0')
+        return {};
+    return timegm(&date) - zone.tm_gmtoff;
+}
+
+std::optional<int64_t> parse_date(const char *rest, tm &date)
+{
+    const int64_t fraction = parse_fraction(rest);
+    const std::optional<int64_t> seconds = parse_zone(rest, date);
+    const std::optional<int64_t> whole = seconds ? ns_of(static_cast<double>(*seconds)) : seconds;
+    return whole ? *whole + fraction : whole;
 }
 
 } // namespace
@@ -50,10 +83,23 @@ std::optional<int64_t> parse_time(const std::string &text)
         tm parts{};
         parts.tm_isdst = -1;
         const char *const rest = strptime(text.c_str(), format, &parts);
-        if (rest != nullptr && *rest == '\0')
-            return ns_of(static_cast<double>(mktime(&parts)));
+        if (rest != nullptr)
+            if (const std::optional<int64_t> date_time = parse_date(rest, parts))
+                return date_time;
     }
     return {};
+}
+
+std::string utc_time(uint64_t time_ns, int digits)
+{
+    const auto seconds = static_cast<std::time_t>(time_ns / second);
+    tm parts{};
+    gmtime_r(&seconds, &parts);
+    char date[64], fraction[16];
+    std::strftime(date, sizeof date, "%Y-%m-%dT%H:%M:%S", &parts);
+    snprintf(fraction, sizeof fraction, "%09llu",
+             static_cast<unsigned long long>(time_ns % second));
+    return std::string(date) + "." + std::string(fraction, static_cast<size_t>(digits)) + "Z";
 }
 
 } // namespace vskvs
