@@ -552,6 +552,22 @@ STORE_TEST(serves_threads_and_processes_while_it_outgrows_its_map)
     EXPECT_EQ(d.all().size(), 5u * 30 + 6);
 }
 
+// A change that finds nothing to do is quick, so threads meet at every step of their queue.
+STORE_TEST(gives_each_thread_the_status_of_its_own_change)
+{
+    const db d;
+    EXPECT_EQ(d.insert(record(1)), 0u);
+    alarm(100);
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 8; ++t)
+        threads.emplace_back([&d] {
+            unsigned tolerated = 0;
+            for (int i = 0; i < 40000; ++i)
+                tolerated += d.insert(record(1)) == KVS_RC_TOLERATED_ON_INSERT ? 1 : 0;
+            EXPECT_EQ(tolerated, 40000u);
+        });
+}
+
 STORE_TEST(is_made_once_however_many_make_it)
 {
     for (uint32_t round = 0; round < 30; ++round) {
