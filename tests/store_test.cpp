@@ -838,6 +838,37 @@ STORE_TEST(verifies_a_large_file_when_asked)
     EXPECT_EQ(kvs_salvage("db", all, nullptr, nullptr), KVS_RC_NULL_ARG);
 }
 
+// After a power cut the last commit may be in the journal only; a damaged journal cannot tell.
+STORE_TEST(salvages_nothing_as_new_that_the_journal_may_have_changed)
+{
+    const fs::path data = state / "store.mdb";
+    const auto content = [&] {
+        std::ifstream from(data, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(from), {});
+    };
+    EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(db().insert(record(1)), 0u); }));
+    const std::string before = content();
+    EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(db().remove(db().find(1)), 0u); }));
+    const std::string after = content();
+    constexpr size_t page = 4096, headers = 2 * page, flags = 10, first_value = 16;
+    size_t journal = headers;
+    while (after[journal + flags] != 4)
+        journal += page;
+    const auto salvages = [&](const std::string &bytes, uint64_t found, uint64_t whole) {
+        std::ofstream(data, std::ios::binary) << bytes;
+        const auto take = [](const void *, uint32_t, void *) { return 0; };
+        kvs_salvage_result result{};
+        EXPECT_EQ(kvs_salvage("db", take, nullptr, &result), 0u);
+        EXPECT_TRUE(result.salvaged == found && result.doubtful == found);
+        EXPECT_EQ(result.is_whole, whole);
+    };
+    salvages(after, 0, 1);
+    salvages(before.substr(0, headers) + after.substr(headers), 1, 0);
+    std::string no_journal = before;
+    no_journal[journal + first_value] ^= 1;
+    salvages(no_journal, 1, 0);
+}
+
 STORE_TEST(gives_out_no_handle_twice_when_there_are_none_left)
 {
     const db d;
