@@ -869,6 +869,25 @@ STORE_TEST(salvages_nothing_as_new_that_the_journal_may_have_changed)
     salvages(no_journal, 1, 0);
 }
 
+// A new process maps the file as far as the header says, and at least 5 MB.
+STORE_TEST(finishes_a_commit_that_outgrows_the_map)
+{
+    const fs::path data = state / "store.mdb";
+    constexpr std::streamsize headers = 8192;
+    const std::string big(200000, 'x');
+    for (uint32_t key = 1; key <= 30; ++key) {
+        char before[headers] = {};
+        EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(db().bound, 0u); }));
+        std::ifstream(data, std::ios::binary).read(before, headers);
+        EXPECT_TRUE(passes_in_child([&] { EXPECT_EQ(db().insert(record(key, big)), 0u); }));
+        std::fstream(data, std::ios::in | std::ios::out | std::ios::binary).write(before, headers);
+        EXPECT_TRUE(passes_in_child([&] {
+            const db d;
+            EXPECT_TRUE(d.bound == 0 && d.all().size() == key && kvs_verify(d.hdl) == 0);
+        }));
+    }
+}
+
 STORE_TEST(gives_out_no_handle_twice_when_there_are_none_left)
 {
     const db d;
