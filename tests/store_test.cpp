@@ -552,6 +552,22 @@ STORE_TEST(serves_threads_and_processes_while_it_outgrows_its_map)
     EXPECT_EQ(d.all().size(), 5u * 30 + 6);
 }
 
+// A change that finds nothing to do is quick, so threads meet at every step of their queue.
+STORE_TEST(gives_each_thread_the_status_of_its_own_change)
+{
+    const db d;
+    EXPECT_EQ(d.insert(record(1)), 0u);
+    alarm(100);
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < 8; ++t)
+        threads.emplace_back([&d] {
+            unsigned tolerated = 0;
+            for (int i = 0; i < 40000; ++i)
+                tolerated += d.insert(record(1)) == KVS_RC_TOLERATED_ON_INSERT ? 1 : 0;
+            EXPECT_EQ(tolerated, 40000u);
+        });
+}
+
 STORE_TEST(is_made_once_however_many_make_it)
 {
     for (uint32_t round = 0; round < 30; ++round) {
@@ -820,6 +836,56 @@ STORE_TEST(verifies_a_large_file_when_asked)
     EXPECT_EQ(kvs_salvage(nullptr, all, nullptr, &result), KVS_RC_NULL_ARG);
     EXPECT_EQ(kvs_salvage("db", nullptr, nullptr, &result), KVS_RC_NULL_ARG);
     EXPECT_EQ(kvs_salvage("db", all, nullptr, nullptr), KVS_RC_NULL_ARG);
+}
+
+// After a power cut the last commit may be in the journal only; a damaged journal cannot tell.
+STORE_TEST(salvages_nothing_as_new_that_the_journal_may_have_changed)
+{
+    const fs::path data = state / "store.mdb";
+    const auto content = [&] {
+        std::ifstream from(data, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(from), {});
+    };
+    EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(db().insert(record(1)), 0u); }));
+    const std::string before = content();
+    EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(db().remove(db().find(1)), 0u); }));
+    const std::string after = content();
+    constexpr size_t page = 4096, headers = 2 * page, flags = 10, first_value = 16;
+    size_t journal = headers;
+    while (after[journal + flags] != 4)
+        journal += page;
+    const auto salvages = [&](const std::string &bytes, uint64_t found, uint64_t whole) {
+        std::ofstream(data, std::ios::binary) << bytes;
+        const auto take = [](const void *, uint32_t, void *) { return 0; };
+        kvs_salvage_result result{};
+        EXPECT_EQ(kvs_salvage("db", take, nullptr, &result), 0u);
+        EXPECT_TRUE(result.salvaged == found && result.doubtful == found);
+        EXPECT_EQ(result.is_whole, whole);
+    };
+    salvages(after, 0, 1);
+    salvages(before.substr(0, headers) + after.substr(headers), 1, 0);
+    std::string no_journal = before;
+    no_journal[journal + first_value] ^= 1;
+    salvages(no_journal, 1, 0);
+}
+
+// A new process maps the file as far as the header says, and at least 5 MB.
+STORE_TEST(finishes_a_commit_that_outgrows_the_map)
+{
+    const fs::path data = state / "store.mdb";
+    constexpr std::streamsize headers = 8192;
+    const std::string big(200000, 'x');
+    for (uint32_t key = 1; key <= 30; ++key) {
+        char before[headers] = {};
+        EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(db().bound, 0u); }));
+        std::ifstream(data, std::ios::binary).read(before, headers);
+        EXPECT_TRUE(passes_in_child([&] { EXPECT_EQ(db().insert(record(key, big)), 0u); }));
+        std::fstream(data, std::ios::in | std::ios::out | std::ios::binary).write(before, headers);
+        EXPECT_TRUE(passes_in_child([&] {
+            const db d;
+            EXPECT_TRUE(d.bound == 0 && d.all().size() == key && kvs_verify(d.hdl) == 0);
+        }));
+    }
 }
 
 STORE_TEST(gives_out_no_handle_twice_when_there_are_none_left)

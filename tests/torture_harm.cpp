@@ -96,6 +96,15 @@ void run_out(const std::function<void()> &narrow, const std::function<void()> &w
 void file_size_limit()
 {
     const fs::path data = use_new_state("harm") / "store.mdb";
+    // A new store is written in pieces of any length.
+    uint32_t status = KVS_RC_NO_SPACE;
+    for (rlim_t most = 1000; status == KVS_RC_NO_SPACE && most < 4'000'000; most += 50'000) {
+        limit(RLIMIT_FSIZE, most);
+        status = bind();
+        limit(RLIMIT_FSIZE, RLIM_INFINITY);
+        need(most > 1'000'000 || status == KVS_RC_NO_SPACE, "making a store too large", status);
+    }
+    need(status == 0, "making a store", status);
     run_out([&] { limit(RLIMIT_FSIZE, fs::file_size(data) + 1'000'000); },
             [] { limit(RLIMIT_FSIZE, RLIM_INFINITY); }, {KVS_RC_NO_SPACE});
 }

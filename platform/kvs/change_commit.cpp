@@ -18,6 +18,8 @@ namespace {
 {
     MDB_txn *snapshot = nullptr;
     int error = begin_read(store.environment, &snapshot);
+    while (error == MDB_MAP_RESIZED && (error = mdb_env_set_mapsize(store.environment, 0)) == 0)
+        error = begin_read(store.environment, &snapshot);
     if (error != 0)
         return error;
     error = find_journal(snapshot, info, &store.journal.area);
@@ -138,14 +140,31 @@ void set_header_flush(MDB_env *environment, bool on)
     return error;
 }
 
+// A map that was made for what the header says may be too small for a commit that is finished.
+[[nodiscard]] int enlarge_map_after(MDB_env *environment, int error)
+{
+    environment_info info;
+    if (error == MDB_MAP_RESIZED)
+        return mdb_env_set_mapsize(environment, 0);
+    if (error != MDB_MAP_FULL)
+        return error;
+    error = get_environment_info(environment, &info);
+    return error != 0 ? error : mdb_env_set_mapsize(environment, 2 * info.map_size);
+}
+
 } // namespace
 
 int finish_interrupted_commits(store &store)
 {
-    int error = interrupted_commit;
-    while (error == interrupted_commit)
-        error = finish_next_commit(store);
-    return error == writer_is_busy ? 0 : error;
+    for (;;) {
+        const int error = finish_next_commit(store);
+        if (error == 0 || error == writer_is_busy)
+            return 0;
+        if (error == interrupted_commit)
+            continue;
+        if (const int failed = enlarge_map_after(store.environment, error); failed != 0)
+            return failed;
+    }
 }
 
 int open_journal(store &store)

@@ -1,6 +1,8 @@
 #include "platform/kvs/damaged_file.h"
 
 #include "platform/kvs/data_file.h"
+#include "platform/kvs/journal.h"
+#include "platform/kvs/record_value.h"
 
 #include <cerrno>
 #include <sys/stat.h>
@@ -32,6 +34,54 @@ void choose_header(damaged_file *file)
     if (file->has_header)
         file->page_size = file->header.trees[0].page_size;
     file->may_be_previous = check_header(file->fd) != 0;
+}
+
+[[nodiscard]] int find_journal_on(const damaged_file &file, bytes leaf, uint64_t number,
+                                  journal_area *area)
+{
+    const page_nodes nodes(leaf);
+    for (size_t i = 0; i < nodes.count(); ++i) {
+        const node it = nodes.at(i);
+        uint64_t offset = 0;
+        if (is_journal_name(as_value(it.key.data(), it.key.size())))
+            return it.flags == overflow_data && file.find_data(leaf, number, it, &offset)
+                       ? read_area(file.fd, offset, it.number, area)
+                       : MDB_CORRUPTED;
+    }
+    return MDB_CORRUPTED;
+}
+
+// The journal is on the first leaf of the main tree.
+[[nodiscard]] int locate_journal(const damaged_file &file, journal_area *area)
+{
+    const block<unsigned char> memory(static_cast<unsigned char *>(malloc(file.page_size)));
+    if (!memory)
+        return ENOMEM;
+    const bytes page(memory.get(), file.page_size);
+    uint64_t number = file.header.trees[1].root;
+    for (unsigned depth = 0; depth <= deepest_tree; ++depth) {
+        if (!file.read_page(number, memory.get()) || !page_nodes(page).are_sound(number))
+            return MDB_CORRUPTED;
+        if (!page_nodes(page).is_branch())
+            return find_journal_on(file, page, number, area);
+        number = page_nodes(page).at(0).number;
+    }
+    return MDB_CORRUPTED;
+}
+
+// A commit may be in the journal and have no header yet, or have lost it in a power cut.
+[[nodiscard]] int compare_with_journal(damaged_file *file)
+{
+    journal_area area;
+    journal_end end;
+    int error = locate_journal(*file, &area);
+    if (error == 0)
+        error = find_end(file->fd, area, file->header.transaction, &end);
+    if (error == ENOMEM)
+        return error;
+    if (error != 0 || end.last_transaction > file->header.transaction)
+        file->may_be_previous = true;
+    return 0;
 }
 
 } // namespace
@@ -69,7 +119,7 @@ int examine_file(int fd, damaged_file *file)
     file->page_size = static_cast<uint32_t>(sysconf(_SC_PAGESIZE));
     choose_header(file);
     file->pages = (file->length + file->page_size - 1) / file->page_size;
-    return 0;
+    return file->may_be_previous ? 0 : compare_with_journal(file);
 }
 
 bool is_filled(bytes page)

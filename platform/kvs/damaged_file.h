@@ -17,7 +17,7 @@ struct damaged_file {
     uint64_t pages; // with the part of one at the end
     meta_data header;
     bool has_header;
-    bool may_be_previous; // the header may be that of the commit before the last one
+    bool may_be_previous; // the header may be that of a commit before the last one
 
     // Reads a page, zeros beyond the end of the file. Returns false if nothing of it can be read.
     [[nodiscard]] bool read_page(uint64_t number, unsigned char *page) const;

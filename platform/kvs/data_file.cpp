@@ -98,7 +98,7 @@ int write_first_entries(MDB_env *environment, uint64_t journal_size)
     if (error == 0)
         error = create_journal(txn, journal_size);
     if (error == 0)
-        return mdb_txn_commit(txn);
+        return cause_of_failed_write(environment, mdb_txn_commit(txn));
     mdb_txn_abort(txn);
     return error;
 }

@@ -35,12 +35,20 @@ bool is_plausible(const journal_area &area, uint64_t offset, const entry_header 
            header.change_count != 0;
 }
 
+// A write that is cut short is continued, which gives the reason.
 [[nodiscard]] int write_at(int fd, const void *data, size_t length, uint64_t offset)
 {
-    const ssize_t written = pwrite(fd, data, length, static_cast<off_t>(offset));
-    if (written < 0)
-        return errno;
-    return static_cast<size_t>(written) == length ? 0 : EIO;
+    const auto *next = static_cast<const unsigned char *>(data);
+    while (length != 0) {
+        const ssize_t written = pwrite(fd, next, length, static_cast<off_t>(offset));
+        if (written <= 0)
+            return written < 0 ? errno : EIO;
+        const auto count = static_cast<size_t>(written);
+        next += count;
+        offset += count;
+        length -= count;
+    }
+    return 0;
 }
 
 // Reads the entry at an offset of the ring; MDB_NOTFOUND if there is none with this sequence
@@ -95,17 +103,9 @@ bool is_plausible(const journal_area &area, uint64_t offset, const entry_header 
 {
     overflow_header page;
     memcpy(&page, static_cast<const unsigned char *>(value.mv_data) - sizeof page, sizeof page);
-    journal_header header;
-    const uint64_t offset = page.number * page_size + sizeof page;
     if (page.flags != overflow_page || page.number > largest_file / page_size)
         return MDB_CORRUPTED;
-    if (const int error = read_at(fd, &header, sizeof header, offset); error != 0)
-        return error;
-    if (header.checksum != checksum_of(header) || header.size != value.mv_size ||
-        header.size < least_journal_size || header.size > largest_journal_size)
-        return MDB_CORRUPTED;
-    *area = {offset, header.size, header.salt};
-    return 0;
+    return read_area(fd, page.number * page_size + sizeof page, value.mv_size, area);
 }
 
 } // namespace
@@ -127,6 +127,18 @@ int create_journal(MDB_txn *txn, uint64_t size)
         return error;
     memset(value.mv_data, 0, size);
     memcpy(value.mv_data, &header, sizeof header);
+    return 0;
+}
+
+int read_area(int fd, uint64_t offset, uint64_t size, journal_area *area)
+{
+    journal_header header;
+    if (const int error = read_at(fd, &header, sizeof header, offset); error != 0)
+        return error;
+    if (header.checksum != checksum_of(header) || header.size != size ||
+        header.size < least_journal_size || header.size > largest_journal_size)
+        return MDB_CORRUPTED;
+    *area = {offset, header.size, header.salt};
     return 0;
 }
 

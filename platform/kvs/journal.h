@@ -62,6 +62,9 @@ struct entry_origin {
 // Adds an empty journal to a store that is being made.
 [[nodiscard]] int create_journal(MDB_txn *txn, uint64_t size);
 
+// Reads the header of the journal at an offset of the data file, where a value of this size is.
+[[nodiscard]] int read_area(int fd, uint64_t offset, uint64_t size, journal_area *area);
+
 // Finds the journal of a store in a snapshot.
 [[nodiscard]] int find_journal(MDB_txn *snapshot, const environment_info &info, journal_area *area);
 

@@ -137,10 +137,11 @@ uint32_t write_in_turn(const call_context &call, const change_maker &maker)
     store &store = *call.store;
     write_request request{*call.database, maker};
     sem_init(&request.wake, 0, 0);
-    request.is_leader = enqueue(store.queue, request);
-    if (!request.is_leader)
+    // Once it is in the queue, another thread may appoint the request its leader at any time.
+    const bool leads_at_once = enqueue(store.queue, request);
+    if (!leads_at_once)
         wait_for_wake(request.wake);
-    if (request.is_leader) {
+    if (leads_at_once || request.is_leader) {
         write_request *const group = write_waiting(store, *call.thread);
         appoint_next_leader(store.queue);
         wake_others(group, request);
