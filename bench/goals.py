@@ -4,6 +4,7 @@ from statistics import median
 
 OURS = 'vs_kvs'
 RAW, THREE, SQLITE, LEVEL = 'raw engine', 'raw engine in three steps', 'SQLite', 'LevelDB'
+FLUSH = 'bare flush'
 
 
 class Figures:
@@ -41,30 +42,35 @@ class Row:
 COMPARISONS = [
     ('read a record by id', 'read', 1, {
         1_000: [(THREE, 0.5), (RAW, None), (SQLITE, 0.1), (LEVEL, None)],
-        100_000: [(THREE, 0.6), (RAW, None), (SQLITE, 0.15), (LEVEL, None)],
-        1_000_000: [(THREE, None), (RAW, None), (SQLITE, None), (LEVEL, None)]}),
+        100_000: [(THREE, 0.5), (RAW, None), (SQLITE, 0.12), (LEVEL, None)],
+        1_000_000: [(THREE, None), (RAW, 1.25), (SQLITE, None), (LEVEL, None)]}),
     ('read, two threads', 'read', 2, {
         1_000: [(THREE, None), (SQLITE, None)],
         100_000: [(THREE, None), (SQLITE, None)]}),
     ('read beside a reading process', 'read beside a reader', 1,
      {1_000: [(THREE, None), (SQLITE, None)]}),
     ('read beside a writing process', 'read beside a writer', 1,
-     {1_000: [(THREE, None), (SQLITE, None)]}),
+     {1_000: [(THREE, 0.6), (SQLITE, None)]}),
     ('list all records', 'list', 1, {
-        1_000: [(RAW, None), (SQLITE, None), (LEVEL, None)],
+        1_000: [(RAW, None), (SQLITE, 1.0), (LEVEL, None)],
         100_000: [(RAW, 2.5), (SQLITE, 1.0), (LEVEL, None)],
-        1_000_000: [(RAW, None), (SQLITE, None), (LEVEL, None)]}),
+        1_000_000: [(RAW, 2.5), (SQLITE, None), (LEVEL, None)]}),
     ('list, two threads', 'list', 2, {100_000: [(RAW, None), (SQLITE, None)]}),
     ('select a version, durable', 'select', 1, {
-        1_000: [(RAW, 1.1), (SQLITE, 1.0), (LEVEL, None)],
-        100_000: [(RAW, None), (SQLITE, None), (LEVEL, None)]}),
+        1_000: [(RAW, 0.75), (SQLITE, 1.0), (FLUSH, 1.4), (LEVEL, None)],
+        100_000: [(RAW, 0.75), (SQLITE, 1.25), (FLUSH, 1.6), (LEVEL, None)]}),
     ('select, two threads', 'select', 2, {1_000: [(RAW, None), (SQLITE, None)]}),
+    ('select, 8 threads', 'select', 8, {1_000: [(RAW, None), (SQLITE, 0.5)]}),
+    ('select, 4 processes', 'select in 4 processes', 1,
+     {1_000: [(RAW, None), (SQLITE, None)]}),
     ('select beside a writing process', 'select beside a writer', 1, {1_000: [(RAW, None)]}),
     ('add a client to 10, durable', 'add a client', 1, {1_000: [(RAW, 1.1), (SQLITE, None)]}),
     ('populate in a batch, in order', 'populate in order', 1,
-     {100_000: [(SQLITE, 1.0), (RAW, None), (LEVEL, None)]}),
+     {100_000: [(SQLITE, 0.6), (RAW, None), (LEVEL, None)],
+      1_000_000: [(RAW, 3.0)]}),
     ('populate in a batch, shuffled', 'populate', 1,
-     {100_000: [(SQLITE, 1.0), (RAW, None), (LEVEL, None)]}),
+     {100_000: [(SQLITE, 0.6), (RAW, None), (LEVEL, None)],
+      1_000_000: [(RAW, 2.0), (SQLITE, None)]}),
 ]
 
 
@@ -78,6 +84,15 @@ def compare(figures):
                     yield Row(work, records, ours, peer, theirs, goal)
 
 
+def shared_rows(figures):
+    """The time of a change where many share the flushes, or take turns, beside one alone."""
+    threads, one = figures.of('select', 1_000, OURS, 8), figures.of('select', 1_000, OURS)
+    yield Row('select, 8 threads', 1_000, threads, 'one thread', one, 0.333)
+    alone = figures.of('select in 1 process', 1_000, OURS)
+    yield Row('select, 4 processes', 1_000, figures.of('select in 4 processes', 1_000, OURS),
+              'one process', alone, 1.0)
+
+
 def report_rows(figures):
     """The library alone, trace and prints."""
     alone = figures.of('read alone', None, OURS)
@@ -85,7 +100,7 @@ def report_rows(figures):
     yield Row('read, library alone', None, alone - calls, 'the 150 ns it may take', 150e-9, 1.0)
     record = figures.of('trace', None, 'record')
     clock = figures.of('trace', None, 'clock and copy')
-    yield Row('trace record of two strings', None, record, 'clock read, 128-byte copy', clock, 3.0)
+    yield Row('trace record of two strings', None, record, 'clock read, 128-byte copy', clock, 2.5)
     # Google Benchmark gives the time per record of both writers together.
     pair = 2 * figures.of('trace', None, 'record', 2)
     apart = figures.of('trace', None, 'record (wall)')
@@ -94,21 +109,6 @@ def report_rows(figures):
     yield Row('trace record, each of 2 processes', None, beside, 'one process alone', apart, 2.0)
     yield Row('debug print that is off', None, figures.of('print', None, 'off'),
               'empty call of a library', figures.of('print', None, 'empty call'), 3.0)
-
-
-def growth_rows(figures):
-    """Larger stores beside smaller ones; for works on all records, per record."""
-    def one(work, small, large, goal, each):
-        for store, bound in ((OURS, goal), (RAW, None)):
-            at = {size: figures.of(work, size, store) for size in (small, large)}
-            if all(at.values()):
-                low, high = (at[size] / (size if each else 1) for size in (small, large))
-                what = work + (' per record' if each else '') + f', growth of {store}'
-                yield Row(what, large, high, f'at {small:,} records', low, bound)
-    yield from one('read', 1_000, 1_000_000, 3.0, False)
-    for work in ('list', 'populate in order', 'populate'):
-        yield from one(work, 10_000, 1_000_000, 1.2, True)
-        yield from one(work, 100_000, 1_000_000, None, True)
 
 
 def memory_row(records, peak, handed_out):

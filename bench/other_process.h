@@ -46,6 +46,9 @@ public:
         close(said_);
     }
 
+    // Sends a signal that keep_doing() understands.
+    void ask(int signal) const { kill(pid_, signal); }
+
     // Waits for the number that it prints.
     double number() const
     {
@@ -66,17 +69,24 @@ inline void say(double number)
     fflush(stdout);
 }
 
-inline volatile std::sig_atomic_t asked_to_end = 0;
+constexpr int count_now = SIGUSR1, end_now = SIGTERM;
+inline volatile std::sig_atomic_t asked_to_end = 0, asked_to_count = 0;
 
-// Repeats one work until this process is signalled to end.
+// Repeats one work until this process is signalled to end. Says when it has begun, and at the end
+// how often it has done the work since it was signalled to count.
 template <class Work>
 void keep_doing(const Work &work)
 {
-    std::signal(SIGTERM, [](int) { asked_to_end = 1; });
+    std::signal(count_now, [](int) { asked_to_count = 1; });
+    std::signal(end_now, [](int) { asked_to_end = 1; });
     work();
     say(1);
-    while (asked_to_end == 0)
+    uint64_t done = 0;
+    while (asked_to_end == 0) {
         work();
+        done += asked_to_count != 0;
+    }
+    say(static_cast<double>(done));
 }
 
 } // namespace bench

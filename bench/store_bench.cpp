@@ -3,6 +3,7 @@
 // Usage: store_bench RECORDS [option of Google Benchmark ...]
 // The stores lie in $VS_STATE_DIR, and are made there when they are missing. Every thread has a way
 // of its own into a store: an object of the peer's class.
+#include "bare_flush.h"
 #include "leveldb.h"
 #include "other_process.h"
 #include "raw_engine.h"
@@ -12,10 +13,13 @@
 #include <algorithm>
 #include <atomic>
 #include <benchmark/benchmark.h>
+#include <chrono>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <list>
 #include <random>
+#include <thread>
 
 using namespace bench;
 namespace fs = std::filesystem;
@@ -58,12 +62,18 @@ void read_one(Store &store, dice &roll)
     must(memcmp(record.get(), &id, sizeof id) == 0, Store::name, "read another record");
 }
 
+// Which of the ids a writer changes. Each of several takes other ones: the library reads back what
+// it changed, and fails if somebody has changed it meanwhile.
+struct share {
+    uint32_t number, of;
+};
+
 // Each time another version: a store may notice that nothing is to be changed, and do nothing.
 template <class Store>
-void select_one(Store &store, dice &roll)
+void select_one(Store &store, dice &roll, share own)
 {
     static std::atomic<uint32_t> version{std::random_device()()};
-    store.select(id_of(roll.below(records)), ++version);
+    store.select(id_of(roll.below(records / own.of) * own.of + own.number), ++version);
 }
 
 template <class Store>
@@ -75,13 +85,15 @@ void read(benchmark::State &state)
         read_one(store, roll);
 }
 
-template <class Store>
+template <class Store, int Others = 0>
 void select(benchmark::State &state)
 {
     Store store;
     dice roll(next_seed());
+    const share own{static_cast<uint32_t>(state.thread_index()),
+                    static_cast<uint32_t>(state.threads() + Others)};
     for (auto _ : state)
-        select_one(store, roll);
+        select_one(store, roll, own);
 }
 
 double seconds_on(clockid_t clock)
@@ -131,9 +143,37 @@ template <class Store, neighbour Does, void (*Work)(benchmark::State &)>
 void beside(benchmark::State &state)
 {
     const char *const does = Does == reading ? "read" : "select";
-    const other_process other({std::to_string(records), does, Store::name}, folder());
+    const other_process other({std::to_string(records), does, Store::name, "1", "2"}, folder());
     other.number();
     Work(state);
+}
+
+// The time per change of several processes together, all of which do nothing else.
+template <class Store, int Processes>
+void select_in_processes(benchmark::State &state)
+{
+    constexpr auto period = std::chrono::milliseconds(250);
+    for (auto _ : state) {
+        std::list<other_process> all;
+        for (int i = 0; i < Processes; ++i)
+            all.emplace_back(std::initializer_list<std::string>{std::to_string(records), "select",
+                                                                Store::name, std::to_string(i),
+                                                                std::to_string(Processes)},
+                             folder());
+        for (const other_process &each : all)
+            each.number();
+        const double start = seconds_on(CLOCK_MONOTONIC);
+        for (const other_process &each : all)
+            each.ask(count_now);
+        std::this_thread::sleep_for(period);
+        for (const other_process &each : all)
+            each.ask(end_now);
+        const double seconds = seconds_on(CLOCK_MONOTONIC) - start;
+        double done = 0;
+        for (const other_process &each : all)
+            done += each.number();
+        state.SetIterationTime(seconds / done);
+    }
 }
 
 template <class Store, bool Shuffled>
@@ -145,20 +185,20 @@ void populate(benchmark::State &state)
         fs::permissions(own, fs::perms::owner_all);
         const char *const order = Shuffled ? "populate-shuffled" : "populate-sorted";
         state.SetIterationTime(
-            other_process({std::to_string(records), order, Store::name}, own).number());
+            other_process({std::to_string(records), order, Store::name, "0", "1"}, own).number());
         fs::remove_all(own);
     }
 }
 
 template <class Store>
-void be_the_other(const std::string &does)
+void be_the_other(const std::string &does, share own)
 {
     Store store;
-    dice roll(99);
+    dice roll(99 + own.number);
     if (does == "read")
         return keep_doing([&] { read_one(store, roll); });
     if (does == "select")
-        return keep_doing([&] { select_one(store, roll); });
+        return keep_doing([&] { select_one(store, roll, own); });
     const typename Store::population all(ids_of(records, does == "populate-shuffled"));
     const double start = seconds_on(CLOCK_MONOTONIC);
     store.populate(all);
@@ -206,8 +246,28 @@ void add_selecting()
 {
     (add("select", Stores::name, select<Stores>)
          ->UseRealTime()
-         ->ThreadRange(1, 2)
+         ->Threads(1)
+         ->Threads(2)
+         ->Threads(8)
          ->Iterations(changes),
+     ...);
+}
+
+void add_flushing()
+{
+    add("select", bare_flush::name, select<bare_flush>)->UseRealTime()->Iterations(changes);
+}
+
+template <class... Stores>
+void add_selecting_in_processes()
+{
+    (add("select in 1 process", Stores::name, select_in_processes<Stores, 1>)
+         ->UseManualTime()
+         ->Iterations(1),
+     ...);
+    (add("select in 4 processes", Stores::name, select_in_processes<Stores, 4>)
+         ->UseManualTime()
+         ->Iterations(1),
      ...);
 }
 
@@ -221,16 +281,21 @@ void add_client_work()
 template <class... Stores>
 void add_selecting_beside()
 {
-    (add("select beside a writer", Stores::name, beside<Stores, writing, select<Stores>>)
+    (add("select beside a writer", Stores::name, beside<Stores, writing, select<Stores, 1>>)
          ->UseRealTime()
          ->Iterations(changes),
      ...);
 }
 
-template <class... Stores>
-bool is_the_other(const std::string &does, const std::string &name)
+uint32_t number_of(const char *text)
 {
-    return ((name == Stores::name && (be_the_other<Stores>(does), true)) || ...);
+    return static_cast<uint32_t>(std::strtoul(text, nullptr, 10));
+}
+
+template <class... Stores>
+bool is_the_other(const std::string &does, const std::string &name, share own)
+{
+    return ((name == Stores::name && (be_the_other<Stores>(does, own), true)) || ...);
 }
 
 template <class... Stores>
@@ -248,9 +313,9 @@ void make_stores()
 int main(int argc, char **argv)
 {
     must(argc > 1, argv[0], "the number of records is missing");
-    records = static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10));
-    if (argc == 4 &&
-        is_the_other<service, raw_in_three, raw_engine, sqlite, level_db>(argv[2], argv[3]))
+    records = number_of(argv[1]);
+    if (argc == 6 && is_the_other<service, raw_in_three, raw_engine, sqlite, level_db>(
+                         argv[2], argv[3], {number_of(argv[4]), number_of(argv[5])}))
         return 0;
     argv[1] = argv[0];
     ++argv;
@@ -264,6 +329,8 @@ int main(int argc, char **argv)
     add_reading_beside<service, raw_in_three, sqlite>();
     add_works_on_all<service, raw_engine, sqlite, level_db>();
     add_selecting<service, raw_engine, sqlite, level_db>();
+    add_flushing();
+    add_selecting_in_processes<service, raw_engine, sqlite>();
     add_client_work<service, raw_engine, sqlite>();
     add_selecting_beside<service, raw_engine>();
     benchmark::RunSpecifiedBenchmarks();

@@ -16,9 +16,10 @@ public:
     interruption_guard()
     {
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
-        was_pending_ = is_pending();
         const sigset_t signals = set_of({SIGXFSZ, SIGTSTP, SIGTTIN, SIGTTOU});
         pthread_sigmask(SIG_BLOCK, &signals, &old_mask_);
+        // A signal stays pending only where it is blocked.
+        was_pending_ = sigismember(&old_mask_, SIGXFSZ) == 1 && is_pending();
     }
     interruption_guard(const interruption_guard &) = delete;
     interruption_guard &operator=(const interruption_guard &) = delete;

@@ -48,8 +48,8 @@ bool may_overtake(int fd, uint64_t waited)
         error = try_lock(fd, writer_byte);
     if (error == EAGAIN) {
         turn.wait.note_failure(fd, writer_byte);
-        if (waited >= turn_ns)
-            static_cast<void>(try_lock(fd, next_writer_byte));
+        if (waited >= turn_ns && try_lock(fd, next_writer_byte) == 0)
+            turn.wait.note_next();
         return writer_is_busy;
     }
     if (!is_repeated) {

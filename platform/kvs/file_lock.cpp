@@ -112,7 +112,9 @@ void lock_wait::pause()
     if (is_news_)
         tell();
     is_news_ = false;
-    const uint64_t ns = std::clamp(waited_ns() / 256, shortest_pause_ns, longest_pause_ns);
+    // Each try may take the lock out of turn, between two changes of the process that writes.
+    const uint64_t part = is_next_ ? 256 : 8;
+    const uint64_t ns = std::clamp(waited_ns() / part, shortest_pause_ns, longest_pause_ns);
     const timespec time{0, static_cast<long>(ns)};
     nanosleep(&time, nullptr);
 }

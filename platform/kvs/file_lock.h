@@ -35,6 +35,9 @@ public:
     // said: after two seconds, and then when another process holds it, or has stopped with it.
     void note_failure(int fd, byte_range bytes);
 
+    // From now on no other process has the lock before this one.
+    void note_next() { is_next_ = true; }
+
     // Says what has been found out, and sleeps until the next try.
     void pause();
 
@@ -46,6 +49,7 @@ private:
     std::optional<pid_t> holder_;
     bool is_stopped_ = false;
     bool is_news_ = false;
+    bool is_next_ = false;
 };
 
 // Waits for the lock on a byte. Returns 0 or an error number.

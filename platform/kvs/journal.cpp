@@ -5,6 +5,7 @@
 #include "platform/kvs/page.h"
 #include "platform/kvs/record_value.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sys/random.h>
@@ -33,6 +34,22 @@ bool is_plausible(const journal_area &area, uint64_t offset, const entry_header 
     return header.length >= sizeof header && header.length % entry_alignment == 0 &&
            header.length <= area.longest_entry() && header.length <= area.size - offset &&
            header.change_count != 0;
+}
+
+struct ring_range {
+    uint64_t offset, end;
+};
+
+// Returns whether a whole entry lies at the begin of a copied part of the ring.
+bool is_whole(const journal_area &area, const unsigned char *bytes, ring_range range,
+              entry_header *header)
+{
+    if (range.end - range.offset < sizeof *header)
+        return false;
+    memcpy(header, bytes, sizeof *header);
+    return is_plausible(area, range.offset, *header) &&
+           header->length <= range.end - range.offset &&
+           header->checksum == checksum_of(area, range.offset, bytes, header->length);
 }
 
 // A write that is cut short is continued, which gives the reason.
@@ -69,18 +86,37 @@ bool is_plausible(const journal_area &area, uint64_t offset, const entry_header 
     if (const int error = read_at(fd, entry->get(), header.length, area.offset + offset);
         error != 0)
         return error;
-    const bool is_whole = memcmp(entry->get(), &header, sizeof header) == 0 &&
-                          header.checksum == checksum_of(area, offset, entry->get(), header.length);
-    return is_whole ? 0 : MDB_NOTFOUND;
+    const bool is_same = memcmp(entry->get(), &header, sizeof header) == 0 &&
+                         header.checksum == checksum_of(area, offset, entry->get(), header.length);
+    return is_same ? 0 : MDB_NOTFOUND;
+}
+
+// Moves `end` over the entries that lie in the next piece of the ring, as far as they are whole.
+[[nodiscard]] int follow_in_piece(int fd, const journal_area &area, journal_end *end)
+{
+    constexpr uint64_t piece_size = 16 * 1024;
+    const uint64_t start = end->offset;
+    const uint64_t stop = start + std::min(piece_size, area.size - start);
+    const block<unsigned char> piece(static_cast<unsigned char *>(malloc(stop - start)));
+    if (piece == nullptr)
+        return ENOMEM;
+    if (const int error = read_at(fd, piece.get(), stop - start, area.offset + start); error != 0)
+        return error;
+    entry_header header;
+    while (is_whole(area, piece.get() + (end->offset - start), {end->offset, stop}, &header) &&
+           header.sequence == end->next_sequence)
+        *end = end_behind(end->offset, header);
+    return 0;
 }
 
 // Moves `end` over the entries that other processes wrote behind it.
 [[nodiscard]] int follow(int fd, const journal_area &area, journal_end *end)
 {
     block<unsigned char> entry;
-    int error = 0;
+    int error = read_next_entry(fd, area, end, &entry);
     while (error == 0)
-        error = read_next_entry(fd, area, end, &entry);
+        if ((error = follow_in_piece(fd, area, end)) == 0)
+            error = read_next_entry(fd, area, end, &entry);
     return error == MDB_NOTFOUND ? 0 : error;
 }
 
@@ -157,7 +193,8 @@ int read_next_entry(int fd, const journal_area &area, journal_end *end, block<un
 {
     uint64_t offset = end->offset;
     int error = read_entry(fd, area, offset, end->next_sequence, entry);
-    if (error == MDB_NOTFOUND && offset != first_offset) {
+    // An entry is put at the begin only if the end of the ring may have no room for it.
+    if (error == MDB_NOTFOUND && area.size - offset < area.longest_entry()) {
         offset = first_offset;
         error = read_entry(fd, area, offset, end->next_sequence, entry);
     }
@@ -216,9 +253,7 @@ int copy_ring(int fd, const journal_area &area, block<unsigned char> *ring)
 bool is_entry(const journal_area &area, const unsigned char *ring, uint64_t offset,
               entry_header *header)
 {
-    memcpy(header, ring + offset, sizeof *header);
-    return is_plausible(area, offset, *header) &&
-           header->checksum == checksum_of(area, offset, ring + offset, header->length);
+    return is_whole(area, ring + offset, {offset, area.size}, header);
 }
 
 } // namespace platform
