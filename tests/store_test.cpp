@@ -1045,7 +1045,7 @@ STORE_TEST(writes_into_no_file_of_the_program)
     };
     for (int which = -1; which < 4; ++which)
         for (const int when :
-             {0, 1, 2}) { // without a batch, before its commit, and before a change
+             {0, 1, 2}) { // without a batch, before its commit, and before a long change
             SCOPED_TRACE(std::to_string(which) + " " + std::to_string(when));
             fs::remove_all(state);
             EXPECT_TRUE(passes_in_child([&] {
@@ -1055,7 +1055,8 @@ STORE_TEST(writes_into_no_file_of_the_program)
                 steal(which);
                 const int owned = count_own();
                 EXPECT_EQ(owned, which < 0 ? 4 : 1);
-                const uint32_t status = when == 1 ? kvs_batch_commit() : d.insert(record(2));
+                const uint32_t status =
+                    when == 1 ? kvs_batch_commit() : d.insert(record(2, std::string(70'000, 'x')));
                 EXPECT_TRUE(status == KVS_RC_DESCRIPTORS_LOST || status == KVS_RC_FILES_REPLACED ||
                             (which >= 0 && status == 0))
                     << std::hex << status;

@@ -8,6 +8,18 @@
 
 namespace platform {
 
+// While it exists, the thread is not cancelled. Costs no system call.
+class cancellation_guard {
+public:
+    cancellation_guard() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state_); }
+    cancellation_guard(const cancellation_guard &) = delete;
+    cancellation_guard &operator=(const cancellation_guard &) = delete;
+    ~cancellation_guard() { pthread_setcancelstate(state_, nullptr); }
+
+private:
+    int state_ = 0;
+};
+
 // While it exists, the thread is not cancelled, and a write beyond the limit of a file's size fails
 // with EFBIG instead of ending the process with SIGXFSZ. Nor does a terminal stop the process while
 // it has but this thread: others would wait for the locks that it holds. It is stopped afterwards.
@@ -15,7 +27,6 @@ class interruption_guard {
 public:
     interruption_guard()
     {
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_state_);
         const sigset_t signals = set_of({SIGXFSZ, SIGTSTP, SIGTTIN, SIGTTOU});
         pthread_sigmask(SIG_BLOCK, &signals, &old_mask_);
         // A signal stays pending only where it is blocked.
@@ -31,7 +42,6 @@ public:
             sigtimedwait(&signals, nullptr, &at_once);
         }
         pthread_sigmask(SIG_SETMASK, &old_mask_, nullptr);
-        pthread_setcancelstate(cancel_state_, nullptr);
     }
 
 private:
@@ -49,7 +59,7 @@ private:
         return sigpending(&pending) == 0 && sigismember(&pending, SIGXFSZ) == 1;
     }
 
-    int cancel_state_ = 0;
+    cancellation_guard uncancelled_;
     bool was_pending_ = false;
     sigset_t old_mask_;
 };

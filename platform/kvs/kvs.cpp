@@ -191,8 +191,9 @@ PLATFORM_EXPORT uint32_t kvs_write_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p,
         what.bytes = bytes.get();
         if (!keeps_key(what, key_of(*rec_p)))
             return KVS_RC_KEY_CHANGED;
-        status = write_records(
-            hdl, [&](const write_transaction &in) { return write_into(in, *rec_p, what); });
+        status = write_records(hdl, what.length, [&](const write_transaction &in) {
+            return write_into(in, *rec_p, what);
+        });
     }
     if (status == 0)
         *result_p = {};
@@ -218,8 +219,9 @@ PLATFORM_EXPORT uint32_t kvs_insert_object(kvs_hdl hdl, const kvs_data_desc *dat
         return KVS_RC_NO_MEMORY;
     gather_data(data_p, data_count, value.get());
     kvs_rec_hdl handle = 0;
-    const uint32_t status = write_records(
-        hdl, [&](const write_transaction &in) { return in.insert(value.get(), length, &handle); });
+    const uint32_t status = write_records(hdl, length, [&](const write_transaction &in) {
+        return in.insert(value.get(), length, &handle);
+    });
     if (status == 0 || status == KVS_RC_TOLERATED_ON_INSERT)
         *rec_p = handle;
     return status;
@@ -229,7 +231,7 @@ PLATFORM_EXPORT uint32_t kvs_delete_object(kvs_hdl hdl, const kvs_rec_hdl *rec_p
 {
     if (rec_p == nullptr)
         return KVS_RC_NULL_ARG;
-    return write_records(hdl, [&](const write_transaction &in) { return in.remove(*rec_p); });
+    return write_records(hdl, 0, [&](const write_transaction &in) { return in.remove(*rec_p); });
 }
 
 PLATFORM_EXPORT uint32_t kvs_verify(kvs_hdl hdl)

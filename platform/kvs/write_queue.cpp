@@ -132,6 +132,19 @@ void wait_for_wake(sem_t &wake)
 
 } // namespace
 
+bool is_in_memory_batch(kvs_hdl hdl, uint32_t length, call_context *call)
+{
+    // The engine has room for 131,072 changed pages, and looks for room for twice a change.
+    constexpr size_t most_pages = 131'072 / database_limit / 4;
+    constexpr uint32_t longest_change = 64 * 1024;
+    const thread_context *const thread = cached_context;
+    MDB_stat tree;
+    return thread != nullptr && thread->open_batch.store != nullptr && length <= longest_change &&
+           make_call_context(hdl, call) == 0 && call->in_batch() &&
+           mdb_stat(thread->open_batch.txn, call->database->tree.dbi, &tree) == 0 &&
+           tree.ms_branch_pages + tree.ms_leaf_pages + tree.ms_overflow_pages <= most_pages;
+}
+
 uint32_t write_in_turn(const call_context &call, const change_maker &maker)
 {
     store &store = *call.store;

@@ -20,24 +20,35 @@ struct change_maker {
 // Makes a change outside of a batch and commits it. Returns a status.
 [[nodiscard]] uint32_t write_in_turn(const call_context &call, const change_maker &maker);
 
-// Calls `work` with a write_transaction, and commits if it comes to success. In a batch nothing is
-// committed.
+// Returns whether the call belongs to a batch of the thread, and the engine, which writes pages
+// before the commit when it has many changed ones, keeps all of them in memory during a change of
+// this length.
+[[nodiscard]] bool is_in_memory_batch(kvs_hdl hdl, uint32_t length, call_context *call);
+
 template <class Work>
-[[nodiscard]] uint32_t write_records(kvs_hdl hdl, const Work &work)
+[[nodiscard]] uint32_t write_in_batch(const call_context &call, const Work &work)
 {
-    const interruption_guard guard;
+    const attempt result = work(write_transaction(call.thread->open_batch.txn, *call.database,
+                                                  call.store->journal.changes));
+    return result.engine_error != 0 ? break_batch(*call.thread, result.engine_error)
+                                    : result.status;
+}
+
+// Calls `work` with a write_transaction, and commits if it comes to success. In a batch nothing is
+// committed. `length` is that of the record's bytes that are written.
+template <class Work>
+[[nodiscard]] uint32_t write_records(kvs_hdl hdl, uint32_t length, const Work &work)
+{
+    const cancellation_guard uncancelled;
     call_context call;
+    if (is_in_memory_batch(hdl, length, &call))
+        return write_in_batch(call, work);
+    const interruption_guard guard;
     if (const uint32_t status = make_call_context(hdl, &call); status != 0)
         return status;
     if (call.in_batch()) {
-        // A transaction that outgrows its memory writes pages before it is committed.
         const int lost = check_data_descriptor(call.store->environment);
-        const attempt result =
-            lost != 0 ? with_engine_error(lost)
-                      : work(write_transaction(call.thread->open_batch.txn, *call.database,
-                                               call.store->journal.changes));
-        return result.engine_error != 0 ? break_batch(*call.thread, result.engine_error)
-                                        : result.status;
+        return lost != 0 ? break_batch(*call.thread, lost) : write_in_batch(call, work);
     }
     const auto make = [](const void *what, const write_transaction &in) {
         return (*static_cast<const Work *>(what))(in);
