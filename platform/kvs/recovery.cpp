@@ -23,8 +23,11 @@ namespace {
 
 [[nodiscard]] int finish_under_exclusive_access(store &store)
 {
-    const exclusive_access access(store);
-    return finish_interrupted_commits(store);
+    exclusive_access access(store);
+    const int error = finish_interrupted_commits(store);
+    if (error != 0)
+        access.close_environment();
+    return error;
 }
 
 [[nodiscard]] uint32_t recover(store &store, thread_context &thread, int error, uint64_t epoch)
