@@ -1,5 +1,4 @@
 #include "torture.h"
-
 #include "vs_kvs.h"
 
 #include <algorithm>

@@ -24,7 +24,7 @@ struct recording {
 };
 
 inline recording *tape = nullptr;
-inline bool is_recording = false; // in this process
+inline bool is_recording = false;  // in this process
 inline dice *lost_syncs = nullptr; // decide which flushes fail; none if null
 
 const event &record(what kind, off_t offset = 0, const iovec *parts = nullptr, int count = 0);

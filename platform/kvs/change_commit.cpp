@@ -8,6 +8,7 @@
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment_info.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <unistd.h>
@@ -120,6 +121,16 @@ void set_header_flush(MDB_env *environment, bool on)
     return 0;
 }
 
+// Closes the databases that only an entry named.
+void close_unbound(store &store)
+{
+    const database *const first = store.databases, *const end = first + store.database_count;
+    for (MDB_dbi dbi = first_named_database; dbi < first_named_database + open_database_limit;
+         ++dbi)
+        if (std::none_of(first, end, [&](const database &bound) { return bound.tree.dbi == dbi; }))
+            mdb_dbi_close(store.environment, dbi);
+}
+
 // Finishes the commit that the transaction is the second attempt at, or removes its entry if the
 // commit had failed, or if the entry is a summary, which says too little: that commit was never
 // acknowledged, since its header is missing. Ends the transaction.
@@ -136,8 +147,11 @@ void set_header_flush(MDB_env *environment, bool on)
     const bool is_void = header.is_summary != 0 || journal.failed_commit == commit_number;
     if (error == 0 && !is_void)
         error = apply_entry(txn, ring.get() + offset);
-    if (error == 0 && !is_void)
-        return commit(store, txn, false);
+    if (error == 0 && !is_void) {
+        error = commit(store, txn, false);
+        close_unbound(store);
+        return error;
+    }
     mdb_txn_abort(txn);
     return error != 0 ? error : strike(journal, info, offset, commit_number);
 }

@@ -84,7 +84,7 @@ constexpr size_t first_map_size = 4 * 1024 * 1024;
     int error = mdb_env_create(&environment);
     if (error != 0)
         return error;
-    if ((error = mdb_env_set_maxdbs(environment, database_limit)) == 0 &&
+    if ((error = mdb_env_set_maxdbs(environment, open_database_limit)) == 0 &&
         (error = mdb_env_set_mapsize(environment, first_map_size)) == 0)
         error = mdb_env_open(environment, path, MDB_NOSUBDIR | MDB_NOTLS | flags, file_mode);
     if (error != 0) {
