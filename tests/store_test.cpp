@@ -32,6 +32,8 @@ bool fails(bool allocates = false)
         return false;
     if (!fault_stays)
         good_calls = INT_MAX;
+    if (fault == ECANCELED) // the process is
+        kill(getpid(), SIGKILL);
     errno = fault;
     return true;
 }
@@ -745,6 +747,134 @@ STORE_TEST(survives_a_disk_and_a_memory_that_fail)
             } while (met);
             EXPECT_GT(n, 15);
         }
+}
+
+// Reads what is left of the journal's changes, and checks their order.
+std::vector<uint32_t> read_kinds(kvs_journal *journal)
+{
+    std::vector<uint32_t> kinds;
+    kvs_change change;
+    uint64_t last = 0;
+    while (kvs_journal_next(journal, &change) == 0) {
+        EXPECT_TRUE(last == 0 || change.sequence == last + 1) << last << ' ' << change.sequence;
+        last = change.sequence;
+        kinds.push_back(change.kind);
+    }
+    return kinds;
+}
+
+kvs_journal *open_journal(const db &of, uint64_t first)
+{
+    kvs_journal *journal = nullptr;
+    EXPECT_EQ(kvs_journal_open(of.hdl, first, &journal), 0u);
+    return journal;
+}
+
+// Others finish the commit of a writer that is killed between the writes of it, although they know
+// neither its database nor the size that it gave the map; but not that of a batch too long.
+STORE_TEST(finishes_what_a_killed_writer_has_begun)
+{
+    const db d;
+    kvs_journal *const journal = open_journal(d, KVS_JOURNAL_NEXT);
+    for (uint32_t key = 0; key < 40; ++key) {
+        SCOPED_TRACE(key);
+        const std::string name = "db " + std::to_string(key), body(150'000, 'x');
+        const bool is_long = key % 8 == 7;
+        EXPECT_EQ(finish(start_in_child([&] {
+                      const db own(name.c_str());
+                      EXPECT_EQ(own.bound, 0u);
+                      EXPECT_EQ(is_long ? own.fill(key + 1, 3, body) : 0, 0u);
+                      fault = ECANCELED, good_calls = calls + static_cast<int>(key % 4);
+                      is_long ? kvs_batch_commit() : own.insert(record(key, body));
+                  })),
+                  128 + SIGKILL);
+        const bool is_whole = key % 4 != 0 && !is_long;
+        if (key % 3 == 0) { // a newcomer finishes it, or this process
+            EXPECT_TRUE(
+                passes_in_child([&] { EXPECT_EQ(db(name.c_str()).all().size(), is_whole); }));
+        }
+        EXPECT_EQ(d.insert(record(key)), 0u);
+        EXPECT_TRUE(passes_in_child([&] { EXPECT_EQ(db(name.c_str()).all().size(), is_whole); }));
+        EXPECT_EQ(read_kinds(journal),
+                  std::vector<uint32_t>(is_whole ? 2 : 1, KVS_CHANGE_INSERTED));
+    }
+    EXPECT_EQ(d.all().size(), 40u);
+    kvs_journal_close(journal);
+}
+
+// While a batch is open, threads gather that share the next commit.
+STORE_TEST(commits_the_changes_of_waiting_threads_together)
+{
+    constexpr uint32_t threads = 20;
+    const db d;
+    ASSERT_EQ(d.insert(record(0, "old")), 0u);
+    for (const uint32_t length : {10u, 60'000u}) // together too long for an entry of the journal
+        for (const int error : {0, EIO}) {
+            SCOPED_TRACE(std::to_string(length) + " " + std::to_string(error));
+            kvs_journal *const journal = open_journal(d, KVS_JOURNAL_NEXT);
+            const uint32_t first = length + 1000u * (error != 0);
+            EXPECT_EQ(kvs_batch_begin(d.hdl), 0u);
+            std::atomic<uint32_t> ready{0};
+            std::vector<std::jthread> all;
+            for (uint32_t i = 0; i < threads; ++i)
+                all.emplace_back([&, i] {
+                    ++ready;
+                    const uint32_t expected[] = {0, KVS_RC_RECORD_EXISTS, KVS_RC_NO_SUCH_RECORD};
+                    const uint32_t status =
+                        i % 5 == 1   ? d.insert(record(0, "new"))
+                        : i % 5 == 2 ? d.remove(first + i)
+                                     : d.insert(record(first + i, std::string(length, 'x')));
+                    EXPECT_EQ(status, expected[i % 5 < 3 ? i % 5 : 0]);
+                });
+            EXPECT_TRUE(comes([&] { return ready == threads; }));
+            usleep(100'000);
+            flushes = 0;
+            fault = error, good_calls = error != 0 ? calls.load() : INT_MAX;
+            EXPECT_EQ(kvs_batch_abort(), 0u);
+            all.clear();
+            fault = 0, good_calls = INT_MAX;
+            EXPECT_LT(flushes, 12 + 2 * (error != 0)); // for twelve changes
+            EXPECT_EQ(read_kinds(journal), std::vector<uint32_t>(12, KVS_CHANGE_INSERTED));
+            kvs_journal_close(journal);
+        }
+    EXPECT_EQ(d.all().size(), 1u + 4 * 12);
+}
+
+STORE_TEST(wakes_those_that_wait_for_a_change)
+{
+    setenv("VS_JOURNAL_SIZE", "64K", 1);
+    const db d;
+    auto &waits = shared<std::atomic<bool>>();
+    kvs_journal *const journal = open_journal(d, KVS_JOURNAL_NEXT);
+    EXPECT_EQ(kvs_journal_wait(journal, 20), KVS_RC_NO_CHANGE);
+    const pid_t waiter = start_in_child([&] {
+        waits = true;
+        EXPECT_EQ(kvs_journal_wait(journal, 1000 * patience), 0u);
+        EXPECT_EQ(read_kinds(journal), std::vector<uint32_t>(1, KVS_CHANGE_INSERTED));
+        struct sigaction action {};
+        action.sa_handler = [](int) {};
+        sigaction(SIGUSR1, &action, nullptr);
+        waits = false;
+        EXPECT_EQ(kvs_journal_wait(journal, 1000 * patience), KVS_RC_NO_CHANGE);
+        waits = true;
+    });
+    EXPECT_TRUE(comes([&] { return waits.load(); }));
+    EXPECT_EQ(d.insert(record(0)), 0u);
+    EXPECT_TRUE(comes([&] { return !waits; }));
+    EXPECT_TRUE(comes([&] { return usleep(1000), kill(waiter, SIGUSR1), waits.load(); }));
+    EXPECT_EQ(finish(waiter), 0);
+
+    size_t seen = read_kinds(journal).size(); // of the reader that keeps up
+    for (uint32_t key = 1; key < 300; ++key, seen += read_kinds(journal).size())
+        EXPECT_EQ(d.insert(record(key, std::string(key * 5, 'x'))), 0u);
+    EXPECT_EQ(seen, 300u);
+    kvs_journal_close(journal);
+    for (const uint64_t first : {KVS_JOURNAL_OLDEST, UINT64_C(1), UINT64_C(290), UINT64_C(301)}) {
+        kvs_journal *const from = open_journal(d, first);
+        const size_t count = read_kinds(from).size();
+        EXPECT_TRUE(first < 290 ? count > 20 && count < 290 : count == 301 - first) << count;
+        kvs_journal_close(from);
+    }
 }
 
 STORE_TEST(computes_the_same_checksum_in_both_ways)

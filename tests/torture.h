@@ -36,6 +36,11 @@ contents stored();
 enum class finding { before, after, wrong };
 finding judge(const contents &found, const contents &before, const contents &after);
 
+// Checks that the journal's changes follow one another without a gap, that each begins with what
+// the one before it left of its record, and that the last ones left what is stored. Returns the
+// last change's transaction.
+uint64_t check_journal(const contents &found);
+
 extern const fs::path &root; // of all state directories
 fs::path use_new_state(const char *name);
 

@@ -3,10 +3,12 @@
 #include "jobctl.h"
 #include "platform/base/clock.h"
 #include "platform/kvs/commit_wait.h"
+#include "platform/kvs/data_file.h"
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment_info.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <unistd.h>
@@ -54,13 +56,17 @@ void set_header_flush(MDB_env *environment, bool on)
     return error;
 }
 
-// Finds whether the journal has commits that the engine does not have.
+// Finds whether the journal has commits that the engine does not have. They may come to nothing, so
+// then the end is to be looked for anew.
 [[nodiscard]] int check_interrupted(store &store, int fd, uint64_t last_commit)
 {
     store_journal &journal = store.journal;
     if (const int error = find_end(fd, journal.area, last_commit, &journal.end); error != 0)
         return error;
-    return journal.end.last_transaction > last_commit ? interrupted_commit : 0;
+    if (journal.end.last_transaction <= last_commit)
+        return 0;
+    journal.end = {};
+    return interrupted_commit;
 }
 
 [[nodiscard]] int apply_entry(MDB_txn *txn, const unsigned char *entry)
@@ -91,34 +97,63 @@ void set_header_flush(MDB_env *environment, bool on)
     return *found != 0 ? 0 : MDB_CORRUPTED;
 }
 
-[[nodiscard]] int strike(store_journal &journal, int fd, uint64_t offset, uint64_t commit)
+// Removes the entry of a commit that failed, maybe because of a flush, which may have lost the
+// header of the commit before it then.
+[[nodiscard]] int strike(store_journal &journal, const environment_info &info, uint64_t offset,
+                         uint64_t commit)
 {
     journal.end = {};
-    const int error = strike_entry(fd, journal.area, offset);
+    int error = rewrite_header(info, commit - 1);
+    const int failed = strike_entry(info.fd, journal.area, offset);
+    error = error != 0 ? error : failed;
     journal.failed_commit = error != 0 ? commit : 0;
+    journal.failed_offset = offset;
     return error;
+}
+
+// Does what could not be done when a commit failed, unless the commit has been made since.
+[[nodiscard]] int strike_failed(store_journal &journal, const environment_info &info,
+                                uint64_t next_commit)
+{
+    if (journal.failed_commit == next_commit)
+        return strike(journal, info, journal.failed_offset, next_commit);
+    journal.failed_commit = 0;
+    return 0;
+}
+
+// Closes the databases that only an entry named.
+void close_unbound(store &store)
+{
+    const database *const first = store.databases, *const end = first + store.database_count;
+    for (MDB_dbi dbi = first_named_database; dbi < first_named_database + open_database_limit;
+         ++dbi)
+        if (std::none_of(first, end, [&](const database &bound) { return bound.tree.dbi == dbi; }))
+            mdb_dbi_close(store.environment, dbi);
 }
 
 // Finishes the commit that the transaction is the second attempt at, or removes its entry if the
 // commit had failed, or if the entry is a summary, which says too little: that commit was never
 // acknowledged, since its header is missing. Ends the transaction.
-[[nodiscard]] int finish_commit(store &store, int fd, MDB_txn *txn)
+[[nodiscard]] int finish_commit(store &store, const environment_info &info, MDB_txn *txn)
 {
     store_journal &journal = store.journal;
     const size_t commit_number = mdb_txn_id(txn);
     block<unsigned char> ring;
     uint64_t offset = 0;
     entry_header header{};
-    int error = copy_ring(fd, journal.area, &ring);
+    int error = copy_ring(info.fd, journal.area, &ring);
     if (error == 0)
         error = find_entry(journal.area, ring.get(), commit_number, &offset, &header);
     const bool is_void = header.is_summary != 0 || journal.failed_commit == commit_number;
     if (error == 0 && !is_void)
         error = apply_entry(txn, ring.get() + offset);
-    if (error == 0 && !is_void)
-        return commit(store, txn, false);
+    if (error == 0 && !is_void) {
+        error = commit(store, txn, false);
+        close_unbound(store);
+        return error;
+    }
     mdb_txn_abort(txn);
-    return error != 0 ? error : strike(journal, fd, offset, commit_number);
+    return error != 0 ? error : strike(journal, info, offset, commit_number);
 }
 
 // Finishes one commit, under the writers' lock. Returns interrupted_commit if there may be another.
@@ -134,20 +169,18 @@ void set_header_flush(MDB_env *environment, bool on)
     error = check_interrupted(store, info.fd, mdb_txn_id(txn) - 1);
     if (error != interrupted_commit)
         mdb_txn_abort(txn);
-    else if ((error = finish_commit(store, info.fd, txn)) == 0)
+    else if ((error = finish_commit(store, info, txn)) == 0)
         error = interrupted_commit;
     release_writer_lock(store.environment);
     return error;
 }
 
-// A map that was made for what the header says may be too small for a commit that is finished.
-[[nodiscard]] int enlarge_map_after(MDB_env *environment, int error)
+// Makes room for what an interrupted commit or another process has added.
+[[nodiscard]] int enlarge_map_for(MDB_env *environment, int error)
 {
     environment_info info;
     if (error == MDB_MAP_RESIZED)
         return mdb_env_set_mapsize(environment, 0);
-    if (error != MDB_MAP_FULL)
-        return error;
     error = get_environment_info(environment, &info);
     return error != 0 ? error : mdb_env_set_mapsize(environment, 2 * info.map_size);
 }
@@ -156,15 +189,14 @@ void set_header_flush(MDB_env *environment, bool on)
 
 int finish_interrupted_commits(store &store)
 {
-    for (;;) {
-        const int error = finish_next_commit(store);
-        if (error == 0 || error == writer_is_busy)
-            return 0;
-        if (error == interrupted_commit)
-            continue;
-        if (const int failed = enlarge_map_after(store.environment, error); failed != 0)
-            return failed;
+    int error = interrupted_commit;
+    while (error == interrupted_commit) {
+        error = finish_next_commit(store);
+        if ((error == MDB_MAP_FULL || error == MDB_MAP_RESIZED) &&
+            (error = enlarge_map_for(store.environment, error)) == 0)
+            error = interrupted_commit;
     }
+    return error == writer_is_busy ? 0 : error;
 }
 
 int open_journal(store &store)
@@ -193,7 +225,9 @@ int begin_change(store &store, MDB_txn **txn)
     if (error != 0)
         return error;
     store.journal.changes.reset(store.journal.area.longest_entry());
-    error = check_interrupted(store, info.fd, mdb_txn_id(*txn) - 1);
+    error = strike_failed(store.journal, info, mdb_txn_id(*txn));
+    if (error == 0)
+        error = check_interrupted(store, info.fd, mdb_txn_id(*txn) - 1);
     if (error != 0)
         abort_change(store, *txn);
     return error;
@@ -220,7 +254,7 @@ int commit_change(store &store, MDB_txn *txn)
     const size_t number = mdb_txn_id(txn);
     error = commit(store, txn, journal.changes.is_summary());
     if (error != 0)
-        static_cast<void>(strike(journal, info.fd, journal.end.last_offset, number));
+        static_cast<void>(strike(journal, info, journal.end.last_offset, number));
     release_writer_lock(store.environment);
     return error;
 }

@@ -22,7 +22,8 @@ namespace platform {
 [[nodiscard]] int open_journal(store &store);
 
 // Finishes the commits that the journal has and the engine does not, unless another process has the
-// writers' lock, which has done so. No other thread is in the store.
+// writers' lock, which has done so. No other thread is in the store. After an error the environment
+// may be useless.
 [[nodiscard]] int finish_interrupted_commits(store &store);
 
 // Begins a write transaction without changes; the process's writer lock is held until it ends.

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace platform {
 
@@ -145,6 +146,16 @@ int check_last_commit(MDB_env *environment)
         if (left == 0)
             return files_replaced;
     }
+}
+
+int rewrite_header(const environment_info &info, uint64_t commit)
+{
+    meta_data meta;
+    const uint64_t offset = (commit & 1) * info.page_size;
+    if (const int error = read_at(info.fd, &meta, sizeof meta, offset); error != 0)
+        return error;
+    const ssize_t written = pwrite(info.fd, &meta, sizeof meta, static_cast<off_t>(offset));
+    return written == sizeof meta ? 0 : written < 0 ? errno : EIO;
 }
 
 int map_commit_numbers(MDB_env *environment, commit_numbers *numbers)

@@ -5,6 +5,7 @@
 // the numbers of the last commits are read from here without entering the engine.
 #pragma once
 
+#include "platform/kvs/environment_info.h"
 #include "platform/kvs/page_walk.h"
 
 #include <algorithm>
@@ -44,6 +45,10 @@ struct commit_numbers {
     const uint64_t *first;
     const uint64_t *second;
 };
+
+// Writes the header of a commit anew, under the writers' lock. A flush that failed leaves it marked
+// as written, on disk or not. Returns 0 or an error.
+[[nodiscard]] int rewrite_header(const environment_info &info, uint64_t commit);
 
 // Maps the headers for as long as the process lives. Returns 0 or an error.
 [[nodiscard]] int map_commit_numbers(MDB_env *environment, commit_numbers *numbers);

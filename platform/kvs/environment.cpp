@@ -54,7 +54,8 @@ namespace {
 int open_environment(store &store, int dir, bool create)
 {
     store.files = {};
-    int error = open_environment_files(dir, create, &store.files, &store.environment);
+    descriptor opening; // held until the journal is opened: whoever opens the store later reads all
+    int error = open_environment_files(dir, create, &opening, &store.files, &store.environment);
     if (error == 0 &&
         ((error = open_commit_numbers(store)) != 0 || (error = open_journal(store)) != 0)) {
         close_environment(store.environment);
@@ -70,7 +71,9 @@ int reopen_environment(store &store)
     access.close_environment();
     if (!is_open_as(store.dir, store.dir_identity))
         return descriptors_lost;
-    int error = open_environment_files(store.dir, false, &store.files, &store.environment);
+    descriptor opening;
+    int error =
+        open_environment_files(store.dir, false, &opening, &store.files, &store.environment);
     if (error == ENOENT)
         return files_replaced;
     if (error == 0 && ((error = open_journal(store)) != 0 || (error = open_databases(store)) != 0))

@@ -18,22 +18,54 @@ entry_header header_of(const block<unsigned char> &entry)
     return header;
 }
 
-// Finds the first entry with changes from `next_sequence` on among all that are kept.
+struct found_entry {
+    uint64_t offset = 0; // in the ring; 0 if there is none
+    entry_header header = {};
+};
+
+// Finds the first entry with changes from `next_sequence` on, among those that follow one another
+// without a gap up to the last commit. Older ones may be left where the ring ends: the next round
+// need not come as far.
+[[nodiscard]] found_entry first_entry(const journal_area &area, const unsigned char *ring,
+                                      uint64_t last_commit, uint64_t next_sequence)
+{
+    found_entry last, first;
+    const auto for_each = [&](const auto &found) {
+        for_each_entry(area, ring, [&](uint64_t offset, const entry_header &header) {
+            if (header.transaction <= last_commit)
+                found(offset, header);
+        });
+    };
+    for_each([&](uint64_t offset, const entry_header &header) {
+        if (header.sequence >= last.header.sequence)
+            last = {offset, header};
+    });
+    uint64_t next = 0;
+    const auto follow = [&](uint64_t offset, const entry_header &header) {
+        if (header.sequence < next)
+            return;
+        if (header.sequence != next)
+            first = {};
+        next = header.sequence + header.change_count;
+        if (first.offset == 0 && next > next_sequence)
+            first = {offset, header};
+    };
+    for (const bool is_older_part : {true, false})
+        for_each([&](uint64_t offset, const entry_header &header) {
+            if ((offset > last.offset) == is_older_part)
+                follow(offset, header);
+        });
+    return first;
+}
+
+// Moves to the first entry to be read among all that are kept.
 [[nodiscard]] int search_entry(int fd, const journal_area &area, uint64_t last_commit,
                                kvs_journal *journal)
 {
     block<unsigned char> ring;
     if (const int error = copy_ring(fd, area, &ring); error != 0)
         return error;
-    uint64_t found = 0;
-    entry_header first{};
-    for_each_entry(area, ring.get(), [&](uint64_t offset, const entry_header &header) {
-        if (header.sequence + header.change_count > journal->next_sequence &&
-            header.transaction <= last_commit && (found == 0 || header.sequence < first.sequence)) {
-            found = offset;
-            first = header;
-        }
-    });
+    const auto [found, first] = first_entry(area, ring.get(), last_commit, journal->next_sequence);
     if (found == 0)
         return MDB_NOTFOUND;
     journal->position = end_behind(found, first);

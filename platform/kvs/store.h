@@ -65,8 +65,9 @@ struct store_journal {
     journal_end end;
     change_author author = {};
     entry_builder changes;
-    // Of a commit that failed, if its entry could not be removed yet; else 0.
+    // Of a commit that failed, if its entry could not be removed durably yet; else 0.
     uint64_t failed_commit = 0;
+    uint64_t failed_offset = 0;
 };
 
 // The changes that wait for a commit; see write_queue.h.

@@ -84,7 +84,7 @@ constexpr size_t first_map_size = 4 * 1024 * 1024;
     int error = mdb_env_create(&environment);
     if (error != 0)
         return error;
-    if ((error = mdb_env_set_maxdbs(environment, database_limit)) == 0 &&
+    if ((error = mdb_env_set_maxdbs(environment, open_database_limit)) == 0 &&
         (error = mdb_env_set_mapsize(environment, first_map_size)) == 0)
         error = mdb_env_open(environment, path, MDB_NOSUBDIR | MDB_NOTLS | flags, file_mode);
     if (error != 0) {
@@ -246,10 +246,10 @@ int open_data_file(int dir, descriptor *file)
     return file->valid() ? 0 : errno;
 }
 
-int open_environment_files(int dir, bool create, open_files *files, MDB_env **environment_p)
+int open_environment_files(int dir, bool create, descriptor *opening, open_files *files,
+                           MDB_env **environment_p)
 {
-    descriptor lock;
-    if (const int error = lock_opening(dir, create, &lock); error != 0)
+    if (const int error = lock_opening(dir, create, opening); error != 0)
         return error;
     struct stat pid_namespace;
     if (stat("/proc/self/ns/pid", &pid_namespace) != 0)

@@ -16,8 +16,9 @@ namespace platform {
 // Fills `files`; if they have an identity already, the data file must be that one. Returns 0 or an
 // error: ENOENT if the store is missing, ELOOP if one of its files is not a regular file, or
 // files_replaced, no_proc or other_namespace. The process may have no other environment of the
-// store open, except one that was inherited through a fork and is not used any more.
-[[nodiscard]] int open_environment_files(int dir, bool create, open_files *files,
-                                         MDB_env **environment_p);
+// store open, except one that was inherited through a fork and is not used any more. No other
+// process opens the store as long as the caller keeps `opening`.
+[[nodiscard]] int open_environment_files(int dir, bool create, descriptor *opening,
+                                         open_files *files, MDB_env **environment_p);
 
 } // namespace platform

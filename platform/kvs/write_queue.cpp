@@ -73,6 +73,10 @@ void appoint_next_leader(write_queue &queue)
         abort_change(store, txn);
         return result;
     }
+    if (store.journal.changes.is_summary() && (*group)->next != nullptr) {
+        abort_change(store, txn); // each would be in the journal if it was written alone
+        return with_status(KVS_RC_BATCH_FULL);
+    }
     return with_engine_error(commit_change(store, txn));
 }
 
@@ -84,19 +88,30 @@ void appoint_next_leader(write_queue &queue)
                                 [&] { return write_group(store, group); });
 }
 
-// One that fails takes nothing with it: each is written on its own then.
-void write_singly(store &store, thread_context &thread, write_request *group)
+[[nodiscard]] write_request *middle_of(write_request *list)
 {
-    while (group != nullptr) {
-        write_request *const one = group;
-        write_request *const rest = one->next;
-        one->next = nullptr;
-        write_request *alone = one;
-        if (const uint32_t status = write_until_status(store, thread, &alone); status != 0)
-            one->status = status;
-        one->next = rest;
-        group = rest;
+    write_request *middle = list;
+    for (const write_request *end = list->next->next; end != nullptr && end->next != nullptr;
+         end = end->next->next)
+        middle = middle->next;
+    return middle;
+}
+
+// Deals with a list that could not be written together: gives a single request the status, and
+// writes parts of a longer list, so one that fails takes nothing with it.
+void write_parts(store &store, thread_context &thread, write_request *list, uint32_t status)
+{
+    if (list->next == nullptr) {
+        list->status = status;
+        return;
     }
+    write_request *const middle = middle_of(list);
+    write_request *const rest = middle->next;
+    middle->next = nullptr;
+    for (write_request *part : {list, rest})
+        if (const uint32_t failed = write_until_status(store, thread, &part); failed != 0)
+            write_parts(store, thread, part, failed);
+    middle->next = rest;
 }
 
 [[nodiscard]] write_request *write_waiting(store &store, thread_context &thread)
@@ -106,10 +121,8 @@ void write_singly(store &store, thread_context &thread, write_request *group)
     const uint32_t status = write_until_status(store, thread, &group);
     if (group == nullptr)
         group = take_all(store.queue);
-    if (status != 0 && group->next == nullptr)
-        group->status = status;
-    else if (status != 0)
-        write_singly(store, thread, group);
+    if (status != 0)
+        write_parts(store, thread, group, status);
     return group;
 }
 
