@@ -822,6 +822,21 @@ STORE_TEST(verifies_a_large_file_when_asked)
     EXPECT_EQ(kvs_salvage("db", all, nullptr, nullptr), KVS_RC_NULL_ARG);
 }
 
+// A cache is current by the file that is open, and not by one that could not be opened.
+STORE_TEST(leaves_nothing_of_a_file_that_it_could_not_open)
+{
+    EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(db().insert(record(1)), 0u); }));
+    fs::copy_file(state / "store.mdb", state / "whole");
+    plant(nullptr, std::string("\0journal", 8), std::string(5000, 'x'));
+    EXPECT_EQ(db().bound, KVS_RC_DAMAGED);
+    fs::rename(state / "whole", state / "store.mdb");
+    const db d;
+    EXPECT_EQ(d.insert(record(2)), 0u); // as many commits as the damaged file has
+    EXPECT_NE(d.find(1), 0u);
+    EXPECT_TRUE(passes_in_child([&] { EXPECT_EQ(d.remove(d.find(1)), 0u); }));
+    EXPECT_EQ(d.find(1), 0u);
+}
+
 STORE_TEST(gives_out_no_handle_twice_when_there_are_none_left)
 {
     const db d;

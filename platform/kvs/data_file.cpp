@@ -164,4 +164,12 @@ int map_commit_numbers(MDB_env *environment, commit_numbers *numbers)
     return 0;
 }
 
+void unmap_commit_numbers(const commit_numbers &numbers)
+{
+    const uintptr_t headers =
+        reinterpret_cast<uintptr_t>(numbers.first) - offsetof(meta_data, transaction);
+    const auto page_size = static_cast<size_t>(numbers.second - numbers.first) * sizeof(uint64_t);
+    munmap(reinterpret_cast<void *>(headers), 2 * page_size);
+}
+
 } // namespace platform

@@ -45,8 +45,9 @@ struct commit_numbers {
     const uint64_t *second;
 };
 
-// Maps the headers for as long as the process lives. Returns 0 or an error.
+// Maps the headers, and not only as long as the environment is open. Returns 0 or an error.
 [[nodiscard]] int map_commit_numbers(MDB_env *environment, commit_numbers *numbers);
+void unmap_commit_numbers(const commit_numbers &numbers);
 
 inline uint64_t last_commit(const commit_numbers &numbers)
 {
