@@ -820,6 +820,15 @@ STORE_TEST(verifies_a_large_file_when_asked)
     EXPECT_EQ(kvs_salvage(nullptr, all, nullptr, &result), KVS_RC_NULL_ARG);
     EXPECT_EQ(kvs_salvage("db", nullptr, nullptr, &result), KVS_RC_NULL_ARG);
     EXPECT_EQ(kvs_salvage("db", all, nullptr, nullptr), KVS_RC_NULL_ARG);
+
+    EXPECT_TRUE(passes_in_child([&] { // in headers that no commit writes again
+        const db d;
+        std::fstream file(data, std::ios::in | std::ios::out);
+        for (const int header : {0, 1})
+            file.seekp(header * sysconf(_SC_PAGESIZE) + 144).write("\xff", 1).flush();
+        alarm(patience);
+        EXPECT_EQ(kvs_verify(d.hdl), KVS_RC_FILES_REPLACED);
+    }));
 }
 
 // A cache is current by the file that is open, and not by one that could not be opened.
