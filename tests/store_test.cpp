@@ -1066,6 +1066,24 @@ STORE_TEST(forks_while_threads_begin_to_use_it)
         })) << round;
 }
 
+// A thread that waits to open the store anew, for the end of a batch, holds up no fork.
+STORE_TEST(forks_in_a_batch_while_a_reader_waits_for_its_end)
+{
+    alarm(patience);
+    const db d;
+    EXPECT_EQ(d.insert(record(1)), 0u);
+    EXPECT_EQ(d.fill(2, 1), 0u);
+    fs::remove(state / "store.mdb-lock");
+    std::thread reader([&] { EXPECT_EQ(d.all().size(), 1u); });
+    usleep(100'000);
+    EXPECT_TRUE(passes_in_child([&] {
+        alarm(patience);
+        EXPECT_EQ(kvs_verify(d.hdl), KVS_RC_FILES_REPLACED);
+    }));
+    EXPECT_EQ(kvs_batch_commit(), KVS_RC_FILES_REPLACED);
+    reader.join();
+}
+
 // A thread that is cancelled in a call ends after the call, and leaves no lock behind.
 STORE_TEST(leaves_no_lock_when_a_thread_is_cancelled)
 {
