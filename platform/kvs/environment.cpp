@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <sys/mman.h>
-#include <sys/stat.h>
 
 namespace platform {
 namespace {

@@ -55,7 +55,6 @@
 
 #include <atomic>
 #include <pthread.h>
-#include <sys/types.h>
 
 namespace platform {
 
