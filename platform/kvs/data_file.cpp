@@ -3,9 +3,7 @@
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment_info.h"
-#include "platform/kvs/journal.h"
 #include "platform/kvs/page.h"
-#include "platform/kvs/record_value.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -82,26 +80,6 @@ walk_extent extent_for(const environment_info &info, const meta_data &meta)
 }
 
 } // namespace
-
-int write_first_entries(MDB_env *environment, uint64_t journal_size)
-{
-    MDB_txn *txn = nullptr;
-    int error = mdb_txn_begin(environment, nullptr, 0, &txn);
-    if (error != 0)
-        return error;
-    MDB_dbi main = 0;
-    MDB_val name = as_value(format_name, sizeof format_name - 1);
-    const checked_number version = make_checked_number(name, format_version);
-    MDB_val value = as_value(&version, sizeof version);
-    if ((error = mdb_dbi_open(txn, nullptr, 0, &main)) == 0)
-        error = mdb_put(txn, main, &name, &value, 0);
-    if (error == 0)
-        error = create_journal(txn, journal_size);
-    if (error == 0)
-        return mdb_txn_commit(txn);
-    mdb_txn_abort(txn);
-    return error;
-}
 
 int check_header(int fd)
 {

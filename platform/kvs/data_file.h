@@ -25,10 +25,6 @@ bool is_possible(const meta_data &meta);
 // error number.
 [[nodiscard]] int check_header(int fd);
 
-// Writes what a new store begins with: the version of its format, and an empty journal. Returns 0
-// or an error.
-[[nodiscard]] int write_first_entries(MDB_env *environment, uint64_t journal_size);
-
 // Checks the pages of a snapshot, at least to the extent given, and further if they are few, and
 // the version of the format. Returns 0, MDB_CORRUPTED, MDB_VERSION_MISMATCH, EAGAIN if the snapshot
 // is too old for its header to be there still, or another error.

@@ -28,23 +28,23 @@
 //
 //    record  attempt  store_limits  engine_status  environment_info  file_layout  user_marks
 //    file_lock
-//    record_value  record_cache  open_files  journal_entry
+//    record_value  record_cache  open_files  journal_entry  arguments
 //    engine_transactions  write_transaction
 //    page
 //    key_order  journal
-//    page_walk
+//    page_walk  new_data_file
 //    data_file
 //    store_file  damaged_file  commit_wait
 //    salvage
 //    store
 //    change_commit
-//    threads  arguments
+//    threads
 //    call_context  environment
 //    recovery
 //    files_check
 //    binding  batch
 //    write_queue  read_transaction  journal_reader
-//    kvs  salvage_call
+//    kvs  journal_call  salvage_call
 #pragma once
 
 #include "platform/kvs/data_file.h"
