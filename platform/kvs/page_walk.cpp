@@ -1,4 +1,4 @@
-// The engine follows what its pages say, so damage in them makes it crash or show other records.
+// The engine does not check its pages, so damage in them makes it crash or return other records.
 // Here each page of a snapshot is read and checked on its own and against its parent, through the
 // file and not through the map: beyond the end of a file that was cut off, a map raises SIGBUS.
 #include "platform/kvs/page_walk.h"

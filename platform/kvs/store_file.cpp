@@ -98,8 +98,9 @@ constexpr off_t lock_file_size = 64 * 1024; // about a thousand reader slots
     return 0;
 }
 
-// A lock file that is in use is long enough and has no holes: its first user saw to that. Where the
-// file system cannot allocate, allocating writes zeros, which its users would not bear.
+// A lock file that is in use is long enough and has no holes: its first user allocated it. Where
+// the file system cannot allocate, allocating writes zeros, which would destroy the table of its
+// users.
 [[nodiscard]] int allocate_lock_file(int fd)
 {
     struct flock users {};
@@ -132,7 +133,7 @@ constexpr off_t lock_file_size = 64 * 1024; // about a thousand reader slots
 }
 
 // Joins the users of the files, unless they are others than this process can work with. The marks
-// are set before others are looked for, so of two processes at least one sees the other.
+// are set before others are searched for, so of two processes at least one finds the other's.
 [[nodiscard]] int join_users(const open_files &files, ino_t pid_namespace)
 {
     const ino_t data = files.data_identity.inode;
