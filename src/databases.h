@@ -46,7 +46,6 @@ consteval std::array<database_entry, sizeof...(Dbs)> table_of(database_list<Dbs.
     return {{{Dbs::name, &Dbs::handle(), Dbs::selector, &Dbs::layout}...}};
 }
 
-static_assert(is_in_order(databases{}), "a database's index in the list is its selector");
 template <class... Dbs>
 consteval bool are_lengths_kept(database_list<Dbs...>)
 {
@@ -54,6 +53,7 @@ consteval bool are_lengths_kept(database_list<Dbs...>)
                     Dbs::layout.element() == Dbs::bytes.element));
 }
 
+static_assert(is_in_order(databases{}), "a database's index in the list is its selector");
 static_assert(are_layouts_complete(databases{}), "a layout lists every field of its record");
 static_assert(are_lengths_kept(databases{}), "a record's new length is a new format of the store");
 

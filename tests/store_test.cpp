@@ -966,6 +966,30 @@ STORE_TEST(verifies_a_large_file_when_asked)
     EXPECT_EQ(kvs_salvage(nullptr, all, nullptr, &result), KVS_RC_NULL_ARG);
     EXPECT_EQ(kvs_salvage("db", nullptr, nullptr, &result), KVS_RC_NULL_ARG);
     EXPECT_EQ(kvs_salvage("db", all, nullptr, nullptr), KVS_RC_NULL_ARG);
+
+    EXPECT_TRUE(passes_in_child([&] { // in headers that no commit writes again
+        const db d;
+        std::fstream file(data, std::ios::in | std::ios::out);
+        for (const int header : {0, 1})
+            file.seekp(header * sysconf(_SC_PAGESIZE) + 144).write("\xff", 1).flush();
+        alarm(patience);
+        EXPECT_EQ(kvs_verify(d.hdl), KVS_RC_FILES_REPLACED);
+    }));
+}
+
+// A cache is current by the file that is open, and not by one that could not be opened.
+STORE_TEST(leaves_nothing_of_a_file_that_it_could_not_open)
+{
+    EXPECT_TRUE(passes_in_child([] { EXPECT_EQ(db().insert(record(1)), 0u); }));
+    fs::copy_file(state / "store.mdb", state / "whole");
+    plant(nullptr, std::string("\0journal", 8), std::string(5000, 'x'));
+    EXPECT_EQ(db().bound, KVS_RC_DAMAGED);
+    fs::rename(state / "whole", state / "store.mdb");
+    const db d;
+    EXPECT_EQ(d.insert(record(2)), 0u); // as many commits as the damaged file has
+    EXPECT_NE(d.find(1), 0u);
+    EXPECT_TRUE(passes_in_child([&] { EXPECT_EQ(d.remove(d.find(1)), 0u); }));
+    EXPECT_EQ(d.find(1), 0u);
 }
 
 // After a power cut the last commit may be in the journal only; a damaged journal cannot tell.
@@ -1237,6 +1261,24 @@ STORE_TEST(forks_while_threads_begin_to_use_it)
             }));
             user.join();
         })) << round;
+}
+
+// A thread that waits to open the store anew, for the end of a batch, holds up no fork.
+STORE_TEST(forks_in_a_batch_while_a_reader_waits_for_its_end)
+{
+    alarm(patience);
+    const db d;
+    EXPECT_EQ(d.insert(record(1)), 0u);
+    EXPECT_EQ(d.fill(2, 1), 0u);
+    fs::remove(state / "store.mdb-lock");
+    std::thread reader([&] { EXPECT_EQ(d.all().size(), 1u); });
+    usleep(100'000);
+    EXPECT_TRUE(passes_in_child([&] {
+        alarm(patience);
+        EXPECT_EQ(kvs_verify(d.hdl), KVS_RC_FILES_REPLACED);
+    }));
+    EXPECT_EQ(kvs_batch_commit(), KVS_RC_FILES_REPLACED);
+    reader.join();
 }
 
 // A thread that is cancelled in a call ends after the call, and leaves no lock behind.

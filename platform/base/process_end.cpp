@@ -11,7 +11,6 @@
 // trace buffer; for the program's own libraries there is a destructor of the main thread.
 #include "platform/base/process_end.h"
 
-#include <cstdint>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <link.h>

@@ -1,7 +1,7 @@
 #include "platform/kvs/arguments.h"
 
 #include "platform/kvs/record.h"
-#include "platform/kvs/store.h"
+#include "platform/kvs/store_limits.h"
 
 #include <algorithm>
 #include <cstring>

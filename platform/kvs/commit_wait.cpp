@@ -1,5 +1,5 @@
 // The waiting threads sleep on the number that the next commit writes into the file's header. A
-// writer may be killed after that and before it wakes them, so they look again every second.
+// writer may be killed after that and before it wakes them, so they compare it again every second.
 #include "platform/kvs/commit_wait.h"
 
 #include "platform/base/clock.h"

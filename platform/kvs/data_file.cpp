@@ -3,9 +3,7 @@
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/environment_info.h"
-#include "platform/kvs/journal.h"
 #include "platform/kvs/page.h"
-#include "platform/kvs/record_value.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -84,26 +82,6 @@ walk_extent extent_for(const environment_info &info, const meta_data &meta)
 
 } // namespace
 
-int write_first_entries(MDB_env *environment, uint64_t journal_size)
-{
-    MDB_txn *txn = nullptr;
-    int error = mdb_txn_begin(environment, nullptr, 0, &txn);
-    if (error != 0)
-        return error;
-    MDB_dbi main = 0;
-    MDB_val name = as_value(format_name, sizeof format_name - 1);
-    const checked_number version = make_checked_number(name, format_version);
-    MDB_val value = as_value(&version, sizeof version);
-    if ((error = mdb_dbi_open(txn, nullptr, 0, &main)) == 0)
-        error = mdb_put(txn, main, &name, &value, 0);
-    if (error == 0)
-        error = create_journal(txn, journal_size);
-    if (error == 0)
-        return cause_of_failed_write(environment, mdb_txn_commit(txn));
-    mdb_txn_abort(txn);
-    return error;
-}
-
 int check_header(int fd)
 {
     // Another process may be writing a header, but not during all the reads.
@@ -173,6 +151,14 @@ int map_commit_numbers(MDB_env *environment, commit_numbers *numbers)
     };
     *numbers = {number_in(first), number_in(first + info.page_size)};
     return 0;
+}
+
+void unmap_commit_numbers(const commit_numbers &numbers)
+{
+    const uintptr_t headers =
+        reinterpret_cast<uintptr_t>(numbers.first) - offsetof(meta_data, transaction);
+    const auto page_size = static_cast<size_t>(numbers.second - numbers.first) * sizeof(uint64_t);
+    munmap(reinterpret_cast<void *>(headers), 2 * page_size);
 }
 
 } // namespace platform

@@ -26,10 +26,6 @@ bool is_possible(const meta_data &meta);
 // error number.
 [[nodiscard]] int check_header(int fd);
 
-// Writes what a new store begins with: the version of its format, and an empty journal. Returns 0
-// or an error.
-[[nodiscard]] int write_first_entries(MDB_env *environment, uint64_t journal_size);
-
 // Checks the pages of a snapshot, at least to the extent given, and further if they are few, and
 // the version of the format. Returns 0, MDB_CORRUPTED, MDB_VERSION_MISMATCH, EAGAIN if the snapshot
 // is too old for its header to be there still, or another error.
@@ -50,8 +46,9 @@ struct commit_numbers {
 // as written, on disk or not. Returns 0 or an error.
 [[nodiscard]] int rewrite_header(const environment_info &info, uint64_t commit);
 
-// Maps the headers for as long as the process lives. Returns 0 or an error.
+// Maps the headers, and not only as long as the environment is open. Returns 0 or an error.
 [[nodiscard]] int map_commit_numbers(MDB_env *environment, commit_numbers *numbers);
+void unmap_commit_numbers(const commit_numbers &numbers);
 
 inline uint64_t last_commit(const commit_numbers &numbers)
 {

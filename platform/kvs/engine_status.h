@@ -21,7 +21,7 @@ constexpr int interrupted_commit = -7; // a commit is in the journal only
 // Returns the status for an error of the engine or an errno; KVS_RC_IO if there is no closer one.
 [[nodiscard]] uint32_t status_of_engine_error(int error);
 
-// Returns the status for the errno of a state directory that cannot be opened; `create` says
+// Returns the status for the errno of a state directory that cannot be opened; `create` is
 // whether it was to be made.
 [[nodiscard]] uint32_t status_of_state_dir_error(int error, bool create);
 

@@ -9,21 +9,30 @@
 #include <algorithm>
 #include <cerrno>
 #include <sys/mman.h>
-#include <sys/stat.h>
 
 namespace platform {
 namespace {
 
-[[nodiscard]] int open_commit_numbers(store &store)
+void set_commit_numbers(store &store, const commit_numbers &numbers)
 {
-    if (store.first_commit_number != nullptr)
-        return 0;
-    commit_numbers numbers;
-    if (const int failed = map_commit_numbers(store.environment, &numbers); failed != 0)
-        return failed;
-    store.first_commit_number = numbers.first;
-    store.second_commit_number = numbers.second;
-    return 0;
+    store.first_commit_number.store(numbers.first, std::memory_order_release);
+    store.second_commit_number.store(numbers.second, std::memory_order_release);
+}
+
+// Opens what is beside the environment of a new store. Leaves nothing behind on failure: another
+// store may be opened in the same place of the table.
+[[nodiscard]] int open_journal_and_numbers(store &store)
+{
+    commit_numbers numbers{};
+    int error = map_commit_numbers(store.environment, &numbers);
+    if (error != 0)
+        return error;
+    set_commit_numbers(store, numbers);
+    if ((error = open_journal(store)) != 0) {
+        set_commit_numbers(store, {});
+        unmap_commit_numbers(numbers);
+    }
+    return error;
 }
 
 [[nodiscard]] int open_databases(store &store)
@@ -54,10 +63,10 @@ namespace {
 int open_environment(store &store, int dir, bool create)
 {
     store.files = {};
-    descriptor opening; // held until the journal is opened: whoever opens the store later reads all
+    // Held until the journal is opened, so that the next process to open the store reads all of it.
+    descriptor opening;
     int error = open_environment_files(dir, create, &opening, &store.files, &store.environment);
-    if (error == 0 &&
-        ((error = open_commit_numbers(store)) != 0 || (error = open_journal(store)) != 0)) {
+    if (error == 0 && (error = open_journal_and_numbers(store)) != 0) {
         close_environment(store.environment);
         store.environment = nullptr;
     }

@@ -5,7 +5,7 @@
 
 namespace platform {
 
-// All return 0, an error of the engine, or an error number. All but the first need the writer
+// All return 0, an error of the engine, or an error number. All but the first need the environment
 // mutex, and get exclusive access themselves.
 
 // Opens the environment of a store that no other thread can see yet, in the directory `dir`. If

@@ -1,5 +1,5 @@
-// Looking, before a store is read, whether its files are still those that the directory names. A
-// read would never notice: the files that it has open do not change any more.
+// Checking, before a store is read, that its files are still those that the directory names. A read
+// alone would not fail: the files that are open stay as they were.
 #pragma once
 
 #include "platform/kvs/call_context.h"
@@ -8,11 +8,11 @@
 
 namespace platform {
 
-// Both return 0 or a status. A thread within a batch of the store does not look; its commit does.
+// Both return 0 or a status. Within a batch of the store nothing is checked before the commit.
 
 [[nodiscard]] uint32_t check_files_now(store &store, thread_context &thread);
 
-// Looks only if no reader has done so for a tenth of a second.
+// Checks only if no reader has done so for a tenth of a second.
 [[nodiscard]] inline uint32_t check_files_at_times(store &store, thread_context &thread)
 {
     timespec now;

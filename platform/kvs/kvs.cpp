@@ -1,13 +1,11 @@
-// The functions of kvs.h: the checks of their arguments, and their results.
+// The functions of kvs.h on records and batches: the checks of their arguments, and their results.
 #include "kvs.h"
 
-#include "platform/base/clock.h"
 #include "platform/base/export.h"
 #include "platform/kvs/arguments.h"
 #include "platform/kvs/batch.h"
 #include "platform/kvs/binding.h"
 #include "platform/kvs/file_lock.h"
-#include "platform/kvs/journal_reader.h"
 #include "platform/kvs/read_transaction.h"
 #include "platform/kvs/write_queue.h"
 
@@ -239,35 +237,6 @@ PLATFORM_EXPORT uint32_t kvs_verify(kvs_hdl hdl)
     read_transaction reading;
     return reading.verify(hdl);
 }
-
-PLATFORM_EXPORT uint32_t kvs_journal_open(kvs_hdl hdl, uint64_t first, kvs_journal **journal_pp)
-{
-    if (journal_pp == nullptr)
-        return KVS_RC_NULL_ARG;
-    return open_reader(hdl, first, journal_pp);
-}
-
-PLATFORM_EXPORT uint32_t kvs_journal_next(kvs_journal *journal_p, kvs_change *change_p)
-{
-    if (journal_p == nullptr || change_p == nullptr)
-        return KVS_RC_NULL_ARG;
-    for (;;) {
-        if (const uint32_t status = fetch_entry(journal_p); status != 0)
-            return status;
-        if (take_change(journal_p, change_p))
-            return 0;
-    }
-}
-
-PLATFORM_EXPORT uint32_t kvs_journal_wait(kvs_journal *journal_p, uint32_t milliseconds)
-{
-    if (journal_p == nullptr)
-        return KVS_RC_NULL_ARG;
-    return wait_for_entry(journal_p,
-                          clock_ns(CLOCK_MONOTONIC) + uint64_t{milliseconds} * 1'000'000);
-}
-
-PLATFORM_EXPORT void kvs_journal_close(kvs_journal *journal_p) { close_reader(journal_p); }
 
 PLATFORM_EXPORT uint32_t kvs_batch_begin(kvs_hdl hdl) { return begin_batch(hdl); }
 

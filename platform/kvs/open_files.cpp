@@ -18,8 +18,8 @@ const open_files *files_of(MDB_env *environment)
     return static_cast<const open_files *>(mdb_env_get_userctx(environment));
 }
 
-// Asks for no times: where the system keeps fine ones, a file whose times were seen gets new ones
-// with its next change.
+// Requests no times: where the system keeps fine-grained ones, a file whose times were read gets
+// new ones with its next change.
 bool is_file(int dir, const char *name, int flags, const file_identity &file)
 {
     struct statx about;
@@ -33,8 +33,8 @@ bool is_named(int dir, const char *name, const file_identity &file)
     return is_file(dir, name, AT_SYMLINK_NOFOLLOW, file);
 }
 
-// The engine tells only one of its descriptors. The others are not far: a program gets the lowest
-// numbers first.
+// The engine has a function for one of its descriptors only. The others have low numbers, since the
+// system gives the lowest free one.
 void search_descriptors(open_files *files)
 {
     rlimit limit;

@@ -1,9 +1,9 @@
 // The files that an environment has open: whether the descriptors still lead to them, and whether
 // the directory still names them.
 //
-// A program may close descriptors that it does not know, and get their numbers for files of its
-// own, which the engine would then write into. And files may be moved, replaced or deleted, after
-// which the engine would go on writing where nobody looks.
+// A program may close descriptors that are not its own, and get their numbers for other files,
+// which the engine would then write into. And files may be moved, replaced or deleted, after which
+// the engine would go on writing into files that no new process opens.
 #pragma once
 
 #include <lmdb.h>

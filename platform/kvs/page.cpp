@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 namespace platform {
+
 bool page_nodes::are_sound(uint64_t number) const
 {
     if (header_.number != number || (header_.flags != branch_page && header_.flags != leaf_page))

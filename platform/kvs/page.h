@@ -91,6 +91,7 @@ inline bool page_nodes::holds_node(size_t offset) const
            at_offset(offset).end <= page_.size();
 }
 
+// Some of the pages of a file, not counting its two headers.
 class page_set {
 public:
     explicit page_set(uint64_t pages)

@@ -1,4 +1,4 @@
-// The engine follows what its pages say, so damage in them makes it crash or show other records.
+// The engine does not check its pages, so damage in them makes it crash or return other records.
 // Here each page of a snapshot is read and checked on its own and against its parent, through the
 // file and not through the map: beyond the end of a file that was cut off, a map raises SIGBUS.
 #include "platform/kvs/page_walk.h"
@@ -166,10 +166,10 @@ private:
             has_format_ = true;
             if (!is_format_name(name))
                 return MDB_VERSION_MISMATCH;
-            const int error =
-                it.flags != 0
-                    ? MDB_CORRUPTED
-                    : parse_number(name, as_value(page.data() + it.data, it.number), &number);
+            const int error = it.flags != 0
+                                  ? MDB_CORRUPTED
+                                  : parse_checked_number(
+                                        name, as_value(page.data() + it.data, it.number), &number);
             return error == 0 && number != format_version ? MDB_VERSION_MISMATCH : error;
         }
         if (!has_journal_) {
@@ -186,7 +186,7 @@ private:
         if (it.flags != 0 || counter.size() != it.key.size() ||
             memcmp(counter.data(), it.key.data(), it.key.size()) != 0)
             return MDB_CORRUPTED;
-        return parse_number(name, as_value(page.data() + it.data, it.number), &number);
+        return parse_checked_number(name, as_value(page.data() + it.data, it.number), &number);
     }
 
     [[nodiscard]] int database(const node &it, const tree_root &root)

@@ -18,6 +18,9 @@ namespace {
 
 constexpr unsigned longest_run = 256;
 
+// Commits may overwrite the header of a snapshot before it is read, but not again and again.
+constexpr unsigned most_snapshots = 100;
+
 struct cursor_closer {
     void operator()(MDB_cursor *cursor) const { mdb_cursor_close(cursor); }
 };
@@ -131,17 +134,16 @@ uint32_t read_transaction::verify(kvs_hdl hdl)
         return KVS_RC_BATCH_ACTIVE;
     if (const uint32_t status = check_files_now(*call_.store, *call_.thread); status != 0)
         return status;
-    if (const uint32_t status = begin(); status != 0)
-        return status;
-    MDB_env *const environment = call_.store->environment;
-    int error = check_snapshot(environment, txn_, walk_extent::records);
-    while (error == EAGAIN) {
-        mdb_txn_reset(txn_);
-        error = mdb_txn_renew(txn_);
-        if (error == 0)
-            error = check_snapshot(environment, txn_, walk_extent::records);
+    for (unsigned left = most_snapshots; left != 0; --left) {
+        if (txn_ != nullptr)
+            mdb_txn_reset(txn_);
+        if (const uint32_t status = begin(); status != 0)
+            return status;
+        const int error = check_snapshot(call_.store->environment, txn_, walk_extent::records);
+        if (error != EAGAIN)
+            return status_of(error);
     }
-    return status_of(error);
+    return status_of(files_replaced);
 }
 
 // Takes part in the batch, or begins or renews the thread's read transaction.

@@ -14,7 +14,7 @@ struct handle_list {
     uint32_t count = 0;
 };
 
-// What one call reads. In a batch it sees the changes of the batch. A record found is valid as long
+// What one call reads, in a batch with the changes of the batch. A record found is valid as long
 // as the object exists. Each call uses one of the functions, once; all return a status.
 class read_transaction {
 public:

@@ -56,7 +56,7 @@ checked_number make_checked_number(const MDB_val &name, uint32_t number)
     return {number, crc32c(of_name, &number, sizeof number)};
 }
 
-int parse_number(const MDB_val &name, const MDB_val &value, uint32_t *number)
+int parse_checked_number(const MDB_val &name, const MDB_val &value, uint32_t *number)
 {
     checked_number found;
     if (value.mv_size != sizeof found)

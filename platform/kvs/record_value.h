@@ -67,6 +67,6 @@ struct checked_number {
 checked_number make_checked_number(const MDB_val &name, uint32_t number);
 
 // Returns 0, or MDB_CORRUPTED if the value is no number under this name.
-[[nodiscard]] int parse_number(const MDB_val &name, const MDB_val &value, uint32_t *number);
+[[nodiscard]] int parse_checked_number(const MDB_val &name, const MDB_val &value, uint32_t *number);
 
 } // namespace platform

@@ -102,7 +102,7 @@ private:
         if (is_free || !nodes.are_sound(number))
             is_damaged_ = true;
         if (nodes.header().number != number && free_.has(nodes.header().number))
-            return; // what was written to another page, and is old
+            return; // the content of another page, and old
         ++(nodes.is_branch() ? branches_ : leaves_);
         if (nodes.is_branch())
             for_each_node(page, [&](const node &it) { tree_page(it.number, depth + 1); });
@@ -147,7 +147,7 @@ private:
         });
     }
 
-    // The record says its own key, which its checksum covers.
+    // The key is taken from the record, where the checksum covers it, and not from the page.
     [[nodiscard]] bool verify(const node &it, salvaged_record *found)
     {
         if (it.number < key_length + trailer_length || it.number > UINT32_MAX)

@@ -36,11 +36,11 @@ private:
 struct salvaged_database {
     salvaged_records records;
     bool has_root = false;
-    uint64_t entries = 0; // that the root says it has
+    uint64_t entries = 0; // their number as the root states it
 };
 
 // Finds the records of a database: those of its tree, and if that is damaged those on all other
-// pages that are not free. `is_sound` says that the whole file has been checked. Returns 0 or an
+// pages that are not free. `is_sound` is whether the whole file passed its checks. Returns 0 or an
 // error number.
 [[nodiscard]] int salvage_database(const damaged_file &file, const char *name, bool is_sound,
                                    salvaged_database *database);

@@ -11,37 +11,40 @@
 //  - `environment_mutex` is held by a thread that replaces the environment, and never during a
 //    wait for other processes that write. Both are locked outside the store.
 //  - A thread stays in the store for one attempt, or for one batch. It does not stay there while it
-//    waits for other processes that write, so that readers need not wait for them either. A thread
-//    with a batch does not wait for the end of exclusive access, and exclusive access waits for no
-//    batch: an environment in which a batch has begun is fit for all reads until the batch ends.
+//    waits for other processes that write, so that readers need not wait for them either.
+//  - An environment in which a batch has begun is fit for all reads until the batch ends, unless
+//  the
+//    store's files are replaced or its descriptors closed meanwhile. Only then does exclusive
+//    access wait for a batch. A thread with a batch does not enter the store again, and so never
+//    waits for the end of exclusive access to it.
 //
 // An attempt that fails for lack of room, or because of a useless environment, is undone; the store
 // is recovered, and the attempt made again.
 //
-// The order of the locks: binding, writer, environment, threads, stores; the mutex of a queue is
-// the last.
+// The order of the locks: binding, writer, environment, threads, stores, reader table. Under the
+// mutex of a queue no other is locked.
 //
 // The files of this directory, from the lowest up; each includes only files of lower lines:
 //
 //    record  attempt  store_limits  engine_status  environment_info  file_layout  user_marks
 //    file_lock
-//    record_value  record_cache  open_files  journal_entry
+//    record_value  record_cache  open_files  journal_entry  arguments
 //    engine_transactions  write_transaction
 //    page
 //    key_order  journal
-//    page_walk
+//    page_walk  new_data_file
 //    data_file
 //    store_file  damaged_file  commit_wait
 //    salvage
 //    store
 //    change_commit
-//    threads  arguments
+//    threads
 //    call_context  environment
 //    recovery
 //    files_check
 //    binding  batch
 //    write_queue  read_transaction  journal_reader
-//    kvs  salvage_call
+//    kvs  journal_call  salvage_call
 #pragma once
 
 #include "platform/kvs/data_file.h"
@@ -52,14 +55,14 @@
 
 #include <atomic>
 #include <pthread.h>
-#include <sys/types.h>
 
 namespace platform {
 
 constexpr unsigned store_limit = 8;
 
-// The journal of a store, and the changes that the next entry is made of. Guarded by the writer
-// mutex, but for the area, which only the environment's replacement changes.
+// The journal of a store, and the changes that the next entry is made of. A thread uses it that
+// holds the writer mutex and has entered the store, or that has exclusive access. All threads in
+// the store may read the area, which changes under exclusive access only.
 struct store_journal {
     journal_area area;
     journal_end end;

@@ -8,19 +8,14 @@
 // a hole in it would raise SIGBUS.
 #include "platform/kvs/store_file.h"
 
-#include "platform/base/number.h"
 #include "platform/kvs/data_file.h"
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/engine_transactions.h"
 #include "platform/kvs/file_lock.h"
-#include "platform/kvs/journal.h"
-#include "platform/kvs/store_limits.h"
+#include "platform/kvs/new_data_file.h"
 #include "platform/kvs/user_marks.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,12 +23,9 @@
 namespace platform {
 namespace {
 
-constexpr char unfinished_name[] = "store.mdb.new";
 constexpr char opening_name[] = "store.mdb-open";
 
-constexpr mode_t file_mode = S_IRUSR | S_IWUSR;
 constexpr off_t lock_file_size = 64 * 1024; // about a thousand reader slots
-constexpr size_t first_map_size = 4 * 1024 * 1024;
 
 [[nodiscard]] int get_file_info(int dir, const char *name, struct stat *about)
 {
@@ -73,70 +65,6 @@ constexpr size_t first_map_size = 4 * 1024 * 1024;
     return 0;
 }
 
-// The engine opens by path only. This path leads through the descriptor, so it stays right when the
-// directory is renamed.
-[[nodiscard]] int make_environment(int dir, const char *name, unsigned flags,
-                                   MDB_env **environment_p)
-{
-    char path[64];
-    snprintf(path, sizeof path, "/proc/self/fd/%d/%s", dir, name);
-    MDB_env *environment = nullptr;
-    int error = mdb_env_create(&environment);
-    if (error != 0)
-        return error;
-    if ((error = mdb_env_set_maxdbs(environment, open_database_limit)) == 0 &&
-        (error = mdb_env_set_mapsize(environment, first_map_size)) == 0)
-        error = mdb_env_open(environment, path, MDB_NOSUBDIR | MDB_NOTLS | flags, file_mode);
-    if (error != 0) {
-        mdb_env_close(environment);
-        return error;
-    }
-    *environment_p = environment;
-    return 0;
-}
-
-uint64_t journal_size_from_environment()
-{
-    const char *const text = secure_getenv("VS_JOURNAL_SIZE");
-    const uint64_t size =
-        text == nullptr ? default_journal_size : parse_bytes(text).value_or(default_journal_size);
-    return std::clamp(size, least_journal_size, largest_journal_size) / 8 * 8;
-}
-
-[[nodiscard]] int write_new_data_file(int dir)
-{
-    MDB_env *environment = nullptr;
-    int error = make_environment(dir, unfinished_name, MDB_NOLOCK, &environment);
-    if (error != 0)
-        return error;
-    const uint64_t journal_size = journal_size_from_environment();
-    error = mdb_env_set_mapsize(environment, first_map_size + journal_size);
-    if (error == 0)
-        error = write_first_entries(environment, journal_size);
-    if (error == 0)
-        error = mdb_env_sync(environment, 1);
-    mdb_env_close(environment);
-    return error;
-}
-
-[[nodiscard]] int create_data_file(int dir)
-{
-    if (unlinkat(dir, unfinished_name, 0) != 0 && errno != ENOENT)
-        return errno;
-    int error = write_new_data_file(dir);
-    if (error == 0 && renameat(dir, unfinished_name, dir, data_name) != 0)
-        error = errno;
-    if (error != 0) {
-        unlinkat(dir, unfinished_name, 0);
-        return error;
-    }
-    if (fsync(dir) != 0) {
-        error = errno;
-        unlinkat(dir, data_name, 0);
-    }
-    return error;
-}
-
 [[nodiscard]] int prepare_data_file(int dir, bool create, file_identity *identity)
 {
     struct stat about;
@@ -170,8 +98,9 @@ uint64_t journal_size_from_environment()
     return 0;
 }
 
-// A lock file that is in use is long enough and has no holes: its first user saw to that. Where the
-// file system cannot allocate, allocating writes zeros, which its users would not bear.
+// A lock file that is in use is long enough and has no holes: its first user allocated it. Where
+// the file system cannot allocate, allocating writes zeros, which would destroy the table of its
+// users.
 [[nodiscard]] int allocate_lock_file(int fd)
 {
     struct flock users {};
@@ -204,7 +133,7 @@ uint64_t journal_size_from_environment()
 }
 
 // Joins the users of the files, unless they are others than this process can work with. The marks
-// are set before others are looked for, so of two processes at least one sees the other.
+// are set before others are searched for, so of two processes at least one finds the other's.
 [[nodiscard]] int join_users(const open_files &files, ino_t pid_namespace)
 {
     const ino_t data = files.data_identity.inode;

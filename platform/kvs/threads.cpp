@@ -74,6 +74,7 @@ void reset_in_child()
             close_descriptors(stores[i].files);
         stores[i].environment = nullptr;
         ++stores[i].environment_epoch;
+        stores[i].is_exclusive.store(false, std::memory_order_relaxed);
         pthread_mutex_init(&stores[i].writer_mutex, nullptr);
         stores[i].turn = {};
         pthread_mutex_init(&stores[i].environment_mutex, nullptr);
@@ -108,6 +109,14 @@ __attribute__((constructor)) void register_handlers_at_load()
 {
     // If there is no memory now, the first thread that uses a store tries again.
     static_cast<void>(ensure_handlers());
+}
+
+bool has_threads_within(const store &store)
+{
+    for (const thread_context *thread = threads; thread != nullptr; thread = thread->next)
+        if ((thread->entered.load(std::memory_order_seq_cst) & 1u << store.index) != 0)
+            return true;
+    return false;
 }
 
 } // namespace
@@ -146,13 +155,17 @@ void wait_for_shared_access(const store &store)
         sleep_briefly();
 }
 
+// The mutex is free during the pauses, since a thread with a batch may fork, begin threads or use
+// other stores before the batch ends.
 exclusive_access::exclusive_access(store &store) : store_(store)
 {
-    pthread_mutex_lock(&threads_mutex);
     store.is_exclusive.store(true, std::memory_order_seq_cst);
-    for (const thread_context *other = threads; other != nullptr; other = other->next)
-        while ((other->entered.load(std::memory_order_seq_cst) & 1u << store.index) != 0)
-            sleep_briefly();
+    pthread_mutex_lock(&threads_mutex);
+    while (has_threads_within(store)) {
+        pthread_mutex_unlock(&threads_mutex);
+        sleep_briefly();
+        pthread_mutex_lock(&threads_mutex);
+    }
     ++store.environment_epoch;
 }
 

@@ -43,8 +43,8 @@ class environment_guard {
 public:
     environment_guard(store &store, thread_context &thread) : thread_(thread)
     {
-        // Both sides store their own flag before they load the other's, so that at least one of the
-        // two sees the other.
+        // Both sides store their own flag before they load the other's, so at least one of the two
+        // loads the flag that the other has set.
         for (;;) {
             thread.entered.store(thread.entered_by_batch | 1u << store.index,
                                  std::memory_order_seq_cst);

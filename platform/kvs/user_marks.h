@@ -1,10 +1,10 @@
-// Marks that tell which processes use a store's files together.
+// Marks by which the processes that use a store's files together recognize one another.
 //
 // A mark is a lock on a byte far beyond a file's end that all users may hold. Its place carries a
 // number, and the system removes it when its process ends, or closes any descriptor of the file. A
 // user marks the data file with the lock file's number and the lock file with the data file's, so
-// that nobody joins users that have other files open under these names. And it marks the data file
-// with its PID namespace: the engine tells processes apart by their PIDs.
+// that no process joins users that have other files open under these names. And it marks the data
+// file with its PID namespace: the engine identifies processes by their PIDs.
 #pragma once
 
 #include <sys/types.h>

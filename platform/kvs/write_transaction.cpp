@@ -30,7 +30,7 @@ MDB_val counter_name(const database &database)
     const int error = mdb_get(txn, counter->main, &name, &value);
     if (error != 0)
         return error == MDB_NOTFOUND ? MDB_CORRUPTED : error;
-    if (const int failed = parse_number(name, value, &counter->generation); failed != 0)
+    if (const int failed = parse_checked_number(name, value, &counter->generation); failed != 0)
         return failed;
     return counter->generation < first_generation ? MDB_CORRUPTED : 0;
 }
