@@ -540,6 +540,7 @@ class Tool(unittest.TestCase):
                 continue
             self.assertIn("vskvs: dump: the store is damaged\n", err)
             self.assertLessEqual(set(salvaged.splitlines()[:-1]), ever)
+            self.assertEqual("file is damaged" in err, "dump --salvage" in err)
             with tempfile.TemporaryDirectory() as empty:
                 self.expect("--state-dir", empty, "restore", "-", text=salvaged)
                 self.assertEqual(self.expect("--state-dir", empty, "dump"), salvaged)
