@@ -253,6 +253,9 @@ class Tool(unittest.TestCase):
             with open("/dev/full", "w") as full:
                 rc, _, err = self.run_tool(*command.split(), stdout=full)
             self.assertEqual(rc, 1, command)
+        self.environment["VS_VERBOSE"] = "frob"
+        self.assertIn('ignoring "frob"', self.run_tool("check")[2])
+        del self.environment["VS_VERBOSE"]
             self.assertIn("No space left", err)
         # A file size limit is an error, not the end of the tool.
         with open(self.folder + "/limited", "w") as limited:
