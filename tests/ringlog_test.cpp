@@ -194,7 +194,7 @@ TEST_F(ringlog, survives_a_file_that_is_cut_short_but_no_other_fault)
 
 TEST_F(ringlog, keeps_the_newest_buffers_and_those_in_use_below_the_limit)
 {
-    setenv("VS_RINGLOG_LIMIT", "256K", 1); // each of the buffers takes 20480 bytes
+    setenv("VS_RINGLOG_LIMIT", "256k", 1); // each of the buffers takes 20480 bytes
     const auto job = [](int i) { return "job/" + std::to_string(i) + "/api"; };
     const auto bytes = [&] {
         uint64_t sum = 0;

@@ -35,10 +35,13 @@ VARYING = [
 
 # What must be refused, with the exit status and a part of the message.
 REFUSED = [
-    ("", 2, "subcommand"), ("frob", 2, "subcommand"), ("object", 2, "subcommand"),
+    ("", 2, "subcommand"), ("frob", 2, "expected: frob"), ("object", 2, "subcommand"),
+    ("object frob", 2, "expected: frob"),
     ("object show", 2, "ID"), ("object show 12x", 2, "not a number"), ("object show -1", 2, ""),
     ("object show 4294967296", 2, "32-bit"), ("object show 0x100000000", 2, "32-bit"),
-    ("object add 1 --select 1 --versions 1,x", 2, "not a number"),
+    *[("object add 1 --select 1 --versions " + versions, 2, "not a number")
+      for versions in ("1,x", "1,,2", "1,", ",")],
+    ("object add 1 --select 1 --versions 1 2", 2, "expected: 2"),
     ("client add 1 --jid 1 --pid 1 --data 123", 2, "hex"),
     ("client add 1 --jid 1 --pid 1 --data " + "00" * 13, 2, "hex"),
     ("client add 1 --jid 1", 2, "--pid"), ("trace --since yesterday", 2, "not a time"),
@@ -46,7 +49,8 @@ REFUSED = [
       for time in ("2026-11-22T22:00:00.5Zulu", "2026-11-22T22:00:00.", "9999-01-01T00:00:00Z")],
     ("log 1 --registration 1", 2, "excludes"), ("log --follow --reverse", 2, "excludes"),
     ("trace --since 9999999999", 2, "not a time"), ("trace --since 1e9d", 2, "not a time"),
-    ("status 99999999999", 2, "number"), ("--state-dir= object list", 2, "subcommand"),
+    ("status 99999999999", 2, "number"), ("status KVS_RC", 2, "name"),
+    ("--state-dir= object list", 2, "expected: list"),
     ("object import /nonexistent", 1, "No such file"), ("restore /nonexistent", 1, "No such file"),
     ("--state-dir /" + "x" * 3000 + " object list", 2, "--state-dir"),
     ("--state-dir /proc/nowhere object list", 1, "database not available"),
@@ -249,6 +253,9 @@ class Tool(unittest.TestCase):
             rc, out, err = self.run_tool(*command.split())
             self.assertEqual((rc, out), (status, ""), command)
             self.assertRegex(err, f"^vskvs: (.|\n)*{message}")
+        self.environment["VS_VERBOSE"] = "frob"
+        self.assertIn('ignoring "frob"', self.run_tool("check")[2])
+        del self.environment["VS_VERBOSE"]
         for command in ("object list", "dump", "status", "--help"):
             with open("/dev/full", "w") as full:
                 rc, _, err = self.run_tool(*command.split(), stdout=full)
@@ -533,6 +540,7 @@ class Tool(unittest.TestCase):
                 file.write(harmed)
             rc, out, err = self.run_tool("check")
             self.assertIn((rc, out), [(0, "everything fits together\n"), (1, "")], err)
+            self.assertEqual("file is damaged" in err, "dump --salvage" in err)
             salvage_rc, salvaged, err = self.run_tool("dump", "--salvage")
             self.assertEqual(salvage_rc, rc, err)
             if rc == 0:

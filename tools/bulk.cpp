@@ -216,7 +216,7 @@ void import_objects(const arguments &given)
     const size_t known = records.size() - without_record;
     if (given.update)
         print("selected the versions of " + counted(known, "object") + "; " +
-              counted(without_record, "object") + " skipped that no record has\n");
+              counted(without_record, "object") + " without a record skipped\n");
     else
         print("imported " + counted(without_record, "object") + "; " + std::to_string(known) +
               " stored already\n");

@@ -16,14 +16,11 @@ public:
     {
         app_.require_subcommand(1);
         app_.fallthrough();
-        app_.failure_message([](const CLI::App *, const CLI::Error &error) {
-            return "vskvs: " + printable(error.what()) + "\nRun with --help for more.\n";
-        });
+        app_.failure_message(explain_usage);
         app_.set_version_flag("--version", "vskvs " VSKVS_VERSION);
         app_.add_option("--state-dir", state_dir_, "State directory instead of $VS_STATE_DIR")
             ->type_name("DIR");
-        app_.footer("Numbers are decimal or begin with 0x. Exit status: 0 done, 1 failed, 2 wrong "
-                    "usage.\nExample:\n  vskvs object add 42 --select 2 --versions 1,2,3");
+        app_.footer(footer_of_group("vskvs object add 42 --select 2 --versions 1,2,3"));
         leaf(app_, "init", "Create the databases", init, "vskvs init");
         add_objects();
         add_clients();
@@ -50,11 +47,31 @@ public:
 private:
     using action = void (*)(const arguments &);
 
-    CLI::App *group(const char *name, const char *description)
+    // A word that is not understood says more than what is missing because of it.
+    static std::string explain_usage(const CLI::App *app, const CLI::Error &error)
+    {
+        const std::vector<std::string> strange = app->remaining(true);
+        const bool is_incomplete =
+            error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError);
+        const std::string what = is_incomplete && !strange.empty()
+                                     ? "The following argument was not expected: " + strange[0]
+                                     : error.what();
+        return "vskvs: " + printable(what) + "\nRun with --help for more.\n";
+    }
+
+    static std::string footer_of_group(const char *example)
+    {
+        return std::string("Numbers are decimal or begin with 0x. Exit status: 0 done, 1 failed, "
+                           "2 wrong usage.\nExample:\n  ") +
+               example;
+    }
+
+    CLI::App *group(const char *name, const char *description, const char *example)
     {
         CLI::App *const noun = app_.add_subcommand(name, description);
         noun->require_subcommand(1);
         noun->fallthrough();
+        noun->footer(footer_of_group(example));
         return noun;
     }
 
@@ -125,15 +142,21 @@ private:
 
     void add_objects()
     {
-        CLI::App *const object = group("object", "VS objects and their selected versions");
+        CLI::App *const object = group("object", "VS objects and their selected versions",
+                                       "vskvs object add 42 --select 2 --versions 1,2,3");
         CLI::App *const add = leaf(*object, "add", "Store a new object", add_object,
                                    "vskvs object add 42 --select 2 --versions 1,2,3");
         number(add, "ID", given_.id, "VS object id");
         number(add, "--select", given_.version, "Selected version")->required();
-        add->add_option("--versions", given_.versions, "Supported versions, separated by commas")
-            ->delimiter(',')
-            ->transform(as_number_)
-            ->type_name("N");
+        add->add_option_function<std::string>(
+               "--versions",
+               [this](const std::string &list) {
+                   const std::string error = parse_numbers(list, given_.versions);
+                   if (!error.empty())
+                       throw CLI::ValidationError("--versions", error);
+               },
+               "Supported versions, separated by commas")
+            ->type_name("N,N,...");
         number(add, "--optional-compatible", given_.optional_compatible,
                "is_optional_compatible (default 0)");
         number(add, "--scope", given_.scope, "scope (default 0)");
@@ -163,7 +186,8 @@ private:
 
     void add_clients()
     {
-        CLI::App *const client = group("client", "The client processes of VS objects");
+        CLI::App *const client = group("client", "The client processes of VS objects",
+                                       "vskvs client add 42 --jid 7 --pid 1234");
         CLI::App *const create = leaf(*client, "create", "Create an object's empty client list",
                                       create_client_list, "vskvs client create 42");
         number(create, "ID", given_.id, "VS object id");
@@ -195,7 +219,8 @@ private:
     void add_registrations()
     {
         CLI::App *const registration =
-            group("registration", "The VS objects that client jobs registered for");
+            group("registration", "The VS objects that client jobs registered for",
+                  "vskvs registration create 7 42 43");
         CLI::App *const create = leaf(*registration, "create", "Store a job's registration",
                                       create_registration, "vskvs registration create 7 42 43");
         number(create, "JID", given_.id, "Job id");
@@ -255,7 +280,9 @@ private:
     {
         CLI::App *const explain = leaf(app_, "status", "Explain a status code, or list them all",
                                        status, "vskvs status 0xC5322600", false);
-        optional_number(explain, "CODE", given_.code, "Status code");
+        explain->add_option("CODE", given_.code, "Status code, or its name")
+            ->transform(CLI::Validator(check_status, ""))
+            ->type_name("");
         json_flag(explain);
 
         json_flag(leaf(app_, "check", "Report what does not fit together in the three databases",

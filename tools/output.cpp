@@ -2,6 +2,7 @@
 #include "tools/output.h"
 
 #include "fault.h"
+#include "kvs.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -87,10 +88,16 @@ std::string describe(uint32_t status)
            status_code(status) + ")";
 }
 
+std::string advise(uint32_t status)
+{
+    return describe(status) +
+           (status == KVS_RC_DAMAGED ? "; 'vskvs dump --salvage' prints what can be read" : "");
+}
+
 void require(uint32_t status, const std::string &subject)
 {
     if (status != 0)
-        throw status_failure(status, subject + ": " + describe(status));
+        throw status_failure(status, subject + ": " + advise(status));
 }
 
 std::string hex(uint64_t number)

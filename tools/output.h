@@ -49,6 +49,7 @@ void complain(const std::string &message);
 
 // A status as "no such object (VS_FAULT_NO_SUCH_OBJECT, 0xC5322600)".
 std::string describe(uint32_t status);
+std::string advise(uint32_t status);      // the same, and what can be done about it
 std::string status_name(uint32_t status); // empty when it has none
 std::string status_code(uint32_t status); // as 0xC5322600
 

@@ -167,7 +167,7 @@ kvs_hdl bind(const database &db, const std::string &subject)
         return handle;
     throw failure(subject + ": " + describe(VS_FAULT_KVS_DB_LOOKUP) +
                   (status == KVS_RC_NO_SUCH_DB ? ": no store here yet; run 'vskvs init'"
-                                               : ": " + describe(status)));
+                                               : ": " + advise(status)));
 }
 
 } // namespace vskvs

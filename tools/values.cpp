@@ -1,6 +1,9 @@
 // Numbers and times as a command line gives them.
 #include "tools/values.h"
 
+#include "fault.h"
+
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -62,6 +65,32 @@ std::string check_number(std::string &text)
     if (value > UINT32_MAX)
         return "not a 32-bit number: " + text;
     text = std::to_string(value);
+    return {};
+}
+
+std::string parse_numbers(const std::string &list, std::vector<uint32_t> &numbers)
+{
+    for (size_t at = 0; at <= list.size();) {
+        const size_t end = std::min(list.find(',', at), list.size());
+        std::string number = list.substr(at, end - at);
+        if (std::string error = check_number(number); !error.empty())
+            return error;
+        numbers.push_back(static_cast<uint32_t>(std::stoul(number)));
+        at = end + 1;
+    }
+    return {};
+}
+
+std::string check_status(std::string &text)
+{
+    size_t count = 0;
+    const fault_entry *const all = fault_catalogue(&count);
+    const fault_entry *const found = std::find_if(
+        all, all + count, [&](const fault_entry &entry) { return text == entry.name; });
+    if (found == all + count)
+        return text.find_first_not_of("0123456789") == 0 ? "no status has this name: " + text
+                                                         : check_number(text);
+    text = std::to_string(found->status);
     return {};
 }
 

@@ -3,6 +3,7 @@
 // This file is the process: its environment, its trace buffers and its exit status.
 #include "tools/command_line.h"
 #include "tools/store.h"
+#include "verbose.h"
 #include "vs_kvs.h"
 
 #include <climits>
@@ -80,6 +81,7 @@ void name_the_job()
 // command's own output.
 void set_up_reports()
 {
+    verbose_init(0); // its warning is about what the user asked for
     fflush(stderr);
     const int stderr_copy = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);

@@ -33,12 +33,13 @@ constexpr uint32_t digit_value(char c)
     return static_cast<uint32_t>(value);
 }
 
-// Parses a number of bytes: 32 bits, or with K, M or G behind it of units of 1024, 1024^2 or
-// 1024^3.
+// Parses a number of bytes: 32 bits, or with K, M or G (or k, m or g) behind it of units of
+// 1024, 1024^2 or 1024^3.
 [[nodiscard]] constexpr std::optional<uint64_t> parse_bytes(std::string_view text)
 {
     constexpr std::string_view units = "KMG";
-    const size_t unit = text.empty() ? std::string_view::npos : units.find(text.back());
+    const size_t unit =
+        text.empty() ? std::string_view::npos : units.find(static_cast<char>(text.back() & ~0x20));
     unsigned shift = 0;
     if (unit != std::string_view::npos) {
         shift = 10 * (static_cast<unsigned>(unit) + 1);

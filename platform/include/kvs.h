@@ -46,23 +46,17 @@ typedef uint64_t kvs_hdl;     /* a database bound by this process; never 0 and n
 typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
 #endif
 
+/* clang-format off */
 /* Mistakes of the caller. */
 #define KVS_RC_NULL_ARG UINT32_C(0xA6960200) /* a required pointer is null */
-#define KVS_RC_BAD_HDL UINT32_C(0xA6960400)  /* no database of this process has this handle */
-#define KVS_RC_BAD_KEY UINT32_C(0xA6960600)  /* a key descriptor names no 4-byte key at offset 0 */
+#define KVS_RC_BAD_HDL UINT32_C(0xA6960400) /* no database of this process has this handle */
+#define KVS_RC_BAD_KEY UINT32_C(0xA6960600) /* a key descriptor names no 4-byte key at offset 0 */
 #define KVS_RC_KEY_CHANGED UINT32_C(0xA6960800) /* a write would change the record's key */
-#define KVS_RC_BAD_OFFSET                                                                          \
-    UINT32_C(0xA6960A00) /* a read or write starts beyond the record's end                         \
-                          */
-#define KVS_RC_BAD_NAME                                                                            \
-    UINT32_C(0xA6960C00) /* a database name is empty or longer than 64 bytes                       \
-                          */
-#define KVS_RC_UNSUPPORTED                                                                         \
-    UINT32_C(0xA6960E00) /* an argument requests what this store does not support */
-#define KVS_RC_RECORD_TOO_BIG                                                                      \
-    UINT32_C(0xA6961000) /* a record would be longer than 2^32 - 9 bytes */
-#define KVS_RC_BATCH_ACTIVE                                                                        \
-    UINT32_C(0xA6961200)                     /* the thread has a batch, which does not allow this */
+#define KVS_RC_BAD_OFFSET UINT32_C(0xA6960A00) /* a read or write starts beyond the record's end */
+#define KVS_RC_BAD_NAME UINT32_C(0xA6960C00) /* a database name is empty or longer than 64 bytes */
+#define KVS_RC_UNSUPPORTED UINT32_C(0xA6960E00) /* an argument requests what this store does not support */
+#define KVS_RC_RECORD_TOO_BIG UINT32_C(0xA6961000) /* a record would be longer than 2^32 - 9 bytes */
+#define KVS_RC_BATCH_ACTIVE UINT32_C(0xA6961200) /* the thread has a batch, which does not allow this */
 #define KVS_RC_NO_BATCH UINT32_C(0xA6961400) /* the thread has no batch */
 
 /* An insert of a record that is stored already, byte for byte: nothing to do. */
@@ -72,39 +66,27 @@ typedef uint64_t kvs_rec_hdl; /* one stored record; never all ones */
 #define KVS_RC_NO_CHANGE UINT32_C(0x46960200)
 
 /* What the store found, or could not do. */
-#define KVS_RC_NO_SUCH_DB                                                                          \
-    UINT32_C(0xC6960200) /* no process has created a database of this name                         \
-                          */
-#define KVS_RC_NO_SUCH_RECORD                                                                      \
-    UINT32_C(0xC6960400) /* the record of this handle is not stored any more */
+#define KVS_RC_NO_SUCH_DB UINT32_C(0xC6960200) /* no process has created a database of this name */
+#define KVS_RC_NO_SUCH_RECORD UINT32_C(0xC6960400) /* the record of this handle is not stored any more */
 #define KVS_RC_RECORD_EXISTS UINT32_C(0xC6960600) /* another record is stored under this key */
-#define KVS_RC_NO_MEMORY UINT32_C(0xC6960800)     /* a memory allocation failed */
-#define KVS_RC_NO_SPACE UINT32_C(0xC6960A00)  /* the disk, a quota or a file size limit is full */
+#define KVS_RC_NO_MEMORY UINT32_C(0xC6960800) /* a memory allocation failed */
+#define KVS_RC_NO_SPACE UINT32_C(0xC6960A00) /* the disk, a quota or a file size limit is full */
 #define KVS_RC_STATE_DIR UINT32_C(0xC6960C00) /* the state directory cannot be made or trusted */
-#define KVS_RC_ACCESS UINT32_C(0xC6960E00)    /* the store's files may not be opened */
-#define KVS_RC_DAMAGED UINT32_C(0xC6961000)   /* the store's file is damaged */
-#define KVS_RC_IO UINT32_C(0xC6961200)        /* a read or write of the store's file failed */
+#define KVS_RC_ACCESS UINT32_C(0xC6960E00) /* the store's files may not be opened */
+#define KVS_RC_DAMAGED UINT32_C(0xC6961000) /* the store's file is damaged */
+#define KVS_RC_IO UINT32_C(0xC6961200) /* a read or write of the store's file failed */
 #define KVS_RC_READERS_FULL UINT32_C(0xC6961400) /* too many threads read the store at once */
-#define KVS_RC_NO_DESCRIPTORS                                                                      \
-    UINT32_C(0xC6961600) /* the process or system has no descriptor left */
-#define KVS_RC_TOO_MANY_DBS                                                                        \
-    UINT32_C(0xC6961800) /* the store or process holds no more databases                           \
-                          */
-#define KVS_RC_BATCH_FULL                                                                          \
-    UINT32_C(0xC6961A00) /* the batch outgrew its room; abort, begin again                         \
-                          */
-#define KVS_RC_BATCH_BROKEN                                                                        \
-    UINT32_C(0xC6961C00)                      /* a change in the batch failed; it can only abort */
+#define KVS_RC_NO_DESCRIPTORS UINT32_C(0xC6961600) /* the process or system has no descriptor left */
+#define KVS_RC_TOO_MANY_DBS UINT32_C(0xC6961800) /* the store or process holds no more databases */
+#define KVS_RC_BATCH_FULL UINT32_C(0xC6961A00) /* the batch outgrew its room; abort, begin again */
+#define KVS_RC_BATCH_BROKEN UINT32_C(0xC6961C00) /* a change in the batch failed; it can only abort */
 #define KVS_RC_EXHAUSTED UINT32_C(0xC6961E00) /* the database has given out all its handles */
-#define KVS_RC_OTHER_FORMAT                                                                        \
-    UINT32_C(0xC6962000) /* the store's file was made by a version that keeps it differently */
-#define KVS_RC_FILES_REPLACED                                                                      \
-    UINT32_C(0xC6962200) /* the store's files were moved, replaced or deleted while in use */
-#define KVS_RC_DESCRIPTORS_LOST                                                                    \
-    UINT32_C(0xC6962400)                    /* the program closed descriptors of the store */
+#define KVS_RC_OTHER_FORMAT UINT32_C(0xC6962000) /* the store's file was made by a version that keeps it differently */
+#define KVS_RC_FILES_REPLACED UINT32_C(0xC6962200) /* the store's files were moved, replaced or deleted while in use */
+#define KVS_RC_DESCRIPTORS_LOST UINT32_C(0xC6962400) /* the program closed descriptors of the store */
 #define KVS_RC_NO_PROC UINT32_C(0xC6962600) /* /proc, which opening needs, is not mounted */
-#define KVS_RC_OTHER_NAMESPACE                                                                     \
-    UINT32_C(0xC6962800) /* processes of another PID namespace use the store */
+#define KVS_RC_OTHER_NAMESPACE UINT32_C(0xC6962800) /* processes of another PID namespace use the store */
+/* clang-format on */
 
 /*
  * Where a key is. To find a record: `key_p` points at the key. To insert one: `key_offset` is its
