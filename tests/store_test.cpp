@@ -963,6 +963,10 @@ STORE_TEST(verifies_a_large_file_when_asked)
     EXPECT_EQ(kvs_salvage("none", all, nullptr, &result), 0u);
     EXPECT_TRUE(result.salvaged == 0 && result.lost == KVS_SALVAGE_UNKNOWN);
     EXPECT_EQ(kvs_salvage("", all, nullptr, &result), KVS_RC_BAD_NAME);
+    EXPECT_TRUE(passes_in_child([&] {
+        const db bound;
+        EXPECT_EQ(kvs_salvage("db", all, nullptr, &result), KVS_RC_UNSUPPORTED);
+    }));
     EXPECT_EQ(kvs_salvage(nullptr, all, nullptr, &result), KVS_RC_NULL_ARG);
     EXPECT_EQ(kvs_salvage("db", nullptr, nullptr, &result), KVS_RC_NULL_ARG);
     EXPECT_EQ(kvs_salvage("db", all, nullptr, nullptr), KVS_RC_NULL_ARG);

@@ -204,9 +204,10 @@ typedef struct kvs_salvage_result {
  * store and are valid during the call, which may not cancel its thread or leave by a jump; a value
  * other than 0 ends the salvage, and the counts are then those of the part. Nothing is bound and no
  * handle needed, and the file is only read. It is not to be changed meanwhile: what another process
- * changes may be missing. A process that has bound a database of the store may not call this: the
- * end of the call drops the locks that the process has on the file. Gives KVS_RC_NO_SUCH_DB if
- * there is no store; a name that is not found in the store is a database without records.
+ * changes may be missing. A process that has bound a database of the store gets KVS_RC_UNSUPPORTED:
+ * the end of the call would drop the locks that the process has on the file. Gives
+ * KVS_RC_NO_SUCH_DB if there is no store; a name that is not found in the store is a database
+ * without records.
  */
 uint32_t kvs_salvage(const char *db_name,
                      int (*each_p)(const void *record_p, uint32_t length, void *context_p),

@@ -48,7 +48,11 @@ int wait_for_commit(const commit_numbers &numbers, uint64_t last, uint64_t deadl
         const uint64_t rest = std::min(deadline - now, second);
         const timespec timeout{static_cast<time_t>(rest / second),
                                static_cast<long>(rest % second)};
-        if (futex(word, FUTEX_WAIT, before, &timeout) != 0 && errno == EINTR)
+        if (futex(word, FUTEX_WAIT, before, &timeout) == 0 || errno == EAGAIN || errno == ETIMEDOUT)
+            continue;
+        // Where the system call is not allowed, looking now and then has to do.
+        const timespec pause{0, static_cast<long>(std::min(rest, second / 20))};
+        if (errno == EINTR || nanosleep(&pause, nullptr) != 0)
             return EINTR;
     }
 }

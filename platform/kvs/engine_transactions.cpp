@@ -23,7 +23,7 @@ constexpr byte_range writer_byte{0, 1}, next_writer_byte{1, 1}, writer_and_next{
 constexpr off_t reader_table_byte = 2;
 
 // A process that has waited this long becomes the next one, unless another is; and for this long
-// one that writes does not ask whether another is next. Passing the turn on costs a pause.
+// one that writes does not check for a next one. Passing the turn on costs a pause.
 constexpr uint64_t turn_ns = 10'000'000;
 // The next process may be kept from running in ways that do not show.
 constexpr uint64_t longest_respect_ns = 1'000'000'000;
@@ -42,7 +42,7 @@ bool may_overtake(int fd, uint64_t waited)
 {
     const uint64_t now = clock_ns(CLOCK_MONOTONIC);
     const uint64_t waited = turn.wait.waited_ns();
-    const bool is_repeated = !turn.wait.has_begun() && now - turn.asked_ns < turn_ns;
+    const bool is_repeated = !turn.wait.has_begun() && now - turn.checked_ns < turn_ns;
     int error = try_lock(fd, is_repeated ? writer_byte : writer_and_next);
     if (error == EAGAIN && !is_repeated && may_overtake(fd, waited))
         error = try_lock(fd, writer_byte);

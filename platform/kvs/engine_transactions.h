@@ -21,7 +21,7 @@ namespace platform {
 // The place of this process among those that write to a store. One thread at a time uses it.
 struct writer_turn {
     lock_wait wait;
-    uint64_t asked_ns = 0; // when it last saw to it that no other process is next
+    uint64_t checked_ns = 0; // when it last made sure that no other process is next
 };
 
 // Begins a write transaction under the writers' lock. One thread of a process at a time may write

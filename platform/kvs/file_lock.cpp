@@ -28,7 +28,7 @@ struct flock lock_on(byte_range bytes, short type)
     return lock;
 }
 
-// What /proc tells of a process; empty if that is nothing.
+// The name and state of a process from /proc; empty if it cannot be read.
 struct process_state {
     char name[64] = "";
     char state = '\0';
@@ -93,25 +93,25 @@ void lock_wait::note_failure(int fd, byte_range bytes)
     const uint64_t now = clock_ns(CLOCK_MONOTONIC);
     if (!has_begun()) {
         start_ns_ = now;
-        look_ns_ = now + long_wait_ns;
+        next_look_ns_ = now + long_wait_ns;
     }
-    if (now < look_ns_)
+    if (now < next_look_ns_)
         return;
     const std::optional<pid_t> found = find_holder(fd, bytes);
     if (!found)
         return;
-    look_ns_ = now + long_wait_ns;
+    next_look_ns_ = now + long_wait_ns;
     const bool stopped = is_stopped(*found);
-    is_news_ = found != holder_ || stopped != is_stopped_;
+    is_unreported_ = found != holder_ || stopped != is_stopped_;
     holder_ = found;
     is_stopped_ = stopped;
 }
 
 void lock_wait::pause()
 {
-    if (is_news_)
-        tell();
-    is_news_ = false;
+    if (is_unreported_)
+        report();
+    is_unreported_ = false;
     // Each try may take the lock out of turn, between two changes of the process that writes.
     const uint64_t part = is_next_ ? 256 : 8;
     const uint64_t ns = std::clamp(waited_ns() / part, shortest_pause_ns, longest_pause_ns);
@@ -119,7 +119,7 @@ void lock_wait::pause()
     nanosleep(&time, nullptr);
 }
 
-void lock_wait::tell() const
+void lock_wait::report() const
 {
     char who[128] = "a process of another namespace";
     if (*holder_ != 0)

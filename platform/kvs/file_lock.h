@@ -1,8 +1,8 @@
 // Locks of this process on bytes of files, and waiting for those of other processes.
 //
 // The system releases a lock when its process ends. It grants one that is asked for with F_SETLKW
-// as soon as it is free, but a process that waits in the system cannot say what it waits for. So a
-// lock that is taken is tried again after a pause, a small part of the time waited so far.
+// as soon as it is free, but a process that waits in the system cannot report what it waits for. So
+// a lock that is taken is tried again after a pause, a small part of the time waited so far.
 #pragma once
 
 #include <atomic>
@@ -31,24 +31,24 @@ public:
     [[nodiscard]] bool has_begun() const { return start_ns_ != 0; }
     [[nodiscard]] uint64_t waited_ns() const;
 
-    // To be called after each try that failed. Finds out who holds the lock when that is to be
-    // said: after two seconds, and then when another process holds it, or has stopped with it.
+    // To be called after each try that failed. Looks up the holder when a report is due: after two
+    // seconds, and then when another process holds it, or has stopped with it.
     void note_failure(int fd, byte_range bytes);
 
     // From now on no other process has the lock before this one.
     void note_next() { is_next_ = true; }
 
-    // Says what has been found out, and sleeps until the next try.
+    // Reports a new holder, and sleeps until the next try.
     void pause();
 
 private:
-    void tell() const;
+    void report() const;
 
     uint64_t start_ns_ = 0;
-    uint64_t look_ns_ = 0; // when the holder is looked for again
+    uint64_t next_look_ns_ = 0; // when the holder is looked for again
     std::optional<pid_t> holder_;
     bool is_stopped_ = false;
-    bool is_news_ = false;
+    bool is_unreported_ = false;
     bool is_next_ = false;
 };
 

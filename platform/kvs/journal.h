@@ -4,7 +4,7 @@
 // is written into it before the transaction's commit, so the one flush of the commit makes the
 // entry durable together with the pages. The header of the commit needs no flush then: if it is
 // lost in a power cut, or if the writer dies before it is written, the entry is applied again
-// (replay.h).
+// (change_commit.h).
 //
 // An entry lies in one piece. One that does not fit the end of the ring is put at the begin. It
 // never covers the entry before it, which may not have its header on disk yet: no entry is longer

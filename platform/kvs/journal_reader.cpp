@@ -68,11 +68,12 @@ struct found_entry {
     const auto [found, first] = first_entry(area, ring.get(), last_commit, journal->next_sequence);
     if (found == 0)
         return MDB_NOTFOUND;
-    journal->position = end_behind(found, first);
-    journal->entry.reset(static_cast<unsigned char *>(malloc(first.length)));
-    if (journal->entry == nullptr)
+    block<unsigned char> entry(static_cast<unsigned char *>(malloc(first.length)));
+    if (entry == nullptr)
         return ENOMEM;
-    memcpy(journal->entry.get(), ring.get() + found, first.length);
+    memcpy(entry.get(), ring.get() + found, first.length);
+    journal->entry = std::move(entry);
+    journal->position = end_behind(found, first);
     return 0;
 }
 

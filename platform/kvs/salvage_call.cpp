@@ -3,12 +3,15 @@
 #include "platform/base/descriptor.h"
 #include "platform/base/export.h"
 #include "platform/base/interruption.h"
+#include "platform/base/mutex.h"
 #include "platform/base/state_dir.h"
 #include "platform/kvs/arguments.h"
 #include "platform/kvs/engine_status.h"
 #include "platform/kvs/page_walk.h"
 #include "platform/kvs/salvage.h"
-#include "platform/kvs/store_file.h"
+#include "platform/kvs/store.h"
+
+#include <algorithm>
 
 using namespace platform;
 
@@ -55,6 +58,14 @@ using receiver = int (*)(const void *record_p, uint32_t length, void *context_p)
     return error == ECANCELED ? 0 : error;
 }
 
+// Closing any descriptor of the data file drops the locks that this process has on it.
+[[nodiscard]] bool is_bound(int dir)
+{
+    const scoped_lock lock(stores_mutex);
+    return std::any_of(stores, stores + store_count,
+                       [dir](const store &each) { return is_open_as(dir, each.dir_identity); });
+}
+
 } // namespace
 
 PLATFORM_EXPORT uint32_t kvs_salvage(const char *db_name, receiver each, void *context_p,
@@ -68,6 +79,8 @@ PLATFORM_EXPORT uint32_t kvs_salvage(const char *db_name, receiver each, void *c
     const descriptor dir(open_state_dir(false));
     if (!dir.valid())
         return status_of_state_dir_error(errno, false);
+    if (is_bound(dir.get()))
+        return KVS_RC_UNSUPPORTED;
     descriptor data;
     int error = open_data_file(dir.get(), &data);
     kvs_salvage_result result{};
