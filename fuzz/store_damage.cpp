@@ -246,10 +246,26 @@ void swap_pages(std::string &file, std::mt19937_64 &roll)
     std::swap_ranges(&file[one * page], &file[one * page] + page, &file[other * page]);
 }
 
+// By how many commits the second header is the newer one.
+int64_t header_distance(const std::string &file)
+{
+    constexpr size_t commit = 144; // where a header has its number
+    int64_t numbers[2];
+    for (size_t i = 0; i < 2; ++i)
+        memcpy(&numbers[i], &file[i * page + commit], sizeof numbers[i]);
+    return numbers[1] - numbers[0];
+}
+
+// The header of the commit before the last one is whole as well. So damage that makes just that one
+// look like the last is not detected, and left out.
 void flip_header(std::string &file, std::mt19937_64 &roll)
 {
-    for (uint64_t i = 0; i <= roll() % 3; ++i)
-        file[roll() % 2 * page + roll() % 160] ^= static_cast<char>(1 << roll() % 8);
+    const std::string headers = file.substr(0, 2 * page);
+    do {
+        file.replace(0, headers.size(), headers);
+        for (uint64_t i = 0; i <= roll() % 3; ++i)
+            file[roll() % 2 * page + roll() % 160] ^= static_cast<char>(1 << roll() % 8);
+    } while (header_distance(file) == -header_distance(headers));
 }
 
 // Lets a node of a branch page, or in its absence what is there in another page, lead anywhere.
