@@ -56,8 +56,8 @@ void set_header_flush(MDB_env *environment, bool on)
     return error;
 }
 
-// Finds whether the journal has commits that the engine does not have. They may come to nothing, so
-// then the end is to be looked for anew.
+// Returns interrupted_commit if the journal has commits that the engine does not have. They may
+// come to nothing, so the end is unknown then.
 [[nodiscard]] int check_interrupted(store &store, int fd, uint64_t last_commit)
 {
     store_journal &journal = store.journal;

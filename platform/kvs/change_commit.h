@@ -14,8 +14,8 @@
 namespace platform {
 
 // All return 0 or an error; begin_change also writer_is_busy, or interrupted_commit if such a
-// commit is to be finished first. The caller holds the writer mutex, or has a store that no other
-// thread can see.
+// commit is to be finished first. The caller has entered the store and holds the writer mutex, or
+// has exclusive access, or has a store that no other thread can see.
 
 // Reads where the store's journal is, and as whom this process changes the store, and finishes
 // interrupted commits. The store has an environment, and no other thread is in the store.

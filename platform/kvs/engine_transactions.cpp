@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace platform {
 
@@ -59,6 +58,13 @@ bool may_overtake(int fd, uint64_t waited)
     return error;
 }
 
+// Gets the descriptor of the data file, if it still leads there.
+[[nodiscard]] int get_own_descriptor(MDB_env *environment, int *fd)
+{
+    const int error = check_data_descriptor(environment);
+    return error != 0 ? error : mdb_env_get_fd(environment, fd);
+}
+
 template <class Work>
 [[nodiscard]] int with_reader_table(MDB_env *environment, const Work &work)
 {
@@ -102,29 +108,25 @@ template <class Work>
 int begin_write(MDB_env *environment, writer_turn &turn, MDB_txn **txn)
 {
     int fd = -1;
-    int error = check_data_descriptor(environment);
-    if (error != 0 || (error = mdb_env_get_fd(environment, &fd)) != 0 ||
-        (error = try_writer_lock(fd, turn)) != 0)
-        return error;
-    return begin_locked_write(environment, fd, txn);
+    int error = get_own_descriptor(environment, &fd);
+    if (error == 0)
+        error = try_writer_lock(fd, turn);
+    return error != 0 ? error : begin_locked_write(environment, fd, txn);
 }
 
 int begin_write_at_once(MDB_env *environment, MDB_txn **txn)
 {
     int fd = -1;
-    int error = check_data_descriptor(environment);
-    if (error != 0 || (error = mdb_env_get_fd(environment, &fd)) != 0)
-        return error;
-    error = try_lock(fd, writer_byte);
-    if (error != 0)
-        return error == EAGAIN ? writer_is_busy : error;
-    return begin_locked_write(environment, fd, txn);
+    int error = get_own_descriptor(environment, &fd);
+    if (error == 0 && (error = try_lock(fd, writer_byte)) == EAGAIN)
+        error = writer_is_busy;
+    return error != 0 ? error : begin_locked_write(environment, fd, txn);
 }
 
 void release_writer_lock(MDB_env *environment)
 {
     int fd = -1;
-    if (check_data_descriptor(environment) == 0 && mdb_env_get_fd(environment, &fd) == 0)
+    if (get_own_descriptor(environment, &fd) == 0)
         unlock(fd, writer_byte);
 }
 

@@ -40,7 +40,7 @@ struct ring_range {
     uint64_t offset, end;
 };
 
-// Returns whether a whole entry lies at the begin of a copied part of the ring.
+// Returns whether a whole entry lies at the beginning of a copied part of the ring.
 bool is_whole(const journal_area &area, const unsigned char *bytes, ring_range range,
               entry_header *header)
 {
@@ -193,7 +193,7 @@ int read_next_entry(int fd, const journal_area &area, journal_end *end, block<un
 {
     uint64_t offset = end->offset;
     int error = read_entry(fd, area, offset, end->next_sequence, entry);
-    // An entry is put at the begin only if the end of the ring may have no room for it.
+    // An entry is put at the beginning only if the end of the ring may have no room for it.
     if (error == MDB_NOTFOUND && area.size - offset < area.longest_entry()) {
         offset = first_offset;
         error = read_entry(fd, area, offset, end->next_sequence, entry);

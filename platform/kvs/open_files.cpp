@@ -1,11 +1,14 @@
 #include "platform/kvs/open_files.h"
 
+#include "platform/base/number.h"
 #include "platform/kvs/engine_status.h"
 
-#include <algorithm>
+#include <cerrno>
 #include <climits>
+#include <dirent.h>
 #include <fcntl.h>
-#include <sys/resource.h>
+#include <memory>
+#include <optional>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
@@ -33,19 +36,29 @@ bool is_named(int dir, const char *name, const file_identity &file)
     return is_file(dir, name, AT_SYMLINK_NOFOLLOW, file);
 }
 
-// The engine has a function for one of its descriptors only. The others have low numbers, since the
-// system gives the lowest free one.
-void search_descriptors(open_files *files)
+struct dir_closer {
+    void operator()(DIR *dir) const { closedir(dir); }
+};
+
+// The engine has a function for one of its descriptors only. The others are found in the list of
+// all, which is short where the limit of their numbers may be in the millions.
+[[nodiscard]] int search_descriptors(open_files *files)
 {
-    rlimit limit;
-    const rlim_t end =
-        getrlimit(RLIMIT_NOFILE, &limit) == 0 ? std::min<rlim_t>(limit.rlim_cur, INT_MAX) : 0;
-    for (int fd = 0; static_cast<rlim_t>(fd) < end && (files->header < 0 || files->lock < 0); ++fd)
-        if (is_open_as(fd, files->lock_identity))
+    const std::unique_ptr<DIR, dir_closer> list(opendir("/proc/self/fd"));
+    if (list == nullptr)
+        return errno;
+    while (const dirent *const entry = readdir(list.get())) {
+        const std::optional<uint32_t> number = parse_number(entry->d_name, 10);
+        if (!number || *number > INT_MAX)
+            continue;
+        const int fd = static_cast<int>(*number);
+        if (files->lock < 0 && is_open_as(fd, files->lock_identity))
             files->lock = fd;
-        else if (fd != files->data && is_open_as(fd, files->data_identity) &&
+        else if (files->header < 0 && fd != files->data && is_open_as(fd, files->data_identity) &&
                  (fcntl(fd, F_GETFL) & O_ACCMODE) == O_WRONLY)
             files->header = fd;
+    }
+    return 0;
 }
 
 bool owns_files_of_commits(const open_files &files)
@@ -68,7 +81,8 @@ int find_open_files(MDB_env *environment, open_files *files)
     files->header = files->lock = -1;
     if (const int error = mdb_env_get_fd(environment, &files->data); error != 0)
         return error;
-    search_descriptors(files);
+    if (const int error = search_descriptors(files); error != 0)
+        return error;
     if (!owns_all(*files))
         return files_replaced;
     return mdb_env_set_userctx(environment, files);

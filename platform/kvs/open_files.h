@@ -38,7 +38,7 @@ struct open_files {
 
 // Finds the engine's descriptors for the two identities in `files`. From then on the environment's
 // files can be checked, so `files` has to stay where it is as long as the environment. Returns 0,
-// an error of the engine, or files_replaced if the engine has other files open.
+// an error number or an error of the engine, or files_replaced if the engine has other files open.
 [[nodiscard]] int find_open_files(MDB_env *environment, open_files *files);
 
 // All return 0 or descriptors_lost.
